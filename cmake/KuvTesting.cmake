@@ -1,0 +1,55 @@
+# Test helpers: one ctest entry per GoogleTest executable, and the staged installation.
+
+# Tests labelled "tsan" are the threaded ones; a ThreadSanitizer build runs just those.
+if(NOT TARGET kuv_tsan_tests)
+  add_custom_target(kuv_tsan_tests)
+endif()
+set(KUV_STAGE_DIR ${CMAKE_BINARY_DIR}/stage)
+set(KUV_SANITIZER_DIR ${CMAKE_SOURCE_DIR}/tests/sanitizer)
+
+# Environment every test runs with: headless Qt, sanitizer settings, where the staged tree is.
+set(KUV_TEST_ENV
+  "QT_QPA_PLATFORM=offscreen"
+  "KUV_STAGE_DIR=${KUV_STAGE_DIR}"
+  "KUV_BUILD_DIR=${CMAKE_BINARY_DIR}"
+  "KUV_SOURCE_DIR=${CMAKE_SOURCE_DIR}"
+  "ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:detect_odr_violation=0"
+  "LSAN_OPTIONS=suppressions=${KUV_SANITIZER_DIR}/lsan.supp:print_suppressions=0"
+  "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1"
+  "TSAN_OPTIONS=suppressions=${KUV_SANITIZER_DIR}/tsan.supp:halt_on_error=1:second_deadlock_stack=1"
+)
+
+# kuv_add_gtest(name SOURCES a.cpp ... LIBS lib ... [LABELS l ...] [TIMEOUT s] [STAGE] [ENV K=V ...])
+# STAGE: the test runs installed binaries and needs the staged installation.
+function(kuv_add_gtest name)
+  cmake_parse_arguments(T "STAGE;NO_MAIN" "TIMEOUT" "SOURCES;LIBS;LABELS;ENV" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  kuv_strict(${name})
+  if(T_NO_MAIN)
+    target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock Threads::Threads)
+  else()
+    target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main Threads::Threads)
+  endif()
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 300)
+  endif()
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT} ENVIRONMENT "${KUV_TEST_ENV};${T_ENV}")
+  if(T_LABELS)
+    set_tests_properties(${name} PROPERTIES LABELS "${T_LABELS}")
+    if("tsan" IN_LIST T_LABELS)
+      add_dependencies(kuv_tsan_tests ${name})
+    endif()
+  endif()
+  if(T_STAGE)
+    set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED kuv_stage)
+  endif()
+endfunction()
+
+# The staged installation that integration tests copy and run.
+if(NOT TEST kuv_stage_install)
+  add_test(NAME kuv_stage_install
+    COMMAND ${CMAKE_COMMAND} -DBUILD=${CMAKE_BINARY_DIR} -DSTAGE=${KUV_STAGE_DIR}
+            -P ${CMAKE_SOURCE_DIR}/cmake/StageInstall.cmake)
+  set_tests_properties(kuv_stage_install PROPERTIES FIXTURES_SETUP kuv_stage TIMEOUT 300)
+endif()

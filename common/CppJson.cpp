@@ -1,0 +1,125 @@
+#include "CppJson.h"
+
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+// Json::Reader recurses once per nesting level and the old Reader's own limit only applies to some
+// paths; refuse absurd nesting before parsing so hostile text cannot exhaust the stack.
+constexpr size_t kMaxDepth = 1000;
+
+bool nestingWithinLimit(const char* begin, const char* end)
+{
+    size_t depth = 0;
+    bool inString = false;
+    for (const char* p = begin; p != end; ++p) {
+        const char c = *p;
+        if (inString) {
+            if (c == '\\') {
+                if (p + 1 != end) {
+                    ++p;
+                }
+            } else if (c == '"') {
+                inString = false;
+            }
+            continue;
+        }
+        if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > kMaxDepth) {
+                return false;
+            }
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return true;
+}
+
+bool parseText(const std::string& text, Json::Value& value)
+{
+    if (!nestingWithinLimit(text.data(), text.data() + text.size())) {
+        return false;
+    }
+    Json::Reader reader;
+    return reader.parse(text, value, true);
+}
+
+} // namespace
+
+namespace CppJson {
+
+bool LoadJsonFile(const char* path, Json::Value& value)
+{
+    if (path == nullptr || path[0] == '\0') {
+        return false;
+    }
+    try {
+        value = Json::Value();
+        std::ifstream in(path, std::ios::in);
+        if (!in.is_open()) {
+            return false;
+        }
+        std::ostringstream content;
+        content << in.rdbuf();
+        in.close();
+        return parseText(content.str(), value);
+    } catch (...) {
+        return false;
+    }
+}
+
+bool LoadJsonString(const std::string& text, Json::Value& value)
+{
+    if (text.empty()) {
+        return false;
+    }
+    try {
+        value = Json::Value();
+        return parseText(text, value);
+    } catch (...) {
+        return false;
+    }
+}
+
+bool WriteJsonToString(const Json::Value& value, std::string& out, bool compact)
+{
+    try {
+        if (compact) {
+            Json::FastWriter writer;
+            out = writer.write(value);
+        } else {
+            Json::StyledWriter writer;
+            out = writer.write(value);
+        }
+        if (out.empty()) {
+            return false;
+        }
+        if (out.back() == '\n') {
+            out.pop_back();
+        }
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+int GetInt(const char* key, const Json::Value& value, int defaultValue)
+{
+    try {
+        if (value.isNull() || !value.isObject() || key == nullptr || !value.isMember(key)) {
+            return defaultValue;
+        }
+        const Json::Value& member = value[key];
+        if (!member.isIntegral()) {
+            return defaultValue;
+        }
+        return member.asInt();
+    } catch (...) {
+        return defaultValue;
+    }
+}
+
+} // namespace CppJson

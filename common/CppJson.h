@@ -1,0 +1,16 @@
+// JSON text in and out through JsonCpp; every failure is a result, never an exception.
+#pragma once
+
+#include <string>
+
+#include <json/json.h>
+
+namespace CppJson {
+
+bool LoadJsonFile(const char* path, Json::Value& value);
+bool LoadJsonString(const std::string& text, Json::Value& value);
+// compact true: one line (FastWriter); false: indented (StyledWriter). No trailing line feed.
+bool WriteJsonToString(const Json::Value& value, std::string& out, bool compact);
+int GetInt(const char* key, const Json::Value& value, int defaultValue);
+
+} // namespace CppJson

@@ -1,0 +1,74 @@
+// Local command channel: framed messages over a per-user Unix domain socket.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+// Received bytes of one message, followed by a NUL byte that length() does not count.
+class CCharVector {
+public:
+    CCharVector() = default;
+    CCharVector(const char* data, size_t size);
+
+    size_t length() const { return m_size; }
+    char* data() { return m_pData.get(); }
+    const char* data() const { return m_pData.get(); }
+    void assign(const char* data, size_t size);
+
+private:
+    std::unique_ptr<char[]> m_pData;
+    size_t m_size = 0;
+};
+
+class IRemoteCallNotify {
+public:
+    virtual ~IRemoteCallNotify() = default;
+    // One call per message. kind and context are those given to registerMonitor; peerPid is the sender.
+    virtual void RecvData(CCharVector& data, long kind, void* context, unsigned long peerPid) = 0;
+};
+
+// The 16-byte frame header: payload type and length, host byte order.
+struct sPipeFrameHead {
+    unsigned long type;
+    unsigned long length;
+};
+static_assert(sizeof(sPipeFrameHead) == 16, "frame header is 16 bytes");
+
+class CAfxPipeServer {
+public:
+    // Messages whose header announces more than this are refused and their connection dropped.
+    static constexpr unsigned long kMaxMessage = 16ul * 1024 * 1024;
+
+    CAfxPipeServer();
+    ~CAfxPipeServer(); // stops first
+    CAfxPipeServer(const CAfxPipeServer&) = delete;
+    CAfxPipeServer& operator=(const CAfxPipeServer&) = delete;
+
+    // A logical name such as "/tmp/kuv-gui": the socket is that name's last component in the runtime dir.
+    void setName(std::string name);
+    void registerMonitor(IRemoteCallNotify* notify, long kind, void* context, bool flag);
+    // 1 when listening, 0 on failure (logged).
+    int start();
+    // Returns only when no RecvData call is running; none runs afterwards.
+    void stop();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+class CAfxPipeClient {
+public:
+    explicit CAfxPipeClient(std::string name);
+    ~CAfxPipeClient();
+    CAfxPipeClient(const CAfxPipeClient&) = delete;
+    CAfxPipeClient& operator=(const CAfxPipeClient&) = delete;
+
+    // Sends one whole message (header included, as built by the caller). Non-zero once the server
+    // has been handed every byte; 0 otherwise. Retries connecting for up to 2 s, never blocks over 5 s.
+    int async(const char* data, unsigned long size);
+
+private:
+    std::string m_strName;
+};

@@ -1,0 +1,59 @@
+// The plugin loader: plugin descriptions from JSON files, asynchronous load and unload on the GUI thread.
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QVariant>
+
+class QWidget;
+
+class CQPluginManager : public QObject {
+    Q_OBJECT
+public:
+    enum PluginState { PLUGIN_KNOWN = 0, PLUGIN_LOADING, PLUGIN_LOADED, PLUGIN_FAILED, PLUGIN_UNLOADED };
+
+    // What the shell shows about one plugin.
+    struct PluginStatus {
+        QString id;
+        QString version;
+        QString description;
+        QString guid;
+        PluginState state = PLUGIN_KNOWN;
+        QString reason; // why it failed, empty otherwise
+        QString pageTitle;
+        QPointer<QWidget> page;
+    };
+
+    static CQPluginManager* singleInstance();
+    static void UninitInstance();
+
+    void setPluginRelativeRootPath(const QString& root);
+    void setPluginConfigFilePath(const QString& path);
+    // Reads every plugin description in the configuration path; returns how many were read.
+    int loadAllPluginInfo();
+    // Returns at once; the load runs on the GUI thread in a later turn of the event loop. 0 when queued.
+    int installPluginAsyn(const QString& name, const QVariant& paras);
+    // Returns at once; sig_unstallPluginComplete(name, result) follows exactly once per call.
+    int unstallPluginAsyn(const QString& name);
+    // Unloads every loaded plugin in reverse load order.
+    int unstallAllPlugin();
+
+    QList<PluginStatus> pluginStatus() const;
+    // Unload requests whose completion has not been signalled yet.
+    int pendingUnloads() const;
+
+signals:
+    void sig_unstallPluginComplete(QString name, int result);
+    // A plugin was loaded, failed or unloaded; the shell refreshes its pages.
+    void sig_pluginStateChanged(QString name);
+
+protected:
+    explicit CQPluginManager(QObject* parent = nullptr);
+    ~CQPluginManager() override;
+
+private:
+    struct Impl;
+    Impl* m_impl;
+};

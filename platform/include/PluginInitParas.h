@@ -1,0 +1,13 @@
+// The record handed to each plugin at load: its bus endpoint and the instance tag.
+#pragma once
+
+#include <QMap>
+#include <QMetaType>
+#include <QString>
+#include <QVariant>
+
+// Keys: "IZellMREndPoint4" and "CGlobalTag", each a QVariant::fromValue<void*>.
+struct sPluginInitParas {
+    QMap<QString, QVariant> mapParas;
+};
+Q_DECLARE_METATYPE(sPluginInitParas)

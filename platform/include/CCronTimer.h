@@ -2,7 +2,7 @@
 #pragma once
 
 #include <string>
-#include <tr1/functional>
+#include <functional>
 
 class CCronTimer {
 public:
@@ -14,7 +14,8 @@ public:
 
 class CCronTimerInterface {
 public:
-    typedef std::tr1::function<void(void*)> TimerFunc;
+    // Callbacks take the timer's data pointer.
+    typedef std::function<void(void*)> TimerFunc;
 
     static CCronTimerInterface* singleInstance();
     // Stops the timer thread; no callback runs afterwards.

@@ -1,0 +1,11 @@
+// Lets each platform double take part in fake::resetAll().
+#pragma once
+
+#include <vector>
+
+namespace fake {
+std::vector<void (*)()>& resetHooks();
+struct ResetHook {
+    explicit ResetHook(void (*hook)()) { resetHooks().push_back(hook); }
+};
+} // namespace fake

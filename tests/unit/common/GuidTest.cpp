@@ -1,0 +1,82 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "Guid.h"
+
+namespace {
+const unsigned char kAppGuid[16] = {0x50, 0x2E, 0x35, 0xF6, 0x40, 0x5C, 0xEE, 0x11,
+                                    0xBE, 0xE1, 0x47, 0xBA, 0xD2, 0x01, 0x1C, 0x1F};
+
+GUID filled(unsigned char byte)
+{
+    GUID g;
+    memset(&g, byte, sizeof(g));
+    return g;
+}
+} // namespace
+
+TEST(Guid, PlainAndBracedGiveSameBytes)
+{
+    GUID plain = filled(0xAA);
+    GUID braced = filled(0x55);
+    stringToGuid(plain, "F6352E50-5C40-11EE-BEE1-47BAD2011C1F");
+    stringToGuid(braced, "{F6352E50-5C40-11EE-BEE1-47BAD2011C1F}");
+    EXPECT_EQ(memcmp(&plain, &braced, 16), 0);
+    EXPECT_EQ(plain.Data1, 0xF6352E50u);
+    EXPECT_EQ(memcmp(&plain, kAppGuid, 16), 0);
+}
+
+TEST(Guid, LowerCaseDigitsAccepted)
+{
+    GUID g = filled(0);
+    stringToGuid(g, "f6352e50-5c40-11ee-bee1-47bad2011c1f");
+    EXPECT_EQ(memcmp(&g, kAppGuid, 16), 0);
+}
+
+TEST(Guid, NullGivesZeros)
+{
+    GUID g = filled(0xFF);
+    stringToGuid(g, nullptr);
+    const GUID zero = filled(0);
+    EXPECT_EQ(memcmp(&g, &zero, 16), 0);
+}
+
+TEST(Guid, OpeningBraceWithoutClosingStillConverts)
+{
+    GUID g = filled(0);
+    stringToGuid(g, "{F6352E50-5C40-11EE-BEE1-47BAD2011C1F");
+    EXPECT_EQ(memcmp(&g, kAppGuid, 16), 0);
+}
+
+TEST(Guid, OnlyClosingBraceConvertsByPlainFormat)
+{
+    GUID g = filled(0);
+    stringToGuid(g, "F6352E50-5C40-11EE-BEE1-47BAD2011C1F}");
+    EXPECT_EQ(memcmp(&g, kAppGuid, 16), 0);
+}
+
+TEST(Guid, NonHexInThirdGroupSetsFirstTwoFieldsOnly)
+{
+    GUID g = filled(0x77);
+    stringToGuid(g, "F6352E50-5C40-1XEE-BEE1-47BAD2011C1F");
+    EXPECT_EQ(g.Data1, 0xF6352E50u);
+    EXPECT_EQ(g.Data2, 0x5C40u);
+    // "1X" scans as hex 1 and stops there: the third field takes 1, the rest keep their bytes.
+    EXPECT_EQ(g.Data3, 1u);
+    for (unsigned char b : g.Data4) {
+        EXPECT_EQ(b, 0x77);
+    }
+}
+
+TEST(Guid, NonHexAtStartOfThirdGroupLeavesItUntouched)
+{
+    GUID g = filled(0x77);
+    stringToGuid(g, "F6352E50-5C40-XXEE-BEE1-47BAD2011C1F");
+    EXPECT_EQ(g.Data1, 0xF6352E50u);
+    EXPECT_EQ(g.Data2, 0x5C40u);
+    EXPECT_EQ(g.Data3, 0x7777u);
+    for (unsigned char b : g.Data4) {
+        EXPECT_EQ(b, 0x77);
+    }
+}

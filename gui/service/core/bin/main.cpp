@@ -1,0 +1,42 @@
+// kuvgui: the per-user GUI service, or, when it already runs, a forwarder of this command line to it.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <string>
+
+#include "GuiEntry.h"
+
+namespace {
+
+// The service library (Qt, the bus, the log) is loaded only by the process that becomes the service, so a
+// forwarding start costs no more than the tag check and one message.
+PFN_KUVGUI_SERVICE_RUN loadService()
+{
+    char exe[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+    if (n <= 0) {
+        perror("kuvgui: cannot resolve /proc/self/exe");
+        return nullptr;
+    }
+    std::string dir(exe, static_cast<size_t>(n));
+    dir.erase(dir.rfind('/'));
+    const std::string library = dir + "/../lib/" KUVGUI_SERVICE_LIBRARY;
+    // Never closed: the service's objects, atexit handlers and Qt live in it until the process ends.
+    void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    if (handle == nullptr) {
+        const char* error = dlerror();
+        fprintf(stderr, "kuvgui: cannot load %s: %s\n", library.c_str(), error != nullptr ? error : "");
+        return nullptr;
+    }
+    auto run = reinterpret_cast<PFN_KUVGUI_SERVICE_RUN>(dlsym(handle, KUVGUI_SERVICE_RUN_SYMBOL));
+    if (run == nullptr) {
+        fprintf(stderr, "kuvgui: %s has no %s\n", library.c_str(), KUVGUI_SERVICE_RUN_SYMBOL);
+    }
+    return run;
+}
+
+} // namespace
+
+int main(int argc, char** argv) { return kuvguiEntry(argc, argv, &loadService); }

@@ -1,0 +1,84 @@
+// ConstConfig: directories from the environment or from where the executable lies.
+#include "ConstConfig.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+
+#include "FileUtils.h"
+
+namespace {
+std::mutex g_mutex;
+ConstConfig* g_instance = nullptr;
+
+std::string withSlash(std::string dir)
+{
+    if (!dir.empty() && dir.back() != '/') {
+        dir += '/';
+    }
+    return dir;
+}
+} // namespace
+
+ConstConfig* ConstConfig::singleInstance()
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    if (g_instance == nullptr) {
+        g_instance = new (std::nothrow) ConstConfig();
+    }
+    return g_instance;
+}
+
+void ConstConfig::UninitInstance()
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    delete g_instance;
+    g_instance = nullptr;
+}
+
+std::string ConstConfig::getInstallDir()
+{
+    const char* env = std::getenv("KUV_INSTALL_DIR");
+    if (env != nullptr && env[0] != '\0') {
+        return withSlash(env);
+    }
+    // DIR/bin/program: the installation is the parent of the executable's directory.
+    std::string dir = CDir::currentDir();
+    while (dir.size() > 1 && dir.back() == '/') {
+        dir.pop_back();
+    }
+    const auto slash = dir.rfind('/');
+    if (slash == std::string::npos) {
+        return std::string();
+    }
+    return dir.substr(0, slash + 1);
+}
+
+std::string ConstConfig::getConfigurationDir()
+{
+    const char* env = std::getenv("KUV_CONFIG_DIR");
+    if (env != nullptr && env[0] != '\0') {
+        return withSlash(env);
+    }
+    const std::string install = getInstallDir();
+    return install.empty() ? std::string() : install + "etc/";
+}
+
+std::string ConstConfig::getClientVersion()
+{
+    const std::string install = getInstallDir();
+    if (install.empty()) {
+        return std::string();
+    }
+    std::ifstream in(install + "VERSION", std::ios::in | std::ios::binary);
+    if (!in.is_open()) {
+        return std::string();
+    }
+    // A version is short; a huge first line is not one.
+    std::string line;
+    char c;
+    while (line.size() < 4096 && in.get(c) && c != '\n') {
+        line += c;
+    }
+    return CStr::trim(line);
+}

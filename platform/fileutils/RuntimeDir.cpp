@@ -1,0 +1,211 @@
+// The private per-user runtime directory, atomic file replacement and control-character escaping.
+#include "FileUtils.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+class Fd {
+public:
+    explicit Fd(int fd = -1) : m_fd(fd) {}
+    ~Fd() { reset(); }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int get() const { return m_fd; }
+    void reset(int fd = -1)
+    {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        m_fd = fd;
+    }
+    int release()
+    {
+        const int fd = m_fd;
+        m_fd = -1;
+        return fd;
+    }
+
+private:
+    int m_fd;
+};
+
+void setError(std::string* error, const std::string& text)
+{
+    if (error != nullptr) {
+        *error = text;
+    }
+}
+
+std::string octal(unsigned int mode)
+{
+    char buffer[16];
+    std::snprintf(buffer, sizeof buffer, "%04o", mode & 07777u);
+    return buffer;
+}
+
+// Whether a base directory from the environment is good enough to hold our own directory.
+bool privateDir(const char* path, uid_t uid)
+{
+    struct stat st;
+    return path != nullptr && path[0] == '/' && ::lstat(path, &st) == 0 && S_ISDIR(st.st_mode) &&
+           st.st_uid == uid && (st.st_mode & 07777) == 0700;
+}
+
+} // namespace
+
+namespace kuv {
+
+std::string runtimeDir(std::string* error)
+{
+    const uid_t uid = ::geteuid();
+    std::string dir;
+    const char* xdg = std::getenv("XDG_RUNTIME_DIR");
+    if (privateDir(xdg, uid)) {
+        dir = xdg;
+        if (dir.back() != '/') {
+            dir += '/';
+        }
+        dir += "kuv";
+    } else {
+        dir = "/tmp/kuv-" + std::to_string(uid);
+    }
+
+    struct stat st;
+    if (::lstat(dir.c_str(), &st) != 0) {
+        if (errno != ENOENT) {
+            setError(error, "runtime directory " + dir + "/ cannot be examined: " + std::strerror(errno));
+            return std::string();
+        }
+        if (::mkdir(dir.c_str(), 0700) == 0) {
+            // mkdir honours the umask; make the mode exact.
+            ::chmod(dir.c_str(), 0700);
+        } else if (errno != EEXIST) {
+            setError(error, "runtime directory " + dir + "/ cannot be created: " + std::strerror(errno));
+            return std::string();
+        }
+        if (::lstat(dir.c_str(), &st) != 0) {
+            setError(error, "runtime directory " + dir + "/ cannot be examined: " + std::strerror(errno));
+            return std::string();
+        }
+    }
+    if (S_ISLNK(st.st_mode)) {
+        setError(error, "runtime directory " + dir + "/ is a symbolic link; refused");
+        return std::string();
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        setError(error, "runtime directory " + dir + "/ is not a directory; refused");
+        return std::string();
+    }
+    if (st.st_uid != uid) {
+        setError(error, "runtime directory " + dir + "/ is owned by uid " + std::to_string(st.st_uid) +
+                            ", not by uid " + std::to_string(uid) + "; refused");
+        return std::string();
+    }
+    if ((st.st_mode & 07777) != 0700) {
+        setError(error, "runtime directory " + dir + "/ has mode " + octal(st.st_mode) + ", not 0700; refused");
+        return std::string();
+    }
+    return dir + '/';
+}
+
+std::string runtimePath(const std::string& logicalName, std::string* error)
+{
+    std::string name = logicalName;
+    while (!name.empty() && name.back() == '/') {
+        name.pop_back();
+    }
+    const auto slash = name.rfind('/');
+    if (slash != std::string::npos) {
+        name.erase(0, slash + 1);
+    }
+    if (name.empty() || name == "." || name == "..") {
+        setError(error, "\"" + escapeControl(logicalName) + "\" names no runtime entry");
+        return std::string();
+    }
+    const std::string dir = runtimeDir(error);
+    return dir.empty() ? std::string() : dir + name;
+}
+
+bool writeFileAtomic(const std::string& path, const std::string& content, unsigned int mode)
+{
+    if (path.empty() || path.back() == '/') {
+        return false;
+    }
+    static std::atomic<unsigned> counter{0};
+    std::string tmp;
+    Fd fd;
+    for (int attempt = 0; attempt < 16 && fd.get() < 0; ++attempt) {
+        tmp = path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+        fd.reset(::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (fd.get() < 0 && errno != EEXIST) {
+            return false;
+        }
+    }
+    if (fd.get() < 0) {
+        return false;
+    }
+    bool ok = ::fchmod(fd.get(), static_cast<mode_t>(mode & 07777)) == 0;
+    const char* p = content.data();
+    size_t left = content.size();
+    while (ok && left > 0) {
+        const ssize_t n = ::write(fd.get(), p, left);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            ok = false;
+            break;
+        }
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+    ok = ok && ::fsync(fd.get()) == 0;
+    const int raw = fd.release();
+    ok = (::close(raw) == 0) && ok;
+    if (ok && ::rename(tmp.c_str(), path.c_str()) == 0) {
+        return true;
+    }
+    ::unlink(tmp.c_str());
+    return false;
+}
+
+std::string escapeControl(const std::string& text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const auto u = static_cast<unsigned char>(c);
+        switch (u) {
+        case '\n':
+            out += "\\n";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        default:
+            if (u < 0x20 || u == 0x7f) {
+                static const char hex[] = "0123456789abcdef";
+                out += "\\x";
+                out += hex[u >> 4];
+                out += hex[u & 0xf];
+            } else {
+                out += c;
+            }
+        }
+    }
+    return out;
+}
+
+} // namespace kuv

@@ -1,0 +1,271 @@
+// CGlobalTag: <name>.lock held with flock() (the kernel drops it with its holder), <name>.attr as JSON.
+#include "CGlobalTag.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+
+#include "CppJson.h"
+#include "FileUtils.h"
+
+namespace {
+
+constexpr size_t kMaxName = 200;
+constexpr off_t kMaxAttributeFile = 64 * 1024;
+
+class Fd {
+public:
+    explicit Fd(int fd = -1) : m_fd(fd) {}
+    ~Fd() { reset(); }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int get() const { return m_fd; }
+    void reset(int fd = -1)
+    {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        m_fd = fd;
+    }
+    int release()
+    {
+        const int fd = m_fd;
+        m_fd = -1;
+        return fd;
+    }
+
+private:
+    int m_fd;
+};
+
+bool validName(const std::string& name)
+{
+    return !name.empty() && name.size() <= kMaxName && name != "." && name != ".." &&
+           name.find('/') == std::string::npos && kuv::escapeControl(name) == name;
+}
+
+std::string lockPath(const std::string& dir, const std::string& name)
+{
+    return dir + name + ".lock";
+}
+
+std::string attrPath(const std::string& dir, const std::string& name)
+{
+    return dir + name + ".attr";
+}
+
+// Whether /proc/locks lists an exclusive flock on this file. -1 when /proc/locks cannot be read.
+int heldPerProcLocks(const struct stat& st)
+{
+    std::ifstream in("/proc/locks");
+    if (!in.is_open()) {
+        return -1;
+    }
+    char wanted[64];
+    std::snprintf(wanted, sizeof wanted, " %02x:%02x:%lu ", major(st.st_dev), minor(st.st_dev),
+                  static_cast<unsigned long>(st.st_ino));
+    std::string line;
+    while (std::getline(in, line)) {
+        // "1: FLOCK  ADVISORY  WRITE 1234 00:2a:5678 0 EOF"; waiters carry "->" and hold nothing.
+        if (line.find("FLOCK") == std::string::npos || line.find("->") != std::string::npos ||
+            line.find(" WRITE ") == std::string::npos) {
+            continue;
+        }
+        if ((line + " ").find(wanted) != std::string::npos) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+struct CGlobalTag::Impl {
+    std::string name;
+    std::string dir;
+    std::string error;
+    mutable std::mutex mutex;
+    mutable Fd lock;
+    mutable bool held = false;
+    mutable std::map<std::string, std::string> attributes;
+    mutable bool reported = false;
+
+    void reportOnce(const std::string& why) const
+    {
+        if (!reported) {
+            reported = true;
+            std::fprintf(stderr, "kuv instance tag %s: %s\n", kuv::escapeControl(name).c_str(),
+                         kuv::escapeControl(why).c_str());
+        }
+    }
+
+    bool publish() const
+    {
+        Json::Value root(Json::objectValue);
+        for (const auto& kv : attributes) {
+            root[kv.first] = kv.second;
+        }
+        std::string text;
+        return CppJson::WriteJsonToString(root, text, true) &&
+               kuv::writeFileAtomic(attrPath(dir, name), text + "\n", 0600);
+    }
+};
+
+CGlobalTag::TagConfig CGlobalTag::TagConfig::getUserConfig()
+{
+    TagConfig config;
+    config.dir = kuv::runtimeDir(&config.error);
+    return config;
+}
+
+CGlobalTag::CGlobalTag(const std::string& name, const TagConfig& config) : m_impl(std::make_unique<Impl>())
+{
+    m_impl->name = name;
+    m_impl->dir = config.dir;
+    m_impl->error = config.error;
+    if (!m_impl->dir.empty() && m_impl->dir.back() != '/') {
+        m_impl->dir += '/';
+    }
+}
+
+CGlobalTag::~CGlobalTag()
+{
+    std::lock_guard<std::mutex> guard(m_impl->mutex);
+    if (m_impl->held) {
+        // The attributes go first, while the tag is still ours, so a next holder's file is never touched.
+        ::unlink(attrPath(m_impl->dir, m_impl->name).c_str());
+        m_impl->lock.reset();
+        m_impl->held = false;
+    }
+}
+
+int CGlobalTag::trylock(bool wait) const
+{
+    Impl& d = *m_impl;
+    std::lock_guard<std::mutex> guard(d.mutex);
+    if (d.held) {
+        return 1;
+    }
+    if (d.dir.empty()) {
+        d.reportOnce(d.error.empty() ? std::string("no runtime directory") : d.error);
+        return -1;
+    }
+    if (!validName(d.name)) {
+        d.reportOnce("not a usable tag name");
+        return -1;
+    }
+    const std::string path = lockPath(d.dir, d.name);
+    Fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (fd.get() < 0) {
+        d.reportOnce("cannot open " + path + ": " + std::strerror(errno));
+        return -1;
+    }
+    int rc;
+    do {
+        rc = ::flock(fd.get(), LOCK_EX | (wait ? 0 : LOCK_NB));
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) {
+        if (errno == EWOULDBLOCK) {
+            return 2;
+        }
+        d.reportOnce("cannot lock " + path + ": " + std::strerror(errno));
+        return -1;
+    }
+    d.lock.reset(fd.release());
+    d.held = true;
+    d.attributes.clear();
+    // Whatever a dead holder published is not ours to show.
+    ::unlink(attrPath(d.dir, d.name).c_str());
+    return 1;
+}
+
+int CGlobalTag::setAttribute(const std::string& key, const std::string& value) const
+{
+    Impl& d = *m_impl;
+    std::lock_guard<std::mutex> guard(d.mutex);
+    if (!d.held || key.empty()) {
+        return 0;
+    }
+    try {
+        const auto previous = d.attributes;
+        d.attributes[key] = value;
+        if (!d.publish()) {
+            d.attributes = previous;
+            return 0;
+        }
+        return 1;
+    } catch (...) {
+        return 0;
+    }
+}
+
+bool CGlobalTag::isHeld(const std::string& name, const TagConfig& config)
+{
+    if (config.dir.empty() || !validName(name)) {
+        return false;
+    }
+    std::string dir = config.dir;
+    if (dir.back() != '/') {
+        dir += '/';
+    }
+    const std::string path = lockPath(dir, name);
+    Fd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st;
+    if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) {
+        return false;
+    }
+    // Reading /proc/locks does not disturb a process that is taking the tag right now.
+    const int listed = heldPerProcLocks(st);
+    if (listed >= 0) {
+        return listed == 1;
+    }
+    if (::flock(fd.get(), LOCK_SH | LOCK_NB) == 0) {
+        ::flock(fd.get(), LOCK_UN);
+        return false;
+    }
+    return errno == EWOULDBLOCK;
+}
+
+bool CGlobalTag::readAttributes(const std::string& name, const TagConfig& config,
+                                std::map<std::string, std::string>& attributes)
+{
+    attributes.clear();
+    if (!isHeld(name, config)) {
+        return false;
+    }
+    std::string dir = config.dir;
+    if (dir.back() != '/') {
+        dir += '/';
+    }
+    const std::string path = attrPath(dir, name);
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0) {
+        return errno == ENOENT; // held, nothing published yet
+    }
+    if (!S_ISREG(st.st_mode) || st.st_size > kMaxAttributeFile) {
+        return false;
+    }
+    Json::Value root;
+    if (!CppJson::LoadJsonFile(path.c_str(), root) || !root.isObject()) {
+        return false;
+    }
+    try {
+        for (const std::string& key : root.getMemberNames()) {
+            if (root[key].isString()) {
+                attributes[key] = root[key].asString();
+            }
+        }
+    } catch (...) {
+        attributes.clear();
+        return false;
+    }
+    return true;
+}

@@ -5,6 +5,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 
 class QWidget;
@@ -43,6 +44,8 @@ public:
     QList<PluginStatus> pluginStatus() const;
     // Unload requests whose completion has not been signalled yet.
     int pendingUnloads() const;
+    // Ids of the loaded plugins, oldest load first.
+    QStringList loadedPlugins() const;
 
 signals:
     void sig_unstallPluginComplete(QString name, int result);
@@ -54,6 +57,11 @@ protected:
     ~CQPluginManager() override;
 
 private:
+    // Both run on the GUI thread only.
+    void loadNow(const QString& name, const QVariant& paras);
+    int unloadNow(const QString& name, bool announce);
+    void markFailed(const QString& name, const QString& reason);
+
     struct Impl;
     Impl* m_impl;
 };

@@ -16,7 +16,8 @@ public:
 
     // paras holds an sPluginInitParas. 0 on success; non-zero (or a throw) marks the plugin failed.
     virtual int init(const QVariant& paras) = 0;
-    // Called on the GUI thread before the plugin object is deleted; the endpoint must be quiet after it.
+    // Called on the GUI thread before the plugin object is deleted, also after a failed init (so it must
+    // cope with a partial init); the endpoint must be quiet after it.
     virtual void uninit() = 0;
     // The plugin's page for the shell's main window, or null; owned by the plugin until uninit.
     virtual QWidget* page() = 0;

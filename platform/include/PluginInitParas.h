@@ -6,7 +6,8 @@
 #include <QString>
 #include <QVariant>
 
-// Keys: "IZellMREndPoint4" and "CGlobalTag", each a QVariant::fromValue<void*>.
+// Keys: "IZellMREndPoint4" and "CGlobalTag", each a QVariant::fromValue<void*>. The plugin loader adds
+// "PluginGuid" (QString, the plugin's bus address from its description) before handing it on.
 struct sPluginInitParas {
     QMap<QString, QVariant> mapParas;
 };

@@ -1,0 +1,10 @@
+// The shell's window and tray icon, painted so that no image file has to ship.
+#pragma once
+
+#include <QIcon>
+
+namespace kuv {
+namespace shell {
+QIcon appIcon();
+} // namespace shell
+} // namespace kuv

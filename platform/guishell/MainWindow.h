@@ -1,0 +1,68 @@
+// The shell's main window: navigation list and pages (overview, scan, settings, plugin pages).
+#pragma once
+
+#include <QList>
+#include <QMainWindow>
+#include <QPointer>
+#include <QStringList>
+
+class QAction;
+class QListWidget;
+class QListWidgetItem;
+class QMenu;
+class QStackedWidget;
+
+namespace kuv {
+namespace shell {
+
+class OverviewPage;
+class ScanPage;
+class SettingsPage;
+
+class MainWindow : public QMainWindow {
+    Q_OBJECT
+public:
+    explicit MainWindow(QWidget* parent = nullptr);
+    ~MainWindow() override;
+
+    void showScanRequest(const QStringList& paths);
+    // Gives plugin pages back to their plugins before the window goes.
+    void detachPluginPages();
+
+public slots:
+    // Adds pages of newly loaded plugins and drops the entries of those that went.
+    void syncPluginPages();
+
+signals:
+    void quitRequested();
+    void languageChosen(QString language);
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+    void changeEvent(QEvent* event) override;
+
+private:
+    void retranslate();
+    void addPage(QWidget* page, QListWidgetItem* item);
+
+    struct PluginPage {
+        QString id;
+        QPointer<QWidget> page;
+        QListWidgetItem* item = nullptr;
+    };
+
+    QListWidget* m_nav;
+    QStackedWidget* m_stack;
+    OverviewPage* m_overview;
+    ScanPage* m_scan;
+    SettingsPage* m_settings;
+    QListWidgetItem* m_overviewItem;
+    QListWidgetItem* m_scanItem;
+    QListWidgetItem* m_settingsItem;
+    QMenu* m_fileMenu;
+    QAction* m_quitAction;
+    QList<PluginPage> m_pluginPages;
+};
+
+} // namespace shell
+} // namespace kuv

@@ -1,0 +1,245 @@
+#include "OverviewPage.h"
+
+#include <map>
+#include <set>
+#include <string>
+
+#include <QDir>
+#include <QEvent>
+#include <QFileInfo>
+#include <QFormLayout>
+#include <QGroupBox>
+#include <QHeaderView>
+#include <QLabel>
+#include <QTreeWidget>
+#include <QVBoxLayout>
+
+#include "CGlobalTag.h"
+#include "CQPluginManager.h"
+#include "ConstConfig.h"
+#include "CppJson.h"
+#include "FileUtils.h"
+
+namespace kuv {
+namespace shell {
+
+namespace {
+
+const char* const kInstanceTag = "A5F24530-52D7-11EE-AF47-4B159A309AD8";
+// A combo map file is a few lines; anything bigger is not one.
+constexpr qint64 kMaxMapFileBytes = 256 * 1024;
+
+struct ComboEntry {
+    int index = 0;
+    QString name;
+    QStringList plugins;
+};
+
+std::vector<ComboEntry> readCombos()
+{
+    std::vector<ComboEntry> out;
+    const QString dir =
+        QString::fromStdString(ConstConfig::singleInstance()->getInstallDir()) + "etc/plugins-gui/combo_plugin_map";
+    const QFileInfoList files = QDir(dir).entryInfoList(QDir::Files, QDir::Name);
+    for (const QFileInfo& fi : files) {
+        if (fi.isSymLink() || fi.size() > kMaxMapFileBytes) {
+            continue;
+        }
+        Json::Value root;
+        if (!CppJson::LoadJsonFile(fi.absoluteFilePath().toLocal8Bit().constData(), root) || !root.isObject()) {
+            continue;
+        }
+        const Json::Value& list = root["pluginList"];
+        if (!list.isArray()) {
+            continue;
+        }
+        ComboEntry e;
+        e.index = CppJson::GetInt("index", root, 0);
+        e.name = root["combo"].isString() ? QString::fromStdString(root["combo"].asString()).toLower() : QString();
+        for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+            const Json::Value& item = list[i];
+            if (item.isObject() && item["id"].isString()) {
+                e.plugins << QString::fromStdString(item["id"].asString());
+            }
+        }
+        out.push_back(e);
+    }
+    return out;
+}
+
+QString esc(const std::string& text)
+{
+    return QString::fromStdString(kuv::escapeControl(text));
+}
+
+} // namespace
+
+OverviewPage::OverviewPage(QWidget* parent) : QWidget(parent)
+{
+    setObjectName(QStringLiteral("kuvOverviewPage"));
+    auto* layout = new QVBoxLayout(this);
+
+    m_instanceBox = new QGroupBox(this);
+    auto* form = new QFormLayout(m_instanceBox);
+    m_pidCaption = new QLabel(m_instanceBox);
+    m_pidValue = new QLabel(m_instanceBox);
+    m_statusCaption = new QLabel(m_instanceBox);
+    m_statusValue = new QLabel(m_instanceBox);
+    m_busCaption = new QLabel(m_instanceBox);
+    m_busValue = new QLabel(m_instanceBox);
+    m_versionCaption = new QLabel(m_instanceBox);
+    m_versionValue = new QLabel(m_instanceBox);
+    m_pidValue->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    form->addRow(m_pidCaption, m_pidValue);
+    form->addRow(m_statusCaption, m_statusValue);
+    form->addRow(m_busCaption, m_busValue);
+    form->addRow(m_versionCaption, m_versionValue);
+    layout->addWidget(m_instanceBox);
+
+    m_comboBox = new QGroupBox(this);
+    auto* comboLayout = new QVBoxLayout(m_comboBox);
+    m_combos = new QTreeWidget(m_comboBox);
+    m_combos->setObjectName(QStringLiteral("kuvComboList"));
+    m_combos->setRootIsDecorated(false);
+    m_combos->setColumnCount(4);
+    comboLayout->addWidget(m_combos);
+    layout->addWidget(m_comboBox, 1);
+
+    m_pluginBox = new QGroupBox(this);
+    auto* pluginLayout = new QVBoxLayout(m_pluginBox);
+    m_plugins = new QTreeWidget(m_pluginBox);
+    m_plugins->setObjectName(QStringLiteral("kuvPluginList"));
+    m_plugins->setRootIsDecorated(false);
+    m_plugins->setColumnCount(4);
+    pluginLayout->addWidget(m_plugins);
+    layout->addWidget(m_pluginBox, 2);
+
+    // The instance attributes change behind our back (bus status); poll only while visible.
+    m_refreshTimer.setInterval(2000);
+    connect(&m_refreshTimer, &QTimer::timeout, this, &OverviewPage::refresh);
+    connect(CQPluginManager::singleInstance(), &CQPluginManager::sig_pluginStateChanged, this,
+            &OverviewPage::refresh);
+
+    retranslate();
+}
+
+void OverviewPage::retranslate()
+{
+    m_instanceBox->setTitle(tr("This instance"));
+    m_pidCaption->setText(tr("Process ID:"));
+    m_statusCaption->setText(tr("Status:"));
+    m_busCaption->setText(tr("Message bus:"));
+    m_versionCaption->setText(tr("Client version:"));
+    m_comboBox->setTitle(tr("Combos"));
+    m_combos->setHeaderLabels({tr("Combo"), tr("Index"), tr("Plugins"), tr("State")});
+    m_pluginBox->setTitle(tr("Plugins"));
+    m_plugins->setHeaderLabels({tr("Plugin"), tr("Version"), tr("State"), tr("Details")});
+    refresh();
+}
+
+void OverviewPage::refresh()
+{
+    std::map<std::string, std::string> attrs;
+    const bool haveAttrs =
+        CGlobalTag::readAttributes(kInstanceTag, CGlobalTag::TagConfig::getUserConfig(), attrs);
+    const auto attr = [&attrs](const char* key) {
+        auto it = attrs.find(key);
+        return it == attrs.end() ? std::string() : it->second;
+    };
+    const std::string pid = attr("pid");
+    const std::string status = attr("status");
+    m_pidValue->setText(haveAttrs && !pid.empty() ? esc(pid) : tr("unknown"));
+    if (status == "3" || status == "2") {
+        m_statusValue->setText(tr("Running (status %1)").arg(esc(status)));
+    } else if (status == "1") {
+        m_statusValue->setText(tr("Starting (status %1)").arg(esc(status)));
+    } else if (status == "0") {
+        m_statusValue->setText(tr("Initialising (status %1)").arg(esc(status)));
+    } else if (!status.empty()) {
+        m_statusValue->setText(tr("Status %1").arg(esc(status)));
+    } else {
+        m_statusValue->setText(tr("Not published"));
+    }
+    // The bus client publishes status 1 once it is up; before that there is no bus connection.
+    const bool busUp = status == "1" || status == "2" || status == "3";
+    m_busValue->setText(busUp ? tr("Bus client started") : tr("No bus client"));
+    const std::string version = ConstConfig::singleInstance()->getClientVersion();
+    m_versionValue->setText(version.empty() ? tr("unknown") : esc(version));
+
+    const QList<CQPluginManager::PluginStatus> plugins = CQPluginManager::singleInstance()->pluginStatus();
+    std::map<QString, CQPluginManager::PluginState> states;
+    m_plugins->clear();
+    for (const CQPluginManager::PluginStatus& s : plugins) {
+        states[s.id] = s.state;
+        QString state;
+        switch (s.state) {
+        case CQPluginManager::PLUGIN_KNOWN:
+            state = tr("Not loaded");
+            break;
+        case CQPluginManager::PLUGIN_LOADING:
+            state = tr("Loading");
+            break;
+        case CQPluginManager::PLUGIN_LOADED:
+            state = tr("Loaded");
+            break;
+        case CQPluginManager::PLUGIN_FAILED:
+            state = tr("Failed");
+            break;
+        case CQPluginManager::PLUGIN_UNLOADED:
+            state = tr("Unloaded");
+            break;
+        }
+        const QString details = s.state == CQPluginManager::PLUGIN_FAILED ? s.reason : s.description;
+        auto* item = new QTreeWidgetItem(m_plugins, {s.id, s.version, state, details});
+        item->setToolTip(3, details);
+    }
+
+    m_combos->clear();
+    for (const ComboEntry& c : readCombos()) {
+        int loaded = 0;
+        for (const QString& p : c.plugins) {
+            auto it = states.find(p);
+            if (it != states.end() && it->second == CQPluginManager::PLUGIN_LOADED) {
+                ++loaded;
+            }
+        }
+        QString state;
+        if (!c.plugins.isEmpty() && loaded == c.plugins.size()) {
+            state = tr("Loaded");
+        } else if (loaded > 0) {
+            state = tr("Partly loaded (%1 of %2)").arg(loaded).arg(c.plugins.size());
+        } else {
+            state = tr("Not loaded");
+        }
+        new QTreeWidgetItem(m_combos, {c.name, QString::number(c.index), c.plugins.join(QStringLiteral(", ")), state});
+    }
+    for (QTreeWidget* tree : {m_combos, m_plugins}) {
+        for (int i = 0; i < tree->columnCount() - 1; ++i) {
+            tree->resizeColumnToContents(i);
+        }
+    }
+}
+
+void OverviewPage::changeEvent(QEvent* event)
+{
+    if (event->type() == QEvent::LanguageChange) {
+        retranslate();
+    }
+    QWidget::changeEvent(event);
+}
+
+void OverviewPage::showEvent(QShowEvent* event)
+{
+    refresh();
+    m_refreshTimer.start();
+    QWidget::showEvent(event);
+}
+
+void OverviewPage::hideEvent(QHideEvent* event)
+{
+    m_refreshTimer.stop();
+    QWidget::hideEvent(event);
+}
+
+} // namespace shell
+} // namespace kuv

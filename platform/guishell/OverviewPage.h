@@ -1,0 +1,47 @@
+// Overview page: this instance (pid, status, bus), the combos and the plugins with their state.
+#pragma once
+
+#include <QTimer>
+#include <QWidget>
+
+class QGroupBox;
+class QLabel;
+class QTreeWidget;
+
+namespace kuv {
+namespace shell {
+
+class OverviewPage : public QWidget {
+    Q_OBJECT
+public:
+    explicit OverviewPage(QWidget* parent = nullptr);
+
+public slots:
+    void refresh();
+
+protected:
+    void changeEvent(QEvent* event) override;
+    void showEvent(QShowEvent* event) override;
+    void hideEvent(QHideEvent* event) override;
+
+private:
+    void retranslate();
+
+    QGroupBox* m_instanceBox;
+    QLabel* m_pidCaption;
+    QLabel* m_pidValue;
+    QLabel* m_statusCaption;
+    QLabel* m_statusValue;
+    QLabel* m_busCaption;
+    QLabel* m_busValue;
+    QLabel* m_versionCaption;
+    QLabel* m_versionValue;
+    QGroupBox* m_comboBox;
+    QTreeWidget* m_combos;
+    QGroupBox* m_pluginBox;
+    QTreeWidget* m_plugins;
+    QTimer m_refreshTimer;
+};
+
+} // namespace shell
+} // namespace kuv

@@ -1,0 +1,261 @@
+// The GUI shell, offscreen: control codes from a worker thread, the journal, the quit sequence with
+// pending plugin unloads, the window's own quit path and the language.
+#include <atomic>
+#include <fstream>
+#include <list>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QComboBox>
+#include <QLabel>
+#include <QListWidget>
+#include <QStackedWidget>
+#include <QThread>
+#include <QTreeWidget>
+
+#include "CLogDebug.h"
+#include "CQPluginManager.h"
+#include "ConfigModule.h"
+#include "KuvGuiInterface.h"
+#include "PluginInitParas.h"
+#include "ShellTestSupport.h"
+
+using shelltest::onGui;
+using shelltest::waitOnGui;
+
+namespace {
+
+int g_argc = 1;
+char g_arg0[] = "guishell_test";
+char* g_argv[] = {g_arg0, nullptr};
+
+struct UninstallProbe {
+    std::atomic<int> calls{0};
+    std::atomic<bool> onGuiThread{false};
+    std::atomic<int> pendingAfter{-1};
+    QStringList toUnload;
+};
+
+int uninstallAll(void* ctx)
+{
+    auto* probe = static_cast<UninstallProbe*>(ctx);
+    ++probe->calls;
+    probe->onGuiThread = QThread::currentThread() == qApp->thread();
+    // What the service does: one asynchronous unload per loaded plugin.
+    for (const QString& id : probe->toUnload) {
+        CQPluginManager::singleInstance()->unstallPluginAsyn(id);
+    }
+    probe->pendingAfter = CQPluginManager::singleInstance()->pendingUnloads();
+    return 0;
+}
+
+class GuiShellTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        CLogDebug::Instance()->SetProperty(LOG_PROPERTY_PATH, (m_box.root + "/").c_str());
+        CLogDebug::Instance()->SetProperty(LOG_PROPERTY_NAME, "shell");
+        ConfigModule::UninitInstance();
+        basegui::Common::setLan("");
+    }
+    void TearDown() override { CQPluginManager::UninitInstance(); }
+
+    int init() { return KuvGuiInterface::init(g_argc, g_argv, sUninstallFunc{&uninstallAll, &m_probe}); }
+
+    shelltest::Sandbox m_box;
+    UninstallProbe m_probe;
+};
+
+TEST_F(GuiShellTest, ControlCodesFromAnotherThreadAndTheirJournal)
+{
+    ASSERT_EQ(0, init());
+    std::string existing = m_box.root + "/scan me.txt";
+    m_box.writeShellConf("{}");
+    { std::ofstream(existing) << "x"; }
+
+    std::atomic<bool> workerOk{false};
+    std::thread worker([&] {
+        EXPECT_TRUE(KuvGuiInterface::ctrl(GUI_CTR_SHOW_MAIN, nullptr));
+        EXPECT_TRUE(waitOnGui([] { return shelltest::mainWindow() && shelltest::mainWindow()->isVisible(); }));
+        {
+            // The list dies right after the call: the shell must have copied it.
+            std::list<std::string> paths{"/a b", existing, "/c"};
+            EXPECT_TRUE(KuvGuiInterface::ctrl(GUI_CTR_CONTEXT_MENU_SCAN, &paths));
+        }
+        EXPECT_TRUE(waitOnGui([] {
+            auto* tree = shelltest::mainWindow()->findChild<QTreeWidget*>("kuvScanPaths");
+            return tree != nullptr && tree->topLevelItemCount() == 3;
+        }));
+        onGui([&] {
+            QWidget* w = shelltest::mainWindow();
+            auto* stack = w->findChild<QStackedWidget*>("kuvPages");
+            EXPECT_EQ("kuvScanPage", stack->currentWidget()->objectName().toStdString());
+            auto* tree = w->findChild<QTreeWidget*>("kuvScanPaths");
+            EXPECT_EQ("/a b", tree->topLevelItem(0)->text(0).toStdString());
+            EXPECT_EQ("Missing", tree->topLevelItem(0)->text(1).toStdString());
+            EXPECT_EQ("File", tree->topLevelItem(1)->text(1).toStdString());
+            EXPECT_EQ("Not scanned", tree->topLevelItem(1)->text(2).toStdString());
+            auto* notice = w->findChild<QLabel*>("kuvScanEngineNotice");
+            EXPECT_NE(-1, notice->text().indexOf("No scan engine is installed"));
+            auto* counts = w->findChild<QLabel*>("kuvScanCounts");
+            EXPECT_NE(-1, counts->text().indexOf("1 file(s), 0 folder(s), 2 missing")) << counts->text().toStdString();
+        });
+        EXPECT_FALSE(KuvGuiInterface::ctrl(GUI_CTR_STOP_BACKEND, nullptr));
+        m_box.writeShellConf(R"({"stop_backend_on_quit": true})");
+        EXPECT_TRUE(KuvGuiInterface::ctrl(GUI_CTR_STOP_BACKEND, nullptr));
+        EXPECT_TRUE(KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr));
+        workerOk = true;
+    });
+    const int rc = KuvGuiInterface::exec();
+    worker.join();
+    EXPECT_EQ(0, rc);
+    EXPECT_TRUE(workerOk);
+    EXPECT_EQ(1, m_probe.calls.load());
+    EXPECT_TRUE(m_probe.onGuiThread.load());
+    // After the loop: no window, requests are refused, code 2 still answers.
+    EXPECT_EQ(nullptr, shelltest::mainWindow());
+    EXPECT_FALSE(KuvGuiInterface::ctrl(GUI_CTR_SHOW_MAIN, nullptr));
+    EXPECT_TRUE(KuvGuiInterface::ctrl(GUI_CTR_STOP_BACKEND, nullptr));
+
+    const auto j = shelltest::readJournal(m_box.journalPath);
+    ASSERT_EQ(9u, j.size());
+    EXPECT_EQ("init", j[0]["event"].asString());
+    EXPECT_EQ(1u, j[0].size());
+    EXPECT_EQ("ctrl", j[1]["event"].asString());
+    EXPECT_EQ(0, j[1]["code"].asInt());
+    EXPECT_EQ(2u, j[1].size());
+    EXPECT_EQ(1, j[2]["code"].asInt());
+    ASSERT_TRUE(j[2]["paths"].isArray());
+    ASSERT_EQ(3u, j[2]["paths"].size());
+    EXPECT_EQ("/a b", j[2]["paths"][0].asString());
+    EXPECT_EQ(existing, j[2]["paths"][1].asString());
+    EXPECT_EQ("/c", j[2]["paths"][2].asString());
+    EXPECT_EQ(2, j[3]["code"].asInt());
+    EXPECT_FALSE(j[3]["answer"].asBool());
+    EXPECT_TRUE(j[3]["answer"].isBool());
+    EXPECT_TRUE(j[4]["answer"].asBool());
+    EXPECT_EQ(3, j[5]["code"].asInt());
+    EXPECT_EQ(2u, j[5].size());
+    EXPECT_EQ("exec-end", j[6]["event"].asString());
+    EXPECT_EQ(0, j[7]["code"].asInt());
+    EXPECT_EQ(2, j[8]["code"].asInt());
+}
+
+TEST_F(GuiShellTest, QuitWaitsUntilEveryPendingUnloadIsReported)
+{
+    const std::string pluginDir = FAKE_PLUGIN_DIR;
+    for (const char* id : {"a", "b"}) {
+        std::ofstream(m_box.installDir + "etc/plugins-gui/plugins/" + id + ".json")
+            << R"({"id": ")" << id << R"(", "library": "fake_good_)" << id
+            << R"(.so", "iid": "org.kuv.gui.IKuvGuiPlugin/1.0", "version": "1", "description": "fake"})";
+    }
+    CQPluginManager* loader = CQPluginManager::singleInstance();
+    loader->setPluginRelativeRootPath(QString::fromStdString(pluginDir));
+    loader->setPluginConfigFilePath(QString::fromStdString(m_box.installDir + "etc/plugins-gui/plugins/"));
+    ASSERT_EQ(2, loader->loadAllPluginInfo());
+    ASSERT_EQ(0, init());
+    sPluginInitParas paras;
+    loader->installPluginAsyn("a", QVariant::fromValue(paras));
+    loader->installPluginAsyn("b", QVariant::fromValue(paras));
+    ASSERT_TRUE(shelltest::spinUntil([&] { return loader->loadedPlugins().size() == 2; }));
+    // Plugin pages show up in the navigation.
+    auto* nav = shelltest::mainWindow()->findChild<QListWidget*>("kuvNavigation");
+    ASSERT_TRUE(shelltest::spinUntil([&] { return nav->count() == 5; }));
+    EXPECT_EQ("Page of fake_good_b", nav->item(4)->text().toStdString());
+
+    // A queued receiver, as the service's endpoint cleanup is: it must run before exec returns.
+    std::vector<std::string> cleaned;
+    QObject receiver;
+    QObject::connect(loader, &CQPluginManager::sig_unstallPluginComplete, &receiver,
+                     [&cleaned](QString name, int result) {
+                         cleaned.push_back(name.toStdString() + ":" + std::to_string(result));
+                     },
+                     Qt::QueuedConnection);
+    m_probe.toUnload = QStringList{QStringLiteral("b"), QStringLiteral("a")};
+    std::thread worker([] { EXPECT_TRUE(KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr)); });
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+    worker.join();
+    EXPECT_EQ(1, m_probe.calls.load());
+    EXPECT_EQ(2, m_probe.pendingAfter.load()) << "the unloads were still pending when the shell started waiting";
+    EXPECT_EQ((std::vector<std::string>{"b:0", "a:0"}), cleaned);
+    EXPECT_EQ(0, loader->pendingUnloads());
+    EXPECT_TRUE(loader->loadedPlugins().isEmpty());
+    const auto j = shelltest::readJournal(m_box.journalPath);
+    ASSERT_FALSE(j.empty());
+    EXPECT_EQ("exec-end", j.back()["event"].asString());
+}
+
+TEST_F(GuiShellTest, MenuQuitTakesTheSameQuitPathAndClosingOnlyHides)
+{
+    ASSERT_EQ(0, init());
+    QWidget* w = shelltest::mainWindow();
+    ASSERT_NE(nullptr, w);
+    w->show();
+    ASSERT_TRUE(shelltest::spinUntil([w] { return w->isVisible(); }));
+    w->close();
+    EXPECT_FALSE(w->isVisible());
+    QCoreApplication::processEvents();
+    EXPECT_EQ(0, m_probe.calls.load()) << "closing the window is not quitting";
+    auto* quit = w->findChild<QAction*>("kuvQuitAction");
+    ASSERT_NE(nullptr, quit);
+    QMetaObject::invokeMethod(quit, [quit] { quit->trigger(); }, Qt::QueuedConnection);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+    EXPECT_EQ(1, m_probe.calls.load());
+    // A second quit request after the loop ended does nothing.
+    EXPECT_FALSE(KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr));
+    EXPECT_EQ(1, m_probe.calls.load());
+}
+
+TEST_F(GuiShellTest, LanguageFromSetLanAndOverriddenByTheSettingsFile)
+{
+    basegui::Common::setLan("zh-CN");
+    ASSERT_EQ(0, init());
+    QWidget* w = shelltest::mainWindow();
+    EXPECT_EQ("kuvgui - 终端防护", w->windowTitle().toStdString());
+    auto* nav = w->findChild<QListWidget*>("kuvNavigation");
+    EXPECT_EQ("概览", nav->item(0)->text().toStdString());
+
+    // Chosen in the settings page: saved and applied at once.
+    auto* lang = w->findChild<QComboBox*>("kuvLanguage");
+    ASSERT_NE(nullptr, lang);
+    lang->setCurrentIndex(0);
+    // Translators announce the change with posted events.
+    EXPECT_TRUE(shelltest::spinUntil([w] { return w->windowTitle() == QLatin1String("kuvgui - endpoint protection"); }))
+        << w->windowTitle().toStdString();
+    EXPECT_EQ("Overview", nav->item(0)->text().toStdString());
+    EXPECT_EQ("en", ConfigModule::Instance()->getString("gui_shell.conf", "language", ""));
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+
+    // The file's "language" wins over setLan.
+    ASSERT_EQ(0, init());
+    EXPECT_EQ("kuvgui - endpoint protection", shelltest::mainWindow()->windowTitle().toStdString());
+    m_box.writeShellConf(R"({"language": "zh-CN"})");
+    basegui::Common::setLan("en");
+    ASSERT_TRUE(shelltest::spinUntil(
+        [] { return shelltest::mainWindow()->windowTitle() == QString::fromUtf8("kuvgui - 终端防护"); }));
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+}
+
+TEST(GuiShellNoDisplay, InitFailsInsteadOfAbortingWithoutADisplay)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto initWithoutDisplay = [] {
+        setenv("QT_QPA_PLATFORM", "xcb", 1);
+        unsetenv("DISPLAY");
+        static int argc = 1;
+        static char arg0[] = "guishell_test";
+        static char* argv[] = {arg0, nullptr};
+        const int rc = KuvGuiInterface::init(argc, argv, sUninstallFunc{nullptr, nullptr});
+        std::_Exit(rc != 0 ? 7 : 0);
+    };
+    EXPECT_EXIT(initWithoutDisplay(), ::testing::ExitedWithCode(7), "");
+}
+
+} // namespace

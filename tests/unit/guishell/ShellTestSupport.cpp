@@ -1,0 +1,122 @@
+#include "ShellTestSupport.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include <unistd.h>
+
+#include <QApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QWidget>
+
+#include "CppJson.h"
+
+namespace shelltest {
+
+namespace {
+std::string makeTempDir()
+{
+    const char* base = std::getenv("TMPDIR");
+    std::string tmpl = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kuv-shelltest-XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    const char* made = mkdtemp(buf.data());
+    return made == nullptr ? std::string() : std::string(made);
+}
+} // namespace
+
+Sandbox::Sandbox()
+{
+    root = makeTempDir();
+    installDir = root + "/install/";
+    QDir().mkpath(QString::fromStdString(installDir + "etc/plugins-gui/combo_plugin_map"));
+    QDir().mkpath(QString::fromStdString(installDir + "etc/plugins-gui/plugins"));
+    QDir().mkpath(QString::fromStdString(installDir + "log"));
+    const std::string runtime = root + "/runtime";
+    QDir().mkpath(QString::fromStdString(runtime));
+    QFile::setPermissions(QString::fromStdString(runtime), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    journalPath = root + "/journal.jsonl";
+    setenv("KUV_INSTALL_DIR", installDir.c_str(), 1);
+    unsetenv("KUV_CONFIG_DIR");
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    setenv("KUV_SHELL_JOURNAL", journalPath.c_str(), 1);
+}
+
+Sandbox::~Sandbox()
+{
+    if (!root.empty()) {
+        QDir(QString::fromStdString(root)).removeRecursively();
+    }
+}
+
+void Sandbox::writeShellConf(const std::string& json) const
+{
+    std::ofstream out(installDir + "etc/gui_shell.conf", std::ios::trunc);
+    out << json;
+}
+
+std::vector<Json::Value> readJournal(const std::string& path)
+{
+    std::vector<Json::Value> out;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        Json::Value v;
+        if (CppJson::LoadJsonString(line, v)) {
+            out.push_back(v);
+        } else {
+            Json::Value bad;
+            bad["unparsable"] = line;
+            out.push_back(bad);
+        }
+    }
+    return out;
+}
+
+void onGui(const std::function<void()>& fn)
+{
+    QMetaObject::invokeMethod(qApp, fn, Qt::BlockingQueuedConnection);
+}
+
+bool waitOnGui(const std::function<bool()>& cond, int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (std::chrono::steady_clock::now() < deadline) {
+        bool ok = false;
+        onGui([&] { ok = cond(); });
+        if (ok) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+bool spinUntil(const std::function<bool()>& cond, int timeoutMs)
+{
+    QElapsedTimer t;
+    t.start();
+    while (!cond()) {
+        if (t.elapsed() > timeoutMs) {
+            return false;
+        }
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    return true;
+}
+
+QWidget* mainWindow()
+{
+    for (QWidget* w : QApplication::topLevelWidgets()) {
+        if (w->objectName() == QLatin1String("KuvMainWindow")) {
+            return w;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace shelltest

@@ -1,0 +1,37 @@
+// Shared set-up of the GUI shell tests: a private installation and runtime directory, the journal,
+// and running code on the GUI thread from a worker.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include <QString>
+
+class QWidget;
+
+namespace shelltest {
+
+// Creates DIR (install), DIR/etc, a private XDG_RUNTIME_DIR and the journal path; sets the environment.
+struct Sandbox {
+    Sandbox();
+    ~Sandbox();
+    std::string root;
+    std::string installDir; // with a final "/"
+    std::string journalPath;
+    void writeShellConf(const std::string& json) const;
+};
+
+std::vector<Json::Value> readJournal(const std::string& path);
+// Runs fn on the GUI thread and waits for it; for workers while exec() runs.
+void onGui(const std::function<void()>& fn);
+// Polls cond on the GUI thread (from a worker) until it holds; false after timeoutMs.
+bool waitOnGui(const std::function<bool()>& cond, int timeoutMs = 30000);
+// Polls cond while spinning the event loop on the calling (GUI) thread.
+bool spinUntil(const std::function<bool()>& cond, int timeoutMs = 30000);
+
+QWidget* mainWindow();
+
+} // namespace shelltest

@@ -40,4 +40,6 @@ private:
     bool m_bInit;
     int32_t m_nStatus;
     CGlobalTag* m_pGlobalTag;
+
+    friend class CContainerMgrTest;
 };

@@ -48,7 +48,6 @@ private slots:
     void slot_cleanPluginEndpoint(QString pluginName, int result);
 
 private:
-    void fillTables(const std::vector<std::string>& paths);
     void printComboPluginMap();
     void printIndexComboMap();
     void printPluginCombosMap();

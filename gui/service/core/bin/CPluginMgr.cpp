@@ -1,0 +1,362 @@
+#include "CPluginMgr.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include <QMutexLocker>
+#include <QVariant>
+
+#include <json/json.h>
+
+#include "BFLog.h"
+#include "CContainerMgr.h"
+#include "CQPluginManager.h"
+#include "ConstConfig.h"
+#include "CppJson.h"
+#include "FileUtils.h"
+
+namespace {
+
+const char* const kSourceFile = "gui/service/core/bin/CPluginMgr";
+
+// "a | b | " : every element is followed by the separator, so an empty list gives "".
+template <typename Container>
+std::string joinList(const Container& items)
+{
+    std::string text;
+    for (const auto& item : items) {
+        text += item;
+        text += " | ";
+    }
+    return text;
+}
+
+std::string getString(const char* key, const Json::Value& value, const std::string& defaultValue)
+{
+    try {
+        if (value.isNull() || !value.isObject() || !value.isMember(key)) {
+            return defaultValue;
+        }
+        const Json::Value& member = value[key];
+        if (!member.isString()) {
+            return defaultValue;
+        }
+        return member.asString();
+    } catch (...) {
+        return defaultValue;
+    }
+}
+
+} // namespace
+
+#define PLUGIN_LOG(level, ...) BFLogPrintX(level, kSourceFile, __FUNCTION__, __LINE__, __VA_ARGS__)
+
+CPluginMgr::CPluginMgr(QObject* parent) : QObject(parent), m_pConMgr(nullptr), m_pGlobalTag(nullptr)
+{
+    // Queued: the loader may report from wherever it unloads, the endpoint table is touched only here.
+    connect(CQPluginManager::singleInstance(), &CQPluginManager::sig_unstallPluginComplete, this,
+            &CPluginMgr::slot_cleanPluginEndpoint, Qt::QueuedConnection);
+}
+
+CPluginMgr::~CPluginMgr() = default;
+
+int CPluginMgr::init(CGlobalTag* tag, CContainerMgr* conMgr)
+{
+    m_pGlobalTag = tag;
+    m_pConMgr = conMgr;
+    const std::string installDir = ConstConfig::singleInstance()->getInstallDir();
+    CQPluginManager* loader = CQPluginManager::singleInstance();
+    loader->setPluginRelativeRootPath(QString::fromStdString(installDir));
+    loader->setPluginConfigFilePath(QString::fromStdString(installDir + "/etc/plugins-gui/plugins/"));
+    loader->loadAllPluginInfo();
+    return 1;
+}
+
+std::vector<std::string> CPluginMgr::allMapFile()
+{
+    const std::string dir = ConstConfig::singleInstance()->getInstallDir() + "/etc/plugins-gui/combo_plugin_map";
+    std::list<CFileInfo> entries;
+    // A missing directory simply lists nothing.
+    CDir::getAllFilesInDir(entries, dir.c_str());
+
+    std::vector<std::string> paths;
+    for (const CFileInfo& entry : entries) {
+        if (entry.isSymLink()) {
+            PLUGIN_LOG(LOG_LEVEL_WARN, "%s is symlink", entry.absoluteFilePath().c_str());
+            continue;
+        }
+        paths.push_back(entry.absoluteFilePath());
+    }
+    return paths;
+}
+
+int CPluginMgr::readOneMapFile(const std::string& path, sComboPluginInfo& info)
+{
+    CFile file(path);
+    if (!file.open(std::ios::in)) {
+        PLUGIN_LOG(LOG_LEVEL_ERROR, "open %s failed", path.c_str());
+        return -1;
+    }
+    std::string content;
+    if (!file.ReadAll(content)) {
+        PLUGIN_LOG(LOG_LEVEL_ERROR, "read %s content failed", path.c_str());
+        file.close(std::ios::in | std::ios::out);
+        return -2;
+    }
+    file.close(std::ios::in | std::ios::out);
+
+    Json::Value root;
+    if (!CppJson::LoadJsonString(content, root)) {
+        PLUGIN_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] load json failed, json = %s", content.c_str());
+        return -3;
+    }
+
+    info.nIndex = CppJson::GetInt("index", root, 0);
+    info.strCombo = getString("combo", root, "");
+    CStr::toLower(info.strCombo);
+
+    // Index and combo are already filled when the plugin list turns out missing.
+    const Json::Value* list = nullptr;
+    if (root.isObject() && root.isMember("pluginList") && root["pluginList"].isArray()) {
+        list = &root["pluginList"];
+    }
+    if (list == nullptr) {
+        PLUGIN_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] pluginList not exist, json = %s", content.c_str());
+        return -4;
+    }
+    for (Json::ArrayIndex i = 0; i < list->size(); ++i) {
+        info.pluginList.push_back(getString("id", (*list)[i], ""));
+    }
+    return 0;
+}
+
+int CPluginMgr::installPlugin(std::string plugin)
+{
+    QMutexLocker locker(&m_mutex);
+    const QString name = QString::fromStdString(plugin);
+
+    IZellMREndPoint4* endPoint = m_mapPluginEndpoint.value(name, nullptr);
+    if (endPoint == nullptr) {
+        endPoint = m_pConMgr != nullptr ? m_pConMgr->createEndPoint() : nullptr;
+        if (endPoint == nullptr) {
+            PLUGIN_LOG(LOG_LEVEL_ERROR, "create endPoint is null, plugin name is %s", plugin.c_str());
+            return -1;
+        }
+    }
+
+    sPluginInitParas paras;
+    paras.mapParas.insert("IZellMREndPoint4", QVariant::fromValue<void*>(endPoint));
+    paras.mapParas.insert("CGlobalTag", QVariant::fromValue<void*>(m_pGlobalTag));
+    CQPluginManager::singleInstance()->installPluginAsyn(name, QVariant::fromValue<sPluginInitParas>(paras));
+
+    // The loader's outcome is not awaited: the endpoint belongs to the plugin from here on.
+    m_mapPluginEndpoint[name] = endPoint;
+    PLUGIN_LOG(LOG_LEVEL_INFO, "加载插件: %s", plugin.c_str());
+    return 0;
+}
+
+int CPluginMgr::unInstallPlugin(std::string plugin)
+{
+    PLUGIN_LOG(LOG_LEVEL_INFO, "卸载插件: %s", plugin.c_str());
+    // The endpoint is given back when the loader reports the unload.
+    CQPluginManager::singleInstance()->unstallPluginAsyn(QString::fromStdString(plugin));
+    return 0;
+}
+
+int CPluginMgr::installCombo(std::string combo)
+{
+    auto it = m_mapComboPlugin.find(combo);
+    if (it == m_mapComboPlugin.end()) {
+        PLUGIN_LOG(LOG_LEVEL_ERROR, "combo %s not support", combo.c_str());
+        return -1;
+    }
+    for (const std::string& plugin : it->second.pluginList) {
+        installPlugin(plugin);
+    }
+    return 0;
+}
+
+int CPluginMgr::unInstallCombo(std::string combo)
+{
+    auto it = m_mapComboPlugin.find(combo);
+    if (it == m_mapComboPlugin.end()) {
+        PLUGIN_LOG(LOG_LEVEL_ERROR, "combo %s not support", combo.c_str());
+        return -1;
+    }
+
+    // Reverse of the install order; a plugin another combo still lists stays loaded.
+    std::list<std::string> toUnload;
+    const std::list<std::string>& plugins = it->second.pluginList;
+    for (auto plugin = plugins.rbegin(); plugin != plugins.rend(); ++plugin) {
+        auto users = m_mapPluginCombos.find(*plugin);
+        if (users == m_mapPluginCombos.end() || users->second.empty()) {
+            toUnload.push_back(*plugin);
+            continue;
+        }
+        auto self = users->second.find(combo);
+        if (self == users->second.end()) {
+            PLUGIN_LOG(LOG_LEVEL_ERROR, "plugin %s depend combo list not find %s", plugin->c_str(), combo.c_str());
+            continue;
+        }
+        users->second.erase(self);
+        if (users->second.empty()) {
+            toUnload.push_back(*plugin);
+        }
+    }
+
+    for (const std::string& plugin : toUnload) {
+        unInstallPlugin(plugin);
+    }
+    return 0;
+}
+
+int CPluginMgr::unInstallAllCombo()
+{
+    // Highest index first: the reverse of the install order.
+    std::list<std::string> combos;
+    for (const auto& entry : m_mapIndexCombo) {
+        combos.push_front(entry.second);
+    }
+    for (const std::string& combo : combos) {
+        unInstallCombo(combo);
+    }
+    return 0;
+}
+
+int CPluginMgr::unInstallAllPlugin()
+{
+    CQPluginManager::singleInstance()->unstallAllPlugin();
+    std::map<std::string, sComboPluginInfo>().swap(m_mapComboPlugin);
+    std::map<int, std::string>().swap(m_mapIndexCombo);
+    std::map<std::string, std::set<std::string>>().swap(m_mapPluginCombos);
+    std::set<std::string>().swap(m_setInstalledCombo);
+    return 1;
+}
+
+void CPluginMgr::slot_cleanPluginEndpoint(QString pluginName, int)
+{
+    // No lock: the queued connection runs this in the manager's own thread.
+    const QByteArray name = pluginName.toUtf8();
+    PLUGIN_LOG(LOG_LEVEL_INFO, "start destroy %s endpoint", name.constData());
+
+    auto it = m_mapPluginEndpoint.find(pluginName);
+    if (it == m_mapPluginEndpoint.end()) {
+        PLUGIN_LOG(LOG_LEVEL_WARN, "not find endpoint");
+        return;
+    }
+    if (it.value() == nullptr) {
+        PLUGIN_LOG(LOG_LEVEL_WARN, "endpoint is null");
+        return;
+    }
+    if (m_pConMgr == nullptr) {
+        PLUGIN_LOG(LOG_LEVEL_WARN, "conmgr is null, not destroyEndPoint %s", name.constData());
+        return;
+    }
+    m_pConMgr->destroyEndPoint(it.value());
+    m_mapPluginEndpoint.erase(it);
+    PLUGIN_LOG(LOG_LEVEL_INFO, "destroy endpoint end");
+}
+
+int CPluginMgr::updatePluginStatus()
+{
+    PLUGIN_LOG(LOG_LEVEL_INFO, "[CPluginMgr] --------------- start update plugin ---------------");
+
+    // The installed set and the endpoints survive an update; the tables are rebuilt from the files.
+    std::map<std::string, sComboPluginInfo>().swap(m_mapComboPlugin);
+    std::map<int, std::string>().swap(m_mapIndexCombo);
+    std::map<std::string, std::set<std::string>>().swap(m_mapPluginCombos);
+
+    for (const std::string& path : allMapFile()) {
+        sComboPluginInfo info;
+        if (readOneMapFile(path, info) != 0) {
+            PLUGIN_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] read map file %s failed.", path.c_str());
+            continue;
+        }
+        m_mapComboPlugin[info.strCombo] = info;
+        // The first file in listing order keeps a disputed index.
+        if (m_mapIndexCombo.find(info.nIndex) == m_mapIndexCombo.end()) {
+            m_mapIndexCombo[info.nIndex] = info.strCombo;
+        } else {
+            PLUGIN_LOG(LOG_LEVEL_WARN, "[CPluginMgr] combo %s index has exist.", info.strCombo.c_str());
+        }
+        for (const std::string& plugin : info.pluginList) {
+            m_mapPluginCombos[plugin].insert(info.strCombo);
+        }
+    }
+
+    printComboPluginMap();
+    printIndexComboMap();
+    printPluginCombosMap();
+
+    // Every listed combo is wanted, so nothing listed is to go.
+    std::set<std::string> installSet;
+    for (const auto& entry : m_mapComboPlugin) {
+        installSet.insert(entry.first);
+    }
+    const std::set<std::string> uninstallSet;
+    printStrSet(installSet, "will install combo");
+    printStrSet(uninstallSet, "will uninstall combo");
+
+    std::set<std::string> finalInstall;
+    std::set<std::string> finalUninstall;
+    if (!m_setInstalledCombo.empty()) {
+        std::set_difference(installSet.begin(), installSet.end(), m_setInstalledCombo.begin(),
+                            m_setInstalledCombo.end(), std::inserter(finalInstall, finalInstall.end()));
+        std::set_difference(m_setInstalledCombo.begin(), m_setInstalledCombo.end(), installSet.begin(),
+                            installSet.end(), std::inserter(finalUninstall, finalUninstall.end()));
+        finalUninstall.insert(uninstallSet.begin(), uninstallSet.end());
+    } else {
+        // On a first update the uninstall set is not taken over.
+        finalInstall = installSet;
+    }
+    printStrSet(finalInstall, "will install combo last");
+    printStrSet(finalUninstall, "will uninstall combo last");
+
+    // Only indexed combos are acted on, in ascending index.
+    for (const auto& entry : m_mapIndexCombo) {
+        const std::string& combo = entry.second;
+        if (finalInstall.count(combo) != 0 && installCombo(combo) == 0) {
+            m_setInstalledCombo.insert(combo);
+        }
+        if (finalUninstall.count(combo) != 0 && unInstallCombo(combo) == 0) {
+            m_setInstalledCombo.erase(combo);
+        }
+    }
+
+    printStrSet(m_setInstalledCombo, "installed combo");
+    PLUGIN_LOG(LOG_LEVEL_INFO, "[CPluginMgr] --------------- end update plugin ---------------");
+    return 1;
+}
+
+void CPluginMgr::printComboPluginMap()
+{
+    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- combo --> plugins start ----------");
+    for (const auto& entry : m_mapComboPlugin) {
+        PLUGIN_LOG(LOG_LEVEL_INFO, "combo = %s, pluginList = %s", entry.first.c_str(),
+                   joinList(entry.second.pluginList).c_str());
+    }
+    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- combo --> plugins end  ----------");
+}
+
+void CPluginMgr::printIndexComboMap()
+{
+    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- index --> combo start ----------");
+    for (const auto& entry : m_mapIndexCombo) {
+        PLUGIN_LOG(LOG_LEVEL_INFO, "index = %d, combo = %s", entry.first, entry.second.c_str());
+    }
+    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- index --> combo end ----------");
+}
+
+void CPluginMgr::printPluginCombosMap()
+{
+    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- plugins --> combos start ----------");
+    for (const auto& entry : m_mapPluginCombos) {
+        PLUGIN_LOG(LOG_LEVEL_INFO, "plugin = %s, combo = %s", entry.first.c_str(), joinList(entry.second).c_str());
+    }
+    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- plugins --> combos end ----------");
+}
+
+void CPluginMgr::printStrSet(const std::set<std::string>& set, const std::string& name)
+{
+    PLUGIN_LOG(LOG_LEVEL_INFO, "[CPluginMgr] %s : %s ", name.c_str(), joinList(set).c_str());
+}

@@ -1,0 +1,72 @@
+# CPack pre-build script: in the staging tree of the package, moves the desktop integration that
+# `cmake --install` keeps under the prefix (/opt/kuv) to where the desktops look for it.
+set(root "${CPACK_TEMPORARY_DIRECTORY}")
+set(prefix "${root}${CPACK_PACKAGING_INSTALL_PREFIX}")
+if(NOT IS_DIRECTORY "${prefix}/bin")
+  message(FATAL_ERROR "kuvgui package: no ${prefix}/bin in the staging tree")
+endif()
+
+# from (under the prefix) -> to (under /), each a directory whose files move
+set(moves
+  "share/applications" "usr/share/applications"
+  "share/kuvgui/autostart" "etc/xdg/autostart"
+  "lib/systemd/user" "usr/lib/systemd/user"
+  "share/kio/servicemenus" "usr/share/kio/servicemenus"
+  "share/nemo/actions" "usr/share/nemo/actions"
+  "share/Thunar/sendto" "usr/share/Thunar/sendto")
+list(LENGTH moves n)
+math(EXPR last "${n} - 1")
+foreach(i RANGE 0 ${last} 2)
+  math(EXPR j "${i} + 1")
+  list(GET moves ${i} from)
+  list(GET moves ${j} to)
+  file(GLOB files "${prefix}/${from}/*")
+  if(NOT files)
+    message(FATAL_ERROR "kuvgui package: nothing under ${CPACK_PACKAGING_INSTALL_PREFIX}/${from}")
+  endif()
+  file(MAKE_DIRECTORY "${root}/${to}")
+  foreach(f IN LISTS files)
+    get_filename_component(name "${f}" NAME)
+    file(RENAME "${f}" "${root}/${to}/${name}")
+  endforeach()
+endforeach()
+
+# Manual pages where man finds them, compressed as Debian has them.
+file(MAKE_DIRECTORY "${root}/usr/share/man/man1")
+file(GLOB pages "${prefix}/share/man/man1/*.1")
+foreach(page IN LISTS pages)
+  get_filename_component(name "${page}" NAME)
+  execute_process(COMMAND gzip -9nc "${page}" OUTPUT_FILE "${root}/usr/share/man/man1/${name}.gz"
+                  RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "kuvgui package: gzip ${page} failed")
+  endif()
+  file(REMOVE "${page}")
+endforeach()
+
+# The commands on PATH; the programs find their installation through /proc/self/exe.
+file(MAKE_DIRECTORY "${root}/usr/bin")
+foreach(program kuvgui kuvctl kuvgui-user-integration)
+  if(EXISTS "${prefix}/bin/${program}")
+    file(CREATE_LINK "${CPACK_PACKAGING_INSTALL_PREFIX}/bin/${program}" "${root}/usr/bin/${program}" SYMBOLIC)
+  endif()
+endforeach()
+
+file(MAKE_DIRECTORY "${root}/usr/share/doc/kuvgui")
+configure_file("${CPACK_KUV_DEB_SOURCE_DIR}/copyright" "${root}/usr/share/doc/kuvgui/copyright" COPYONLY)
+
+# Directories the service writes at run time (their mode is set by postinst).
+file(MAKE_DIRECTORY "${prefix}/log" "${prefix}/data/pubcfg")
+
+# Leave no empty directories behind the moves.
+foreach(pass RANGE 3)
+  file(GLOB_RECURSE dirs LIST_DIRECTORIES true "${prefix}/share/*" "${prefix}/lib/systemd/*")
+  foreach(d IN LISTS dirs)
+    if(IS_DIRECTORY "${d}")
+      file(GLOB content "${d}/*")
+      if(NOT content)
+        file(REMOVE_RECURSE "${d}")
+      endif()
+    endif()
+  endforeach()
+endforeach()

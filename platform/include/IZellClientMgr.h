@@ -16,6 +16,18 @@ public:
                                  uint64_t sender, uint64_t sequence) = 0;
 };
 
+// registerRecvNotify with this type receives every message type that has no receiver of its own.
+constexpr int64_t kZellAnyMsgType = -1;
+
+// Results of IZellMREndPoint4::sendMsgWait.
+enum _ZELL_SEND_RESULT {
+    ZELL_SEND_ROUTED = 0,       // the broker handed the message to the destination's connection
+    ZELL_SEND_UNKNOWN_DEST = 1, // no endpoint is registered under the destination GUID
+    ZELL_SEND_CONGESTED = 2,    // the destination did not keep up; the broker dropped the message
+    ZELL_SEND_NO_BROKER = 3,    // not connected, or no answer within the timeout
+    ZELL_SEND_BAD_ARGS = -1,    // endpoint not initialised, body too large (16 MiB) or inconsistent
+};
+
 class IZellMREndPoint4 {
 public:
     // Names the endpoint on the bus. 0 on success; non-zero when the GUID is taken by a live endpoint.
@@ -25,14 +37,33 @@ public:
     // Routes messages of msgType to receiver (not owned). flags is reserved, 0. 0 on success.
     virtual int registerRecvNotify(int64_t msgType, IMRReceiveComplete* receiver, int flags) = 0;
     virtual int unregisterRecvNotify(int64_t msgType) = 0;
-    // Sends a message to the endpoint named dest. 0 when handed to the bus.
+    // Sends a message to the endpoint named dest. 0 when handed to the bus; 1 while no broker is
+    // connected; 2 when the send queue stayed full; -1 for bad arguments (see sendMsgWait).
     virtual int sendMsg(const GUID& dest, int64_t msgType, const char* body, int length) = 0;
+    // Sends and waits up to timeoutMs for the broker's verdict; one of _ZELL_SEND_RESULT. (Not pure so that
+    // endpoints without a broker, such as test doubles, need not provide it.)
+    virtual int sendMsgWait(const GUID& /*dest*/, int64_t /*msgType*/, const char* /*body*/, int /*length*/,
+                            int /*timeoutMs*/)
+    {
+        return ZELL_SEND_NO_BROKER;
+    }
+    // 1 once the broker has confirmed this endpoint's GUID, else 0.
+    virtual int isRegistered() { return 0; }
 
 protected:
     ~IZellMREndPoint4() = default;
 };
 
-typedef void (*PFN_ZELL_LOG_CALLBACK)(int level, const char* text, int reserved);
+// level: 0 most severe .. 4 least; text: one line, control characters escaped; category: one of
+// _ZELL_LOG_CATEGORY (what setLogMask selects).
+typedef void (*PFN_ZELL_LOG_CALLBACK)(int level, const char* text, int category);
+
+enum _ZELL_LOG_CATEGORY {
+    ZELL_LOG_CONNECTION = 0x1, // the session with the broker
+    ZELL_LOG_ENDPOINT = 0x2,   // endpoint registration
+    ZELL_LOG_TRAFFIC = 0x4,    // messages not delivered or dropped
+    ZELL_LOG_INTERNAL = 0x8,   // settings, threads, malformed input
+};
 
 class IZellClientMgr {
 public:
@@ -45,9 +76,11 @@ public:
     // settings: compact JSON ("log_path", "log_backup_path", "socket_addr", "thread_nums", "log_level",
     // "log_size"); module: the client's name. 0 on success.
     virtual int init(const char* settings, const char* module) = 0;
-    // Levels: 0 most severe .. 4 least.
+    // Levels: 0 most severe .. 4 least. The callback may run on any of the module's threads.
     virtual void setLogCallback(PFN_ZELL_LOG_CALLBACK callback) = 0;
+    // Lines of this level and more severe ones are logged (the file and the callback).
     virtual void setLogLevel(int level) = 0;
+    // Bits of _ZELL_LOG_CATEGORY that are logged; all by default.
     virtual void setLogMask(uint32_t mask) = 0;
     virtual void release() = 0;
     virtual void stop() = 0;

@@ -1,0 +1,642 @@
+// The I/O thread: the only user of the DEALER socket. It keeps the session with the broker (hello,
+// pings, re-registration after a reconnect), sends what endpoints queued and hands received messages to
+// the dispatch threads.
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <random>
+
+#include "ZellClient.h"
+
+namespace zell {
+
+using namespace zell::wire;
+
+namespace {
+
+constexpr const char* kLogSource = "platform/modules/zell/ZellIo";
+
+constexpr size_t kMaxQueuedMessages = 20000;
+constexpr size_t kMaxQueuedBytes = 64u * 1024 * 1024;
+constexpr int64_t kHelloEveryMs = 250;
+constexpr int64_t kPingEveryMs = 1000;
+constexpr int64_t kSilenceMs = 5000;
+constexpr int64_t kRetryRefusedMs = 5000;
+constexpr int kReadBatch = 1024;
+
+zmq::message_t smallFrame(const void* data, size_t size) { return zmq::message_t(data, size); }
+
+zmq::message_t headerFrame(Cmd cmd)
+{
+    uint8_t header[kHeaderSize];
+    putHeader(header, cmd);
+    return smallFrame(header, sizeof(header));
+}
+
+zmq::message_t guidFrame(const GUID& guid)
+{
+    uint8_t raw[kGuidSize];
+    putGuid(raw, guid);
+    return smallFrame(raw, sizeof(raw));
+}
+
+int verdictFor(uint32_t code)
+{
+    switch (code) {
+    case kErrUnknownDest: return ZELL_SEND_UNKNOWN_DEST;
+    case kErrCongested: return ZELL_SEND_CONGESTED;
+    default: return ZELL_SEND_BAD_ARGS;
+    }
+}
+
+const char* errorText(uint32_t code)
+{
+    switch (code) {
+    case kErrUnknownDest: return "no endpoint has that GUID";
+    case kErrCongested: return "the destination is congested";
+    case kErrSourceTaken: return "the source GUID belongs to another client";
+    default: return "unknown error";
+    }
+}
+
+} // namespace
+
+int64_t monotonicMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+Io::Io(ClientMgr& mgr, std::string endpoint) : m_mgr(mgr), m_log(mgr.log()), m_endpoint(std::move(endpoint)), m_context(1)
+{
+}
+
+Io::~Io()
+{
+    stop();
+    if (m_wakeFd >= 0) {
+        ::close(m_wakeFd);
+    }
+}
+
+bool Io::start(std::string& error)
+{
+    m_wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (m_wakeFd < 0) {
+        error = std::string("eventfd: ") + strerror(errno);
+        return false;
+    }
+    try {
+        setupSocket();
+    } catch (const zmq::error_t& e) {
+        error = std::string("cannot set up the bus socket: ") + e.what();
+        m_monitor.reset();
+        m_socket.reset();
+        return false;
+    }
+    try {
+        m_thread = std::thread(&Io::run, this);
+    } catch (const std::system_error& e) {
+        error = std::string("cannot start the I/O thread: ") + e.what();
+        m_monitor.reset();
+        m_socket.reset();
+        return false;
+    }
+    return true;
+}
+
+void Io::setupSocket()
+{
+    m_socket = std::make_unique<zmq::socket_t>(m_context, zmq::socket_type::dealer);
+    // A fixed identity per client, so a reconnect to the same broker takes over the old connection.
+    std::random_device device;
+    std::array<uint8_t, 16> id;
+    for (auto& byte : id) {
+        byte = static_cast<uint8_t>(device());
+    }
+    id[0] = static_cast<uint8_t>(id[0] | 0x80); // ids starting with 0 are ZMQ's own
+    m_socket->set(zmq::sockopt::routing_id, zmq::const_buffer(id.data(), id.size()));
+    m_socket->set(zmq::sockopt::linger, 0);
+    // Nothing is queued for a broker that is not there; sends report that at once.
+    m_socket->set(zmq::sockopt::immediate, 1);
+    m_socket->set(zmq::sockopt::sndhwm, 10000);
+    m_socket->set(zmq::sockopt::rcvhwm, 10000);
+    m_socket->set(zmq::sockopt::reconnect_ivl, 100);
+    m_socket->set(zmq::sockopt::reconnect_ivl_max, 500);
+    m_socket->set(zmq::sockopt::maxmsgsize, kMaxFrameSize);
+
+    char address[64];
+    snprintf(address, sizeof(address), "inproc://zell-monitor-%p", static_cast<void*>(this));
+    m_monitorAddress = address;
+    if (zmq_socket_monitor(m_socket->handle(), address,
+                           ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED) != 0) {
+        throw zmq::error_t();
+    }
+    m_monitor = std::make_unique<zmq::socket_t>(m_context, zmq::socket_type::pair);
+    m_monitor->set(zmq::sockopt::linger, 0);
+    m_monitor->connect(address);
+    m_socket->connect(m_endpoint);
+}
+
+void Io::stop()
+{
+    if (!m_thread.joinable()) {
+        return;
+    }
+    m_stop.store(true);
+    {
+        std::lock_guard<std::mutex> lock(m_outMutex);
+        m_outCv.notify_all();
+    }
+    wake();
+    m_thread.join();
+    m_connected.store(false);
+    failAllVerdicts();
+}
+
+void Io::wake()
+{
+    if (m_wakeFd >= 0) {
+        const uint64_t one = 1;
+        (void)!::write(m_wakeFd, &one, sizeof(one));
+    }
+}
+
+int Io::postData(std::vector<zmq::message_t>&& frames, size_t bytes, int waitMs)
+{
+    std::unique_lock<std::mutex> lock(m_outMutex);
+    auto room = [&] {
+        return m_stop.load() || (m_data.size() < kMaxQueuedMessages && m_dataBytes + bytes <= kMaxQueuedBytes) ||
+               m_data.empty();
+    };
+    if (!room()) {
+        ++m_spaceWaiters;
+        const bool got = m_outCv.wait_for(lock, std::chrono::milliseconds(waitMs), room);
+        --m_spaceWaiters;
+        if (!got) {
+            return 2;
+        }
+    }
+    if (m_stop.load()) {
+        return 1;
+    }
+    const bool wasEmpty = m_data.empty() && m_control.empty();
+    m_data.push_back(Outgoing{std::move(frames), bytes, true});
+    m_dataBytes += bytes;
+    lock.unlock();
+    if (wasEmpty) {
+        wake();
+    }
+    return 0;
+}
+
+void Io::postRegister(const GUID& guid)
+{
+    std::vector<zmq::message_t> frames;
+    frames.push_back(headerFrame(Cmd::Register));
+    frames.push_back(guidFrame(guid));
+    std::unique_lock<std::mutex> lock(m_outMutex);
+    m_control.push_back(Outgoing{std::move(frames), 0, false});
+    lock.unlock();
+    wake();
+}
+
+void Io::postUnregister(const GUID& guid, bool expectAnswer)
+{
+    if (expectAnswer) {
+        std::lock_guard<std::mutex> lock(m_verdictMutex);
+        m_unregistered[guidKey(guid)] = Verdict{};
+    }
+    std::vector<zmq::message_t> frames;
+    frames.push_back(headerFrame(Cmd::Unregister));
+    frames.push_back(guidFrame(guid));
+    std::unique_lock<std::mutex> lock(m_outMutex);
+    m_control.push_back(Outgoing{std::move(frames), 0, false});
+    lock.unlock();
+    wake();
+}
+
+bool Io::awaitUnregistered(const GUID& guid, int timeoutMs)
+{
+    const std::string key = guidKey(guid);
+    std::unique_lock<std::mutex> lock(m_verdictMutex);
+    m_verdictCv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        auto found = m_unregistered.find(key);
+        return found == m_unregistered.end() || found->second.done;
+    });
+    auto found = m_unregistered.find(key);
+    bool confirmed = false;
+    if (found != m_unregistered.end()) {
+        confirmed = found->second.done && found->second.result == ZELL_SEND_ROUTED;
+        m_unregistered.erase(found);
+    }
+    return confirmed;
+}
+
+std::string Io::verdictKey(const GUID& src, uint64_t sequence)
+{
+    std::string key = guidKey(src);
+    key.append(reinterpret_cast<const char*>(&sequence), sizeof(sequence));
+    return key;
+}
+
+void Io::expectVerdict(const GUID& src, uint64_t sequence)
+{
+    std::lock_guard<std::mutex> lock(m_verdictMutex);
+    m_verdicts[verdictKey(src, sequence)] = Verdict{};
+}
+
+void Io::forgetVerdict(const GUID& src, uint64_t sequence)
+{
+    std::lock_guard<std::mutex> lock(m_verdictMutex);
+    m_verdicts.erase(verdictKey(src, sequence));
+}
+
+int Io::awaitVerdict(const GUID& src, uint64_t sequence, int timeoutMs)
+{
+    const std::string key = verdictKey(src, sequence);
+    std::unique_lock<std::mutex> lock(m_verdictMutex);
+    m_verdictCv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        auto found = m_verdicts.find(key);
+        return found == m_verdicts.end() || found->second.done;
+    });
+    auto found = m_verdicts.find(key);
+    int result = ZELL_SEND_NO_BROKER;
+    if (found != m_verdicts.end()) {
+        if (found->second.done) {
+            result = found->second.result;
+        }
+        m_verdicts.erase(found);
+    }
+    return result;
+}
+
+void Io::completeVerdict(const GUID& src, uint64_t sequence, int result)
+{
+    std::lock_guard<std::mutex> lock(m_verdictMutex);
+    auto found = m_verdicts.find(verdictKey(src, sequence));
+    if (found != m_verdicts.end()) {
+        found->second.done = true;
+        found->second.result = result;
+        m_verdictCv.notify_all();
+    }
+}
+
+void Io::failAllVerdicts()
+{
+    std::lock_guard<std::mutex> lock(m_verdictMutex);
+    for (auto* table : {&m_verdicts, &m_unregistered}) {
+        for (auto& entry : *table) {
+            if (!entry.second.done) {
+                entry.second.done = true;
+                entry.second.result = ZELL_SEND_NO_BROKER;
+            }
+        }
+    }
+    m_verdictCv.notify_all();
+}
+
+bool Io::trySend(Outgoing& out)
+{
+    for (size_t i = 0; i < out.frames.size(); ++i) {
+        const auto flags = i + 1 < out.frames.size() ? zmq::send_flags::dontwait | zmq::send_flags::sndmore
+                                                     : zmq::send_flags::dontwait;
+        if (!m_socket->send(out.frames[i], flags)) {
+            // Only the first part can be refused: ZMQ takes the rest of a message it has started.
+            return false;
+        }
+    }
+    return true;
+}
+
+void Io::sendControl(Cmd cmd, const GUID* guid)
+{
+    Outgoing out;
+    out.frames.push_back(headerFrame(cmd));
+    if (guid != nullptr) {
+        out.frames.push_back(guidFrame(*guid));
+    }
+    trySend(out); // when the socket is full this is dropped; the timers send it again
+}
+
+void Io::flush()
+{
+    if (!m_session) {
+        return;
+    }
+    size_t sentData = 0;
+    size_t sentBytes = 0;
+    auto settle = [&] {
+        if (sentData == 0) {
+            return;
+        }
+        std::lock_guard<std::mutex> lock(m_outMutex);
+        m_dataBytes -= sentBytes;
+        if (m_spaceWaiters > 0) {
+            m_outCv.notify_all();
+        }
+        sentData = 0;
+        sentBytes = 0;
+    };
+    for (;;) {
+        if (!m_stalled) {
+            std::unique_lock<std::mutex> lock(m_outMutex);
+            if (!m_control.empty()) {
+                m_stalled = std::make_unique<Outgoing>(std::move(m_control.front()));
+                m_control.pop_front();
+            } else if (!m_data.empty()) {
+                m_stalled = std::make_unique<Outgoing>(std::move(m_data.front()));
+                m_data.pop_front();
+            } else {
+                break;
+            }
+        }
+        if (!trySend(*m_stalled)) {
+            break; // wait for POLLOUT
+        }
+        if (m_stalled->data) {
+            ++sentData;
+            sentBytes += m_stalled->bytes;
+        }
+        m_stalled.reset();
+        if (sentData >= 256) {
+            settle();
+        }
+    }
+    settle();
+}
+
+void Io::sessionUp(uint64_t instance)
+{
+    const bool restarted = m_instance != 0 && instance != m_instance;
+    m_instance = instance;
+    m_session = true;
+    m_lastHeard = monotonicMs();
+    m_nextPing = m_lastHeard + kPingEveryMs;
+    m_nextRetry = m_lastHeard + kRetryRefusedMs;
+    // Registrations go out before anything queued, so the broker knows our endpoints first. (A message
+    // the old connection refused may still go ahead of them; the broker accepts unregistered sources.)
+    size_t count = 0;
+    for (const auto& endpoint : m_mgr.boundEndPoints()) {
+        GUID guid;
+        if (endpoint->currentGuid(guid)) {
+            std::vector<zmq::message_t> frames;
+            frames.push_back(headerFrame(Cmd::Register));
+            frames.push_back(guidFrame(guid));
+            std::lock_guard<std::mutex> lock(m_outMutex);
+            m_control.push_front(Outgoing{std::move(frames), 0, false});
+            ++count;
+        }
+    }
+    m_connected.store(true);
+    ZLOG(m_log, kLogInfo, ZELL_LOG_CONNECTION, "connected to the broker at %s%s; registering %zu endpoint(s)",
+         m_endpoint.c_str(), restarted ? " (the broker was restarted)" : "", count);
+    flush();
+}
+
+void Io::sessionDown(const char* why)
+{
+    if (m_session) {
+        ZLOG(m_log, kLogWarn, ZELL_LOG_CONNECTION, "lost the broker at %s: %s; reconnecting in the background",
+             m_endpoint.c_str(), why);
+    }
+    m_session = false;
+    m_connected.store(false);
+    m_nextHello = 0;
+    for (const auto& endpoint : m_mgr.boundEndPoints()) {
+        endpoint->connectionLost();
+    }
+    failAllVerdicts();
+}
+
+void Io::readMonitor()
+{
+    for (;;) {
+        zmq::message_t event;
+        if (!m_monitor->recv(event, zmq::recv_flags::dontwait)) {
+            return;
+        }
+        uint16_t id = 0;
+        if (event.size() >= 2) {
+            memcpy(&id, event.data(), sizeof(id));
+        }
+        while (event.more()) {
+            zmq::message_t rest;
+            if (!m_monitor->recv(rest, zmq::recv_flags::dontwait)) {
+                break;
+            }
+            if (!rest.more()) {
+                break;
+            }
+        }
+        if (id == ZMQ_EVENT_DISCONNECTED) {
+            sessionDown("connection closed");
+        } else if (id == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+            ZLOG(m_log, kLogDebug, ZELL_LOG_CONNECTION, "connection to %s established", m_endpoint.c_str());
+            m_nextHello = 0;
+        }
+    }
+}
+
+void Io::readSocket()
+{
+    std::array<zmq::message_t, kMaxFrames> frames;
+    for (int n = 0; n < kReadBatch && !m_mgr.backlogFull(); ++n) {
+        size_t count = 0;
+        bool tooLong = false;
+        for (;;) {
+            zmq::message_t spill;
+            zmq::message_t& target = count < frames.size() ? frames[count] : spill;
+            const auto flags = count == 0 ? zmq::recv_flags::dontwait : zmq::recv_flags::none;
+            if (!m_socket->recv(target, flags)) {
+                if (count == 0) {
+                    return;
+                }
+                break;
+            }
+            tooLong = tooLong || count >= frames.size();
+            ++count;
+            if (!target.more()) {
+                break;
+            }
+        }
+        if (tooLong) {
+            ZLOG(m_log, kLogWarn, ZELL_LOG_INTERNAL, "dropped a message of %zu frames from the broker", count);
+            continue;
+        }
+        handle(frames.data(), count);
+    }
+}
+
+void Io::handle(zmq::message_t* frames, size_t count)
+{
+    std::array<FrameView, kMaxFrames> views;
+    for (size_t i = 0; i < count; ++i) {
+        views[i] = FrameView{frames[i].data(), frames[i].size()};
+    }
+    Message msg;
+    const ParseError error = parse(views.data(), count, Direction::ToClient, msg);
+    if (error != ParseError::None) {
+        ZLOG(m_log, kLogWarn, ZELL_LOG_INTERNAL, "dropped a malformed message from the broker: %s",
+             parseErrorText(error));
+        return;
+    }
+    m_lastHeard = monotonicMs();
+    switch (msg.cmd) {
+    case Cmd::Welcome:
+        if (!m_session || msg.instance != m_instance) {
+            sessionUp(msg.instance);
+        }
+        break;
+    case Cmd::Pong:
+        if (m_session && msg.instance != m_instance) {
+            sessionDown("the broker was restarted");
+        }
+        break;
+    case Cmd::RegisterAck: {
+        auto endpoint = m_mgr.findByGuid(msg.dest);
+        if (endpoint) {
+            endpoint->registrationAnswer(msg.dest, msg.code == kRegOk);
+        }
+        if (msg.code == kRegOk) {
+            ZLOG(m_log, kLogDebug, ZELL_LOG_ENDPOINT, "endpoint %s registered", guidText(msg.dest).c_str());
+        } else {
+            ZLOG(m_log, kLogError, ZELL_LOG_ENDPOINT, "the broker refused endpoint %s: %s",
+                 guidText(msg.dest).c_str(),
+                 msg.code == kRegTaken ? "another live endpoint has that GUID"
+                                       : (msg.code == kRegLimit ? "too many endpoints" : "invalid GUID"));
+        }
+        break;
+    }
+    case Cmd::Unregistered: {
+        std::lock_guard<std::mutex> lock(m_verdictMutex);
+        auto found = m_unregistered.find(guidKey(msg.dest));
+        if (found != m_unregistered.end()) {
+            found->second.done = true;
+            found->second.result = ZELL_SEND_ROUTED;
+            m_verdictCv.notify_all();
+        }
+        break;
+    }
+    case Cmd::Deliver: {
+        auto endpoint = m_mgr.findByGuid(msg.dest);
+        uint64_t generation = 0;
+        if (!endpoint || !endpoint->acceptFor(msg.dest, generation)) {
+            ZLOG(m_log, kLogDebug, ZELL_LOG_TRAFFIC, "dropped a message for %s type %lld: no such endpoint here",
+                 guidText(msg.dest).c_str(), static_cast<long long>(msg.meta.type));
+            break;
+        }
+        Delivery delivery;
+        delivery.endpoint = std::move(endpoint);
+        delivery.generation = generation;
+        delivery.src = msg.src;
+        delivery.type = msg.meta.type;
+        delivery.sequence = msg.meta.sequence;
+        delivery.body = std::move(frames[4]);
+        m_mgr.deliver(std::move(delivery));
+        break;
+    }
+    case Cmd::Ack:
+        completeVerdict(msg.src, msg.meta.sequence, ZELL_SEND_ROUTED);
+        break;
+    case Cmd::Error: {
+        completeVerdict(msg.src, msg.meta.sequence, verdictFor(msg.code));
+        ++m_undelivered;
+        const int64_t now = monotonicMs();
+        if (now - m_errorWindow > 10000) {
+            if (m_errorsLogged > 20) {
+                ZLOG(m_log, kLogWarn, ZELL_LOG_TRAFFIC, "%llu further message(s) were not delivered",
+                     static_cast<unsigned long long>(m_errorsLogged - 20));
+            }
+            m_errorWindow = now;
+            m_errorsLogged = 0;
+        }
+        if (++m_errorsLogged <= 20) {
+            ZLOG(m_log, kLogWarn, ZELL_LOG_TRAFFIC, "message from %s to %s type %lld not delivered: %s",
+                 guidText(msg.src).c_str(), guidText(msg.dest).c_str(), static_cast<long long>(msg.meta.type),
+                 errorText(msg.code));
+        }
+        break;
+    }
+    default:
+        break;
+    }
+}
+
+void Io::run()
+{
+    m_nextHello = 0;
+    bool stalled = false;
+    while (!m_stop.load()) {
+        const int64_t now = monotonicMs();
+        if (!m_session && now >= m_nextHello) {
+            sendControl(Cmd::Hello, nullptr);
+            m_nextHello = now + kHelloEveryMs;
+        }
+        if (m_session && now - m_lastHeard > kSilenceMs) {
+            sessionDown("no answer to pings");
+        }
+        if (m_session && now >= m_nextPing) {
+            sendControl(Cmd::Ping, nullptr);
+            m_nextPing = now + kPingEveryMs;
+        }
+        if (m_session && now >= m_nextRetry) {
+            // Endpoints the broker refused may get their GUID once its holder is gone.
+            for (const auto& endpoint : m_mgr.boundEndPoints()) {
+                GUID guid;
+                if (endpoint->currentGuid(guid, true)) {
+                    sendControl(Cmd::Register, &guid);
+                }
+            }
+            m_nextRetry = now + kRetryRefusedMs;
+        }
+        flush();
+        stalled = static_cast<bool>(m_stalled) && m_session;
+        m_paused = m_mgr.backlogFull();
+        if (m_paused) {
+            m_mgr.readPaused.store(true);
+        }
+
+        zmq_pollitem_t items[3] = {
+            {m_socket->handle(), 0, static_cast<short>((m_paused ? 0 : ZMQ_POLLIN) | (stalled ? ZMQ_POLLOUT : 0)), 0},
+            {m_monitor->handle(), 0, ZMQ_POLLIN, 0},
+            {nullptr, m_wakeFd, ZMQ_POLLIN, 0},
+        };
+        int64_t next = m_session ? std::min(m_nextPing, m_nextRetry) : m_nextHello;
+        long timeout = static_cast<long>(std::max<int64_t>(0, std::min<int64_t>(next - monotonicMs(), 1000)));
+        if (zmq_poll(items, 3, timeout) < 0) {
+            if (zmq_errno() == ETERM) {
+                break;
+            }
+            continue;
+        }
+        if (items[2].revents & ZMQ_POLLIN) {
+            uint64_t value;
+            (void)!::read(m_wakeFd, &value, sizeof(value));
+        }
+        try {
+            if (items[1].revents & ZMQ_POLLIN) {
+                readMonitor();
+            }
+            if (items[0].revents & ZMQ_POLLIN) {
+                readSocket();
+            }
+        } catch (const zmq::error_t& e) {
+            ZLOG(m_log, kLogError, ZELL_LOG_INTERNAL, "bus socket error: %s", e.what());
+        }
+    }
+    if (m_session) {
+        m_stalled.reset();
+        sendControl(Cmd::Bye, nullptr);
+    }
+    m_session = false;
+    m_connected.store(false);
+    zmq_socket_monitor(m_socket->handle(), nullptr, 0);
+    m_monitor.reset();
+    m_socket.reset();
+}
+
+} // namespace zell

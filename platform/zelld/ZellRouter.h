@@ -1,0 +1,106 @@
+// The broker's routing state: which client connection owns which endpoint GUID, and what to do with each
+// message. Transport-free, so the frame handling can be driven by tests and the fuzzer.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "ZellWire.h"
+
+namespace zell {
+
+// The peer's credentials as the kernel reported them at connect time.
+struct PeerCred {
+    bool known = false;
+    uint32_t uid = 0;
+    int32_t pid = 0;
+};
+
+// Reads the ":uid:gid:pid" tail that libzmq appends to an ipc peer's address. false when absent.
+bool parsePeerAddress(const char* text, PeerCred& out);
+
+class Router {
+public:
+    struct Limits {
+        size_t maxPeers = 4096;
+        size_t maxGuidsPerPeer = 4096;
+        size_t maxGuids = 65536;
+        int64_t peerExpiryMs = 15000; // clients ping every second; silence this long frees their GUIDs
+    };
+
+    struct Counters {
+        uint64_t received = 0;
+        uint64_t routed = 0;
+        uint64_t unknownDest = 0;
+        uint64_t congested = 0;
+        uint64_t malformed = 0;
+        uint64_t foreignPeer = 0; // wrong uid
+        uint64_t sourceTaken = 0;
+        uint64_t registered = 0;
+        uint64_t refused = 0;
+        uint64_t expiredPeers = 0;
+        uint64_t peerLimit = 0;
+    };
+
+    enum class Action {
+        Drop,    // nothing to send (see lastError for malformed input)
+        Reply,   // send `reply` back to the sender
+        Forward, // send the message as Deliver to `forwardTo`; then call routed() or notRouted()
+    };
+
+    struct Decision {
+        Action action = Action::Drop;
+        wire::Message msg;
+        std::string forwardTo;
+        std::vector<std::string> reply;
+        wire::ParseError error = wire::ParseError::None;
+        bool foreign = false; // dropped because the peer runs as another user
+    };
+
+    // alive(pid) tells whether a process still exists; it decides GUID take-over from dead clients.
+    Router(uint32_t ownUid, uint64_t instance, Limits limits, std::function<bool(int32_t)> alive);
+
+    Decision handle(const std::string& peer, const PeerCred& cred, const wire::FrameView* frames, size_t count,
+                    int64_t nowMs);
+    // After a Forward went out: the Ack frames for the sender when it asked for one (else empty).
+    std::vector<std::string> routed(const wire::Message& msg);
+    // After a Forward could not go out: the Error frames for the sender.
+    std::vector<std::string> notRouted(const wire::Message& msg, uint32_t code);
+    // Frees the GUIDs of clients silent for longer than the expiry. Returns how many peers went.
+    size_t expire(int64_t nowMs);
+    // The destination connection vanished (the transport said so): forget it.
+    void dropPeer(const std::string& peer);
+
+    const Counters& counters() const { return m_counters; }
+    size_t peerCount() const { return m_peers.size(); }
+    size_t guidCount() const { return m_owners.size(); }
+    uint64_t instance() const { return m_instance; }
+
+private:
+    struct Peer {
+        PeerCred cred;
+        int64_t lastSeen = 0;
+        std::unordered_set<std::string> guids;
+    };
+
+    void registerGuid(const std::string& peerId, Peer& peer, const wire::Message& msg, int64_t nowMs,
+                      Decision& decision);
+    void unregisterGuid(const std::string& peerId, Peer& peer, const GUID& guid);
+    bool ownerGone(const Peer& owner, int64_t nowMs) const;
+    static std::vector<std::string> routedFrames(wire::Cmd cmd, const wire::Message& msg, bool withCode,
+                                                 uint32_t code);
+
+    uint32_t m_uid;
+    uint64_t m_instance;
+    Limits m_limits;
+    std::function<bool(int32_t)> m_alive;
+    std::unordered_map<std::string, Peer> m_peers;
+    std::unordered_map<std::string, std::string> m_owners; // guid key -> peer id
+    Counters m_counters;
+};
+
+} // namespace zell

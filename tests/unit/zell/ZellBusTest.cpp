@@ -1,0 +1,480 @@
+// The bus end to end: a real kuv-zelld and clients loaded from libZellClientMgr.so.
+#include <gtest/gtest.h>
+
+#include <zmq.h>
+
+#include <random>
+
+#include "ZellTestSupport.h"
+
+using namespace zelltest;
+
+namespace {
+
+const char* const kAppGuid = "F6352E50-5C40-11EE-BEE1-47BAD2011C1F";
+const char* const kPeerGuid = "0B7E3A12-9C41-4D2B-8E5F-6A7B8C9D0E1F";
+const char* const kOtherGuid = "D3C2B1A0-1111-2222-3333-444455556666";
+
+class ZellBus : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        runtime = std::make_unique<RuntimeDir>();
+        broker = std::make_unique<Broker>(KUV_ZELLD_PATH, *runtime);
+        module = std::make_unique<Module>(KUV_ZELL_MODULE);
+    }
+    void TearDown() override
+    {
+        module.reset();
+        broker.reset();
+        runtime.reset();
+    }
+
+    std::unique_ptr<RuntimeDir> runtime;
+    std::unique_ptr<Broker> broker;
+    std::unique_ptr<Module> module;
+};
+
+struct LogLines {
+    static std::mutex mutex;
+    static std::vector<std::pair<int, std::string>> lines;
+    static void callback(int level, const char* text, int)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.emplace_back(level, text);
+    }
+    static bool contains(const std::string& needle)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (const auto& line : lines) {
+            if (line.second.find(needle) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
+    static void clear()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.clear();
+    }
+};
+std::mutex LogLines::mutex;
+std::vector<std::pair<int, std::string>> LogLines::lines;
+
+} // namespace
+
+TEST_F(ZellBus, DeliversType1003WithItsExactBody)
+{
+    Client receiverSide(*module, "69948CC6-CA3A-471E-9D6D-E532496DBBE2");
+    Client senderSide(*module, "11111111-2222-3333-4444-555555555555");
+    ASSERT_EQ(receiverSide.init(settingsJson()), 0);
+    ASSERT_EQ(senderSide.init(settingsJson()), 0);
+    ASSERT_TRUE(receiverSide.waitConnected());
+    ASSERT_TRUE(senderSide.waitConnected());
+
+    IZellMREndPoint4* app = receiverSide->createEndPoint();
+    ASSERT_NE(app, nullptr);
+    Recorder on1003;
+    Recorder on1002;
+    ASSERT_EQ(app->init(guidOf(kAppGuid)), 0);
+    ASSERT_EQ(app->registerRecvNotify(1003, &on1003, 0), 0);
+    ASSERT_EQ(app->registerRecvNotify(1002, &on1002, 0), 0);
+    EXPECT_EQ(app->isRegistered(), 1);
+
+    IZellMREndPoint4* peer = senderSide->createEndPoint();
+    ASSERT_EQ(peer->init(guidOf(kPeerGuid)), 0);
+
+    const std::string body("plugin\0update\0\x01\xff end", 20);
+    ASSERT_EQ(peer->sendMsg(guidOf(kAppGuid), 1003, body.data(), static_cast<int>(body.size())), 0);
+    ASSERT_EQ(peer->sendMsg(guidOf(kAppGuid), 1003, nullptr, 0), 0);
+    ASSERT_TRUE(on1003.waitFor(2));
+    const auto items = on1003.items();
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(items[0].type, 1003);
+    EXPECT_EQ(items[0].body, body);
+    EXPECT_EQ(items[0].body.size(), 20u);
+    EXPECT_EQ(items[0].endpoint, reinterpret_cast<uint64_t>(app));
+    EXPECT_EQ(items[0].sender, kPeerGuid);
+    EXPECT_EQ(items[1].body, "");
+    EXPECT_GT(items[1].sequence, items[0].sequence);
+    EXPECT_EQ(on1002.count(), 0u);
+
+    // A type nobody registered for is not delivered to the 1003 receiver.
+    ASSERT_EQ(peer->sendMsgWait(guidOf(kAppGuid), 1004, "x", 1, 10000), ZELL_SEND_ROUTED);
+    ASSERT_EQ(peer->sendMsgWait(guidOf(kAppGuid), 1003, "last", 4, 10000), ZELL_SEND_ROUTED);
+    ASSERT_TRUE(on1003.waitFor(3));
+    EXPECT_EQ(on1003.items().back().body, "last");
+    EXPECT_EQ(on1003.count(), 3u);
+
+    senderSide->destroyEndPoint(peer);
+    receiverSide->destroyEndPoint(app);
+}
+
+TEST_F(ZellBus, AnyTypeReceiverGetsUnclaimedTypes)
+{
+    Client a(*module, "A");
+    ASSERT_EQ(a.init(settingsJson()), 0);
+    ASSERT_TRUE(a.waitConnected());
+    IZellMREndPoint4* one = a->createEndPoint();
+    IZellMREndPoint4* two = a->createEndPoint();
+    Recorder any;
+    Recorder specific;
+    ASSERT_EQ(one->init(guidOf(kAppGuid)), 0);
+    ASSERT_EQ(two->init(guidOf(kPeerGuid)), 0);
+    ASSERT_EQ(one->registerRecvNotify(kZellAnyMsgType, &any, 0), 0);
+    ASSERT_EQ(one->registerRecvNotify(7, &specific, 0), 0);
+    EXPECT_EQ(two->sendMsg(guidOf(kAppGuid), 7, "s", 1), 0);
+    EXPECT_EQ(two->sendMsg(guidOf(kAppGuid), 8, "a", 1), 0);
+    ASSERT_TRUE(any.waitFor(1));
+    ASSERT_TRUE(specific.waitFor(1));
+    EXPECT_EQ(any.items()[0].type, 8);
+    EXPECT_EQ(specific.items()[0].type, 7);
+    EXPECT_EQ(a->endPointCount(), 2);
+}
+
+TEST_F(ZellBus, UnknownDestinationIsReportedToTheSender)
+{
+    LogLines::clear();
+    Client a(*module, "A");
+    ASSERT_EQ(a.init(settingsJson()), 0);
+    a->setLogCallback(&LogLines::callback);
+    a->setLogMask(0xFFFFFFFFu);
+    ASSERT_TRUE(a.waitConnected());
+    IZellMREndPoint4* ep = a->createEndPoint();
+    ASSERT_EQ(ep->init(guidOf(kPeerGuid)), 0);
+
+    EXPECT_EQ(ep->sendMsgWait(guidOf(kOtherGuid), 5, "lost", 4, 10000), ZELL_SEND_UNKNOWN_DEST);
+    // A plain send is told too, through the log callback.
+    EXPECT_EQ(ep->sendMsg(guidOf(kOtherGuid), 6, "lost", 4), 0);
+    EXPECT_TRUE(kuvtest::waitUntil(
+        [] { return LogLines::contains(std::string("to ") + kOtherGuid + " type 6 not delivered"); }, 30000));
+    // The bus still routes to a known destination afterwards.
+    EXPECT_EQ(ep->sendMsgWait(guidOf(kPeerGuid), 5, "self", 4, 10000), ZELL_SEND_ROUTED);
+}
+
+TEST_F(ZellBus, SecondLiveEndpointWithTheSameGuidIsRefused)
+{
+    Client a(*module, "A");
+    Client b(*module, "B");
+    ASSERT_EQ(a.init(settingsJson()), 0);
+    ASSERT_EQ(b.init(settingsJson()), 0);
+    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(b.waitConnected());
+    IZellMREndPoint4* first = a->createEndPoint();
+    IZellMREndPoint4* sameClient = a->createEndPoint();
+    IZellMREndPoint4* otherClient = b->createEndPoint();
+    ASSERT_EQ(first->init(guidOf(kAppGuid)), 0);
+    EXPECT_NE(sameClient->init(guidOf(kAppGuid)), 0);
+    EXPECT_NE(otherClient->init(guidOf(kAppGuid)), 0);
+    EXPECT_NE(first->init(guidOf(kPeerGuid)), 0) << "an initialised endpoint cannot be renamed";
+    GUID zero{};
+    EXPECT_NE(sameClient->init(zero), 0);
+
+    // Once the holder leaves, the GUID is free again.
+    EXPECT_EQ(first->uninit(), 0);
+    EXPECT_EQ(otherClient->init(guidOf(kAppGuid)), 0);
+    EXPECT_EQ(otherClient->isRegistered(), 1);
+    EXPECT_EQ(a->destroyEndPoint(first), 0);
+    EXPECT_NE(a->destroyEndPoint(first), 0) << "a destroyed endpoint is not destroyed twice";
+    EXPECT_NE(a->destroyEndPoint(otherClient), 0) << "another client's endpoint is refused";
+}
+
+TEST_F(ZellBus, ClientsWaitForALateBroker)
+{
+    broker.reset();
+    Client a(*module, "A");
+    Client b(*module, "B");
+    ASSERT_EQ(a.init(settingsJson()), 0) << "a broker that is not there yet is not an init failure";
+    ASSERT_EQ(b.init(settingsJson()), 0);
+    IZellMREndPoint4* rx = a->createEndPoint();
+    IZellMREndPoint4* tx = b->createEndPoint();
+    Recorder recorder;
+    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
+    ASSERT_EQ(rx->registerRecvNotify(1003, &recorder, 0), 0);
+    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    EXPECT_EQ(a->isConnected(), 0);
+    EXPECT_EQ(tx->sendMsg(guidOf(kAppGuid), 1003, "x", 1), 1) << "no broker: not handed to the bus";
+    EXPECT_EQ(tx->sendMsgWait(guidOf(kAppGuid), 1003, "x", 1, 100), ZELL_SEND_NO_BROKER);
+
+    broker = std::make_unique<Broker>(KUV_ZELLD_PATH, *runtime);
+    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(b.waitConnected());
+    ASSERT_TRUE(kuvtest::waitUntil([&] { return rx->isRegistered() == 1; }, 30000));
+    EXPECT_TRUE(kuvtest::waitUntil(
+        [&] { return tx->sendMsgWait(guidOf(kAppGuid), 1003, "late", 4, 5000) == ZELL_SEND_ROUTED; }, 30000, 50));
+    ASSERT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(recorder.items()[0].body, "late");
+}
+
+TEST_F(ZellBus, DeliveryResumesAfterTheBrokerIsKilledAndRestarted)
+{
+    Client a(*module, "A");
+    Client b(*module, "B");
+    ASSERT_EQ(a.init(settingsJson()), 0);
+    ASSERT_EQ(b.init(settingsJson()), 0);
+    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(b.waitConnected());
+    IZellMREndPoint4* rx = a->createEndPoint();
+    IZellMREndPoint4* tx = b->createEndPoint();
+    Recorder recorder;
+    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
+    ASSERT_EQ(rx->registerRecvNotify(1003, &recorder, 0), 0);
+    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    ASSERT_EQ(tx->sendMsgWait(guidOf(kAppGuid), 1003, "before", 6, 10000), ZELL_SEND_ROUTED);
+    ASSERT_TRUE(recorder.waitFor(1));
+
+    for (int round = 0; round < 2; ++round) {
+        broker->kill9();
+        ASSERT_TRUE(kuvtest::waitUntil([&] { return a->isConnected() == 0 && b->isConnected() == 0; }, 30000));
+        broker->start(); // replaces the dead broker's socket
+        const std::string body = "after-" + std::to_string(round);
+        // Same clients, same endpoints: they reconnect and register again on their own.
+        EXPECT_TRUE(kuvtest::waitUntil(
+            [&] {
+                return tx->sendMsgWait(guidOf(kAppGuid), 1003, body.data(), static_cast<int>(body.size()), 2000) ==
+                       ZELL_SEND_ROUTED;
+            },
+            60000, 20));
+        ASSERT_TRUE(recorder.waitFor(2 + static_cast<size_t>(round)));
+        EXPECT_EQ(recorder.items().back().body, body);
+    }
+}
+
+TEST_F(ZellBus, HundredThousandMessagesInARowNoneLost)
+{
+    Client a(*module, "A");
+    Client b(*module, "B");
+    ASSERT_EQ(a.init(settingsJson()), 0);
+    ASSERT_EQ(b.init(settingsJson()), 0);
+    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(b.waitConnected());
+    IZellMREndPoint4* rx = a->createEndPoint();
+    IZellMREndPoint4* tx = b->createEndPoint();
+
+    struct Counter : IMRReceiveComplete {
+        std::atomic<uint64_t> count{0};
+        std::atomic<uint64_t> outOfOrder{0};
+        std::atomic<uint64_t> badBody{0};
+        uint64_t last = 0;
+        void ReceiveCallback(uint64_t, int64_t, const char* content, int length, uint64_t, uint64_t) override
+        {
+            uint64_t index = 0;
+            if (length != 64) {
+                ++badBody;
+            } else {
+                memcpy(&index, content, sizeof(index));
+            }
+            if (index != last + 1) {
+                ++outOfOrder;
+            }
+            last = index;
+            ++count;
+        }
+    } counter;
+    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
+    ASSERT_EQ(rx->registerRecvNotify(42, &counter, 0), 0);
+    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+
+    constexpr uint64_t kCount = 100000;
+    char body[64] = {0};
+    for (uint64_t i = 1; i <= kCount; ++i) {
+        memcpy(body, &i, sizeof(i));
+        ASSERT_EQ(tx->sendMsg(guidOf(kAppGuid), 42, body, sizeof(body)), 0) << "message " << i;
+    }
+    EXPECT_TRUE(kuvtest::waitUntil([&] { return counter.count.load() >= kCount; }, 240000));
+    EXPECT_EQ(counter.count.load(), kCount);
+    EXPECT_EQ(counter.outOfOrder.load(), 0u);
+    EXPECT_EQ(counter.badBody.load(), 0u);
+}
+
+TEST_F(ZellBus, GarbageFramesLeaveTheBrokerServing)
+{
+    // Raw ZMQ peers that speak the transport but not our protocol.
+    void* ctx = zmq_ctx_new();
+    void* raw = zmq_socket(ctx, ZMQ_DEALER);
+    const int zero = 0;
+    zmq_setsockopt(raw, ZMQ_LINGER, &zero, sizeof(zero));
+    ASSERT_EQ(zmq_connect(raw, ("ipc://" + runtime->socketPath()).c_str()), 0);
+    std::mt19937 random(12345);
+    auto sendParts = [&](const std::vector<std::string>& parts) {
+        for (size_t i = 0; i < parts.size(); ++i) {
+            zmq_send(raw, parts[i].data(), parts[i].size(), i + 1 < parts.size() ? ZMQ_SNDMORE : 0);
+        }
+    };
+    const std::string header = std::string("KZ\x01", 3);
+    sendParts({""});
+    sendParts({"KZ"});
+    sendParts({header + '\x06'});                                       // Send without its frames
+    sendParts({header + '\x06', "short", "x", "y", "z"});              // wrong sizes
+    sendParts({header + '\x07', std::string(16, 'a'), std::string(16, 'b'), std::string(24, 'c'), "x"}); // Deliver upward
+    sendParts({header + '\x03', std::string(16, '\0')});               // the zero GUID
+    sendParts({std::string("KZ\x09\x01", 4)});                          // future version
+    sendParts({header + '\x01', "extra"});
+    std::vector<std::string> many(50, "frame");
+    many[0] = header + '\x0a';
+    sendParts(many);
+    for (int i = 0; i < 2000; ++i) {
+        std::vector<std::string> parts(1 + random() % 7);
+        for (auto& part : parts) {
+            part.resize(random() % 40);
+            for (auto& c : part) {
+                c = static_cast<char>(random());
+            }
+        }
+        if (random() % 2) {
+            parts[0] = header + static_cast<char>(random() % 16);
+        }
+        sendParts(parts);
+    }
+    // Bytes that are not even ZMTP.
+    for (int i = 0; i < 5; ++i) {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        strncpy(address.sun_path, runtime->socketPath().c_str(), sizeof(address.sun_path) - 1);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+            std::string junk(300, '\0');
+            for (auto& c : junk) {
+                c = static_cast<char>(random());
+            }
+            (void)!::write(fd, junk.data(), junk.size());
+        }
+        ::close(fd);
+    }
+
+    Client a(*module, "A");
+    Client b(*module, "B");
+    ASSERT_EQ(a.init(settingsJson()), 0);
+    ASSERT_EQ(b.init(settingsJson()), 0);
+    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(b.waitConnected());
+    IZellMREndPoint4* rx = a->createEndPoint();
+    IZellMREndPoint4* tx = b->createEndPoint();
+    Recorder recorder;
+    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
+    ASSERT_EQ(rx->registerRecvNotify(1003, &recorder, 0), 0);
+    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    EXPECT_EQ(tx->sendMsgWait(guidOf(kAppGuid), 1003, "still here", 10, 10000), ZELL_SEND_ROUTED);
+    ASSERT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(recorder.items()[0].body, "still here");
+    EXPECT_TRUE(broker->process().running());
+
+    zmq_close(raw);
+    zmq_ctx_term(ctx);
+    EXPECT_EQ(broker->terminate(), 0);
+    EXPECT_NE(broker->process().err().find("malformed"), std::string::npos);
+}
+
+TEST_F(ZellBus, OversizedBodiesAreRefusedBeforeSending)
+{
+    Client a(*module, "A");
+    ASSERT_EQ(a.init(settingsJson()), 0);
+    ASSERT_TRUE(a.waitConnected());
+    IZellMREndPoint4* ep = a->createEndPoint();
+    EXPECT_EQ(ep->sendMsg(guidOf(kAppGuid), 1, "x", 1), -1) << "not initialised";
+    ASSERT_EQ(ep->init(guidOf(kAppGuid)), 0);
+    std::string big(16u * 1024 * 1024 + 1, 'x');
+    EXPECT_EQ(ep->sendMsg(guidOf(kAppGuid), 1, big.data(), static_cast<int>(big.size())), -1);
+    EXPECT_EQ(ep->sendMsg(guidOf(kAppGuid), 1, nullptr, 5), -1);
+    EXPECT_EQ(ep->sendMsg(guidOf(kAppGuid), 1, "x", -1), -1);
+    Recorder recorder;
+    ASSERT_EQ(ep->registerRecvNotify(1, &recorder, 0), 0);
+    big.resize(16u * 1024 * 1024);
+    EXPECT_EQ(ep->sendMsgWait(guidOf(kAppGuid), 1, big.data(), static_cast<int>(big.size()), 30000),
+              ZELL_SEND_ROUTED);
+    ASSERT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(recorder.items()[0].body.size(), big.size());
+}
+
+TEST_F(ZellBus, ReceiverMayUninitItsOwnEndpoint)
+{
+    Client a(*module, "A");
+    ASSERT_EQ(a.init(settingsJson()), 0);
+    ASSERT_TRUE(a.waitConnected());
+    IZellMREndPoint4* rx = a->createEndPoint();
+    IZellMREndPoint4* tx = a->createEndPoint();
+    struct SelfStopper : IMRReceiveComplete {
+        std::atomic<int> calls{0};
+        std::atomic<int> uninitResult{99};
+        void ReceiveCallback(uint64_t endpoint, int64_t, const char*, int, uint64_t, uint64_t) override
+        {
+            if (++calls == 1) {
+                uninitResult = reinterpret_cast<IZellMREndPoint4*>(endpoint)->uninit();
+            }
+        }
+    } stopper;
+    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
+    ASSERT_EQ(rx->registerRecvNotify(3, &stopper, 0), 0);
+    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    for (int i = 0; i < 50; ++i) {
+        tx->sendMsg(guidOf(kAppGuid), 3, "m", 1);
+    }
+    ASSERT_TRUE(kuvtest::waitUntil([&] { return stopper.uninitResult.load() != 99; }, 30000));
+    EXPECT_EQ(stopper.uninitResult.load(), 0);
+    // Messages sent afterwards find no endpoint.
+    EXPECT_TRUE(kuvtest::waitUntil(
+        [&] { return tx->sendMsgWait(guidOf(kAppGuid), 3, "m", 1, 5000) == ZELL_SEND_UNKNOWN_DEST; }, 30000));
+    EXPECT_EQ(stopper.calls.load(), 1);
+    EXPECT_EQ(a->destroyEndPoint(rx), 0);
+}
+
+TEST_F(ZellBus, SeveralDispatchThreadsKeepEachEndpointInOrder)
+{
+    Client a(*module, "A");
+    Client b(*module, "B");
+    ASSERT_EQ(a.init(settingsJson("./kuv_zell", 4)), 0);
+    ASSERT_EQ(b.init(settingsJson()), 0);
+    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(b.waitConnected());
+    struct Ordered : IMRReceiveComplete {
+        std::atomic<int> count{0};
+        std::atomic<int> bad{0};
+        std::atomic<int> concurrent{0};
+        std::atomic<int> inside{0};
+        uint64_t last = 0;
+        void ReceiveCallback(uint64_t, int64_t, const char*, int, uint64_t, uint64_t sequence) override
+        {
+            if (++inside > 1) {
+                ++concurrent;
+            }
+            if (sequence <= last) {
+                ++bad;
+            }
+            last = sequence;
+            --inside;
+            ++count;
+        }
+    };
+    std::vector<std::unique_ptr<Ordered>> receivers;
+    std::vector<IZellMREndPoint4*> rx;
+    for (int i = 0; i < 8; ++i) {
+        receivers.push_back(std::make_unique<Ordered>());
+        rx.push_back(a->createEndPoint());
+        GUID guid = guidOf(kAppGuid);
+        guid.Data4[7] = static_cast<uint8_t>(i);
+        ASSERT_EQ(rx.back()->init(guid), 0);
+        ASSERT_EQ(rx.back()->registerRecvNotify(9, receivers.back().get(), 0), 0);
+    }
+    IZellMREndPoint4* tx = b->createEndPoint();
+    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    for (int n = 0; n < 2000; ++n) {
+        GUID guid = guidOf(kAppGuid);
+        guid.Data4[7] = static_cast<uint8_t>(n % 8);
+        ASSERT_EQ(tx->sendMsg(guid, 9, "o", 1), 0);
+    }
+    EXPECT_TRUE(kuvtest::waitUntil(
+        [&] {
+            int total = 0;
+            for (auto& r : receivers) {
+                total += r->count.load();
+            }
+            return total == 2000;
+        },
+        60000));
+    for (auto& r : receivers) {
+        EXPECT_EQ(r->count.load(), 250);
+        EXPECT_EQ(r->bad.load(), 0);
+        EXPECT_EQ(r->concurrent.load(), 0);
+    }
+}

@@ -1,0 +1,260 @@
+// Helpers for tests that run a real kuv-zelld and load libZellClientMgr.so: the broker process, the module,
+// client instances and a receiver that records what it is given.
+#pragma once
+
+#include <dlfcn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Harness.h"
+#include "IZellClientMgr.h"
+
+namespace zelltest {
+
+inline GUID guidOf(const char* text)
+{
+    GUID guid{};
+    stringToGuid(guid, text);
+    return guid;
+}
+
+inline std::string guidString(const GUID& g)
+{
+    char text[40];
+    snprintf(text, sizeof(text), "%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", g.Data1, g.Data2, g.Data3,
+             g.Data4[0], g.Data4[1], g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);
+    return text;
+}
+
+// A private runtime directory for one test: XDG_RUNTIME_DIR points at it while the object lives.
+class RuntimeDir {
+public:
+    RuntimeDir() : m_dir("zellrt")
+    {
+        const char* old = getenv("XDG_RUNTIME_DIR");
+        m_hadOld = old != nullptr;
+        if (m_hadOld) {
+            m_old = old;
+        }
+        setenv("XDG_RUNTIME_DIR", m_dir.path().c_str(), 1);
+    }
+    ~RuntimeDir()
+    {
+        if (m_hadOld) {
+            setenv("XDG_RUNTIME_DIR", m_old.c_str(), 1);
+        } else {
+            unsetenv("XDG_RUNTIME_DIR");
+        }
+    }
+    const std::string& path() const { return m_dir.path(); }
+    std::string socketPath(const std::string& name = "kuv_zell") const { return m_dir.path() + "/kuv/" + name; }
+    std::string env() const { return "XDG_RUNTIME_DIR=" + m_dir.path(); }
+
+private:
+    kuvtest::TempDir m_dir;
+    std::string m_old;
+    bool m_hadOld = false;
+};
+
+// Whether something accepts connections on the unix socket at path.
+inline bool socketAccepts(const std::string& path)
+{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    ::close(fd);
+    return ok;
+}
+
+// kuv-zelld in the foreground, as a child process.
+class Broker {
+public:
+    Broker(std::string program, const RuntimeDir& runtime, std::vector<std::string> extra = {})
+        : m_program(std::move(program)), m_runtime(runtime), m_extra(std::move(extra))
+    {
+        start();
+    }
+
+    void start()
+    {
+        std::vector<std::string> argv = {m_program, "--foreground", "--log-level", "1"};
+        argv.insert(argv.end(), m_extra.begin(), m_extra.end());
+        m_process = std::make_unique<kuvtest::Process>(argv, std::vector<std::string>{m_runtime.env()});
+        const std::string path = m_runtime.socketPath();
+        if (!kuvtest::waitUntil([&] { return socketAccepts(path) || !m_process->running(); }, 30000)) {
+            throw std::runtime_error("kuv-zelld did not come up");
+        }
+        if (!m_process->running()) {
+            throw std::runtime_error("kuv-zelld exited: " + m_process->err());
+        }
+    }
+
+    void kill9()
+    {
+        m_process->signal(SIGKILL);
+        m_process->wait(10000);
+    }
+
+    // Stops with SIGTERM; the exit status.
+    int terminate()
+    {
+        m_process->signal(SIGTERM);
+        m_process->wait(20000);
+        return m_process->exitStatus();
+    }
+
+    kuvtest::Process& process() { return *m_process; }
+
+private:
+    std::string m_program;
+    const RuntimeDir& m_runtime;
+    std::vector<std::string> m_extra;
+    std::unique_ptr<kuvtest::Process> m_process;
+};
+
+// The module, opened with dlopen as the service does.
+class Module {
+public:
+    explicit Module(const std::string& path)
+    {
+        m_handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (m_handle == nullptr) {
+            throw std::runtime_error(std::string("dlopen: ") + dlerror());
+        }
+        create = reinterpret_cast<PFN_CreateInstance>(dlsym(m_handle, "CreateInstance"));
+        destroy = reinterpret_cast<PFN_DestoryInstance>(dlsym(m_handle, "DestoryInstance"));
+        if (create == nullptr || destroy == nullptr) {
+            throw std::runtime_error("entry points missing");
+        }
+    }
+    ~Module()
+    {
+        if (m_handle != nullptr) {
+            dlclose(m_handle);
+        }
+    }
+    Module(const Module&) = delete;
+    Module& operator=(const Module&) = delete;
+
+    PFN_CreateInstance create = nullptr;
+    PFN_DestoryInstance destroy = nullptr;
+
+private:
+    void* m_handle = nullptr;
+};
+
+inline std::string settingsJson(const std::string& socket = "./kuv_zell", int threads = 1,
+                                const std::string& logPath = std::string())
+{
+    std::string json = "{";
+    if (!logPath.empty()) {
+        json += "\"log_path\":\"" + logPath + "\",";
+    }
+    json += "\"socket_addr\":\"" + socket + "\",\"thread_nums\":" + std::to_string(threads) +
+            ",\"log_level\":4,\"log_size\":10485760}";
+    return json;
+}
+
+// One client instance; given back with stop(), release(), DestoryInstance() as the service does.
+class Client {
+public:
+    Client(Module& module, std::string guid) : m_module(module), m_guid(std::move(guid))
+    {
+        m_mgr = m_module.create(m_guid.c_str());
+        if (m_mgr == nullptr) {
+            throw std::runtime_error("CreateInstance failed");
+        }
+    }
+    ~Client() { close(); }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    int init(const std::string& settings) { return m_mgr->init(settings.c_str(), "test"); }
+    IZellClientMgr* operator->() { return m_mgr; }
+    IZellClientMgr* get() { return m_mgr; }
+    bool waitConnected(int timeoutMs = 30000)
+    {
+        return kuvtest::waitUntil([&] { return m_mgr->isConnected() == 1; }, timeoutMs);
+    }
+    void close()
+    {
+        if (m_mgr != nullptr) {
+            m_mgr->stop();
+            m_mgr->release();
+            m_module.destroy(m_guid.c_str(), m_mgr);
+            m_mgr = nullptr;
+        }
+    }
+
+private:
+    Module& m_module;
+    std::string m_guid;
+    IZellClientMgr* m_mgr = nullptr;
+};
+
+struct Received {
+    uint64_t endpoint = 0;
+    int64_t type = 0;
+    std::string body;
+    std::string sender;
+    uint64_t sequence = 0;
+};
+
+// Records every call; tests wait on the count.
+class Recorder : public IMRReceiveComplete {
+public:
+    void ReceiveCallback(uint64_t endpoint, int64_t msgType, const char* content, int length, uint64_t sender,
+                         uint64_t sequence) override
+    {
+        Received r;
+        r.endpoint = endpoint;
+        r.type = msgType;
+        r.body.assign(content, static_cast<size_t>(length));
+        r.sender = sender != 0 ? guidString(*reinterpret_cast<const GUID*>(sender)) : std::string();
+        r.sequence = sequence;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_items.push_back(std::move(r));
+        m_cv.notify_all();
+    }
+    bool waitFor(size_t count, int timeoutMs = 30000)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_items.size() >= count; });
+    }
+    std::vector<Received> items()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_items;
+    }
+    size_t count()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_items.size();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::vector<Received> m_items;
+};
+
+} // namespace zelltest

@@ -1,0 +1,238 @@
+// The wire protocol parser and the broker's routing core, without sockets.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "ZellRouter.h"
+#include "ZellWire.h"
+
+using namespace zell;
+using namespace zell::wire;
+
+namespace {
+
+std::string header(Cmd cmd)
+{
+    uint8_t raw[kHeaderSize];
+    putHeader(raw, cmd);
+    return std::string(reinterpret_cast<char*>(raw), kHeaderSize);
+}
+
+std::string guidBytes(uint32_t n)
+{
+    GUID guid{};
+    guid.Data1 = n;
+    uint8_t raw[kGuidSize];
+    putGuid(raw, guid);
+    return std::string(reinterpret_cast<char*>(raw), kGuidSize);
+}
+
+std::string metaBytes(int64_t type, uint64_t sequence, uint32_t flags = 0)
+{
+    Meta meta;
+    meta.type = type;
+    meta.sequence = sequence;
+    meta.flags = flags;
+    uint8_t raw[kMetaSize];
+    putMeta(raw, meta);
+    return std::string(reinterpret_cast<char*>(raw), kMetaSize);
+}
+
+std::vector<FrameView> views(const std::vector<std::string>& frames)
+{
+    std::vector<FrameView> out;
+    for (const auto& f : frames) {
+        out.push_back(FrameView{f.data(), f.size()});
+    }
+    return out;
+}
+
+ParseError parseUp(const std::vector<std::string>& frames, Message& msg)
+{
+    auto v = views(frames);
+    return parse(v.data(), v.size(), Direction::ToBroker, msg);
+}
+
+struct Sink {
+    std::set<int32_t> dead;
+};
+
+class RouterTest : public ::testing::Test {
+protected:
+    RouterTest()
+        : router(1000, 77, Router::Limits{}, [this](int32_t pid) { return sink.dead.count(pid) == 0; })
+    {
+    }
+    Router::Decision send(const std::string& peer, const std::vector<std::string>& frames, int64_t now = 0,
+                          PeerCred cred = PeerCred{true, 1000, 10})
+    {
+        auto v = views(frames);
+        return router.handle(peer, cred, v.data(), v.size(), now);
+    }
+    uint32_t registerStatus(const std::string& peer, uint32_t guid, int64_t now = 0,
+                            PeerCred cred = PeerCred{true, 1000, 10})
+    {
+        auto d = send(peer, {header(Cmd::Register), guidBytes(guid)}, now, cred);
+        EXPECT_EQ(d.action, Router::Action::Reply);
+        if (d.reply.size() != 3) {
+            return 999;
+        }
+        return getU32(reinterpret_cast<const uint8_t*>(d.reply[2].data()));
+    }
+
+    Sink sink;
+    Router router;
+};
+
+} // namespace
+
+TEST(ZellWire, SendRoundTrip)
+{
+    const std::string body("a\0b", 3);
+    Message msg;
+    ASSERT_EQ(parseUp({header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(1003, 9, kFlagWantAck), body}, msg),
+              ParseError::None);
+    EXPECT_EQ(msg.cmd, Cmd::Send);
+    EXPECT_EQ(msg.dest.Data1, 1u);
+    EXPECT_EQ(msg.src.Data1, 2u);
+    EXPECT_EQ(msg.meta.type, 1003);
+    EXPECT_EQ(msg.meta.sequence, 9u);
+    EXPECT_EQ(msg.meta.flags, kFlagWantAck);
+    EXPECT_EQ(std::string(static_cast<const char*>(msg.body.data), msg.body.size), body);
+}
+
+TEST(ZellWire, RejectsMalformedFrames)
+{
+    Message msg;
+    EXPECT_EQ(parse(nullptr, 0, Direction::ToBroker, msg), ParseError::NoFrames);
+    EXPECT_EQ(parseUp({"KZ"}, msg), ParseError::BadHeader);
+    EXPECT_EQ(parseUp({std::string("XY\x01\x01", 4)}, msg), ParseError::BadHeader);
+    EXPECT_EQ(parseUp({std::string("KZ\x02\x01", 4)}, msg), ParseError::BadVersion);
+    EXPECT_EQ(parseUp({std::string("KZ\x01\x00", 4)}, msg), ParseError::BadCommand);
+    EXPECT_EQ(parseUp({std::string("KZ\x01\x63", 4)}, msg), ParseError::BadCommand);
+    EXPECT_EQ(parseUp({header(Cmd::Welcome), std::string(12, 'x')}, msg), ParseError::BadCommand)
+        << "broker-only commands are refused from clients";
+    EXPECT_EQ(parseUp({header(Cmd::Hello), "x"}, msg), ParseError::BadFrameCount);
+    EXPECT_EQ(parseUp({header(Cmd::Register)}, msg), ParseError::BadFrameCount);
+    EXPECT_EQ(parseUp({header(Cmd::Register), "short"}, msg), ParseError::BadFrameSize);
+    EXPECT_EQ(parseUp({header(Cmd::Send), guidBytes(1), guidBytes(2), "meta", ""}, msg), ParseError::BadFrameSize);
+    EXPECT_EQ(parseUp({header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(1, 1)}, msg),
+              ParseError::BadFrameCount);
+}
+
+TEST(ZellWire, GuidText)
+{
+    GUID guid{};
+    ASSERT_TRUE(parseGuidText("F6352E50-5C40-11EE-BEE1-47BAD2011C1F", guid));
+    EXPECT_EQ(guidText(guid), "F6352E50-5C40-11EE-BEE1-47BAD2011C1F");
+    GUID same{};
+    stringToGuid(same, "F6352E50-5C40-11EE-BEE1-47BAD2011C1F");
+    EXPECT_EQ(memcmp(&guid, &same, sizeof(GUID)), 0);
+    ASSERT_TRUE(parseGuidText("{f6352e50-5c40-11ee-bee1-47bad2011c1f}", guid));
+    EXPECT_EQ(guidText(guid), "F6352E50-5C40-11EE-BEE1-47BAD2011C1F");
+    EXPECT_FALSE(parseGuidText("F6352E50-5C40-11EE-BEE1-47BAD2011C1", guid));
+    EXPECT_FALSE(parseGuidText("F6352E50+5C40-11EE-BEE1-47BAD2011C1F", guid));
+    EXPECT_FALSE(parseGuidText("G6352E50-5C40-11EE-BEE1-47BAD2011C1F", guid));
+    uint8_t raw[kGuidSize];
+    putGuid(raw, same);
+    const GUID back = getGuid(raw);
+    EXPECT_EQ(memcmp(&back, &same, sizeof(GUID)), 0);
+}
+
+TEST(ZellWire, PeerAddress)
+{
+    PeerCred cred;
+    ASSERT_TRUE(parsePeerAddress("localhost:1000:1001:4242", cred));
+    EXPECT_EQ(cred.uid, 1000u);
+    EXPECT_EQ(cred.pid, 4242);
+    EXPECT_FALSE(parsePeerAddress("localhost", cred));
+    EXPECT_FALSE(parsePeerAddress("a:b:c:d", cred));
+    EXPECT_FALSE(parsePeerAddress(nullptr, cred));
+    EXPECT_FALSE(parsePeerAddress(":1:2:", cred));
+}
+
+TEST_F(RouterTest, RoutesToTheOwnerAndReportsUnknownDestinations)
+{
+    EXPECT_EQ(registerStatus("peerA", 1), kRegOk);
+    EXPECT_EQ(registerStatus("peerA", 1), kRegOk) << "registering again is harmless";
+    auto d = send("peerB", {header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(1003, 1), "body"});
+    ASSERT_EQ(d.action, Router::Action::Forward);
+    EXPECT_EQ(d.forwardTo, "peerA");
+    EXPECT_TRUE(router.routed(d.msg).empty());
+
+    d = send("peerB", {header(Cmd::Send), guidBytes(9), guidBytes(2), metaBytes(1003, 2), "body"});
+    ASSERT_EQ(d.action, Router::Action::Reply);
+    ASSERT_EQ(d.reply.size(), 5u);
+    EXPECT_EQ(d.reply[0], header(Cmd::Error));
+    EXPECT_EQ(getU32(reinterpret_cast<const uint8_t*>(d.reply[4].data())), kErrUnknownDest);
+    EXPECT_EQ(router.counters().unknownDest, 1u);
+
+    d = send("peerB", {header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(5, 3, kFlagWantAck), ""});
+    ASSERT_EQ(d.action, Router::Action::Forward);
+    const auto ack = router.routed(d.msg);
+    ASSERT_EQ(ack.size(), 4u);
+    EXPECT_EQ(ack[0], header(Cmd::Ack));
+    const auto error = router.notRouted(d.msg, kErrCongested);
+    EXPECT_EQ(router.counters().congested, 1u);
+    EXPECT_EQ(error[0], header(Cmd::Error));
+}
+
+TEST_F(RouterTest, SecondLiveRegistrationIsRefusedUntilTheHolderIsGone)
+{
+    EXPECT_EQ(registerStatus("peerA", 1, 0, PeerCred{true, 1000, 10}), kRegOk);
+    EXPECT_EQ(registerStatus("peerB", 1, 0, PeerCred{true, 1000, 11}), kRegTaken);
+    EXPECT_EQ(registerStatus("peerB", 0), kRegInvalid);
+    // The holder's process died without saying goodbye.
+    sink.dead.insert(10);
+    EXPECT_EQ(registerStatus("peerB", 1, 0, PeerCred{true, 1000, 11}), kRegOk);
+    auto d = send("peerC", {header(Cmd::Send), guidBytes(1), guidBytes(3), metaBytes(1, 1), "x"});
+    EXPECT_EQ(d.forwardTo, "peerB");
+
+    // Unregister frees it at once and is confirmed.
+    d = send("peerB", {header(Cmd::Unregister), guidBytes(1)}, 0, PeerCred{true, 1000, 11});
+    ASSERT_EQ(d.action, Router::Action::Reply);
+    EXPECT_EQ(d.reply[0], header(Cmd::Unregistered));
+    EXPECT_EQ(registerStatus("peerC", 1, 0, PeerCred{true, 1000, 12}), kRegOk);
+}
+
+TEST_F(RouterTest, SilentClientsExpireAndByeFreesEverything)
+{
+    EXPECT_EQ(registerStatus("peerA", 1, 0), kRegOk);
+    EXPECT_EQ(registerStatus("peerA", 2, 0), kRegOk);
+    EXPECT_EQ(router.guidCount(), 2u);
+    send("peerA", {header(Cmd::Bye)});
+    EXPECT_EQ(router.guidCount(), 0u);
+    EXPECT_EQ(router.peerCount(), 0u);
+
+    EXPECT_EQ(registerStatus("peerA", 1, 0), kRegOk);
+    EXPECT_EQ(router.expire(10000), 0u);
+    EXPECT_EQ(router.expire(20000), 1u);
+    EXPECT_EQ(router.guidCount(), 0u);
+}
+
+TEST_F(RouterTest, ForeignUsersAndStolenSourcesAreRefused)
+{
+    auto d = send("evil", {header(Cmd::Hello)}, 0, PeerCred{true, 0, 5});
+    EXPECT_TRUE(d.foreign);
+    EXPECT_EQ(d.action, Router::Action::Drop);
+    EXPECT_EQ(router.counters().foreignPeer, 1u);
+
+    EXPECT_EQ(registerStatus("peerA", 1), kRegOk);
+    EXPECT_EQ(registerStatus("peerA", 2), kRegOk);
+    d = send("peerB", {header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(1, 1), "x"});
+    ASSERT_EQ(d.action, Router::Action::Reply);
+    EXPECT_EQ(getU32(reinterpret_cast<const uint8_t*>(d.reply[4].data())), kErrSourceTaken);
+}
+
+TEST_F(RouterTest, HelloAndPingCarryTheInstance)
+{
+    auto d = send("peerA", {header(Cmd::Hello)});
+    ASSERT_EQ(d.reply.size(), 2u);
+    EXPECT_EQ(d.reply[0], header(Cmd::Welcome));
+    EXPECT_EQ(getU64(reinterpret_cast<const uint8_t*>(d.reply[1].data())), 77u);
+    d = send("peerA", {header(Cmd::Ping)});
+    EXPECT_EQ(d.reply[0], header(Cmd::Pong));
+    d = send("peerA", {header(Cmd::Send)});
+    EXPECT_EQ(d.error, ParseError::BadFrameCount);
+    EXPECT_EQ(router.counters().malformed, 1u);
+}

@@ -1,0 +1,219 @@
+// Second-start cost: `kuvgui right "/a b" /c` against a running instance, next to a minimal C program that
+// sends the same 39 bytes to the same socket. Prints both and their ratio.
+//
+// Usage: kuv_bench_forward [--runs N] [--install DIR] [--min PATH]
+//   DIR defaults to $KUV_STAGE_DIR (the staged installation); the minimal client defaults to the
+//   kuv_forward_min built beside this program. The service runs headless in a private runtime directory.
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+struct Child {
+    pid_t pid = -1;
+};
+
+std::vector<std::string> g_env;
+
+std::vector<char*> cstrings(std::vector<std::string>& v)
+{
+    std::vector<char*> out;
+    for (auto& s : v) {
+        out.push_back(&s[0]);
+    }
+    out.push_back(nullptr);
+    return out;
+}
+
+pid_t spawn(std::vector<std::string> argv, bool quiet)
+{
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (quiet) {
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    }
+    auto args = cstrings(argv);
+    auto envp = cstrings(g_env);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data()) != 0) {
+        pid = -1;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+int waitExit(pid_t pid)
+{
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Wall time of one whole process, from spawn to reaped, in microseconds.
+double timeRun(const std::vector<std::string>& argv, int expectStatus)
+{
+    const auto start = std::chrono::steady_clock::now();
+    const pid_t pid = spawn(argv, true);
+    if (pid < 0) {
+        fprintf(stderr, "cannot start %s\n", argv[0].c_str());
+        exit(1);
+    }
+    const int status = waitExit(pid);
+    const auto end = std::chrono::steady_clock::now();
+    if (status != expectStatus) {
+        fprintf(stderr, "%s exited with %d, expected %d\n", argv[0].c_str(), status, expectStatus);
+        exit(1);
+    }
+    return std::chrono::duration<double, std::micro>(end - start).count();
+}
+
+bool exists(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+bool waitFor(const std::string& path, int ms)
+{
+    for (int i = 0; i < ms / 20; ++i) {
+        if (exists(path)) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return exists(path);
+}
+
+struct Stats {
+    double median, mean, p10, p90;
+};
+
+Stats stats(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    Stats s{};
+    s.median = v[v.size() / 2];
+    double sum = 0;
+    for (double x : v) {
+        sum += x;
+    }
+    s.mean = sum / v.size();
+    s.p10 = v[v.size() / 10];
+    s.p90 = v[v.size() * 9 / 10];
+    return s;
+}
+
+std::string selfDir()
+{
+    char buf[4096];
+    const ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
+    std::string p(buf, n > 0 ? static_cast<size_t>(n) : 0);
+    return p.substr(0, p.rfind('/'));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    int runs = 200;
+    std::string install = getenv("KUV_STAGE_DIR") ? getenv("KUV_STAGE_DIR") : "";
+    std::string minimal = selfDir() + "/kuv_forward_min";
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--runs" && i + 1 < argc) {
+            runs = std::max(10, atoi(argv[++i]));
+        } else if (a == "--install" && i + 1 < argc) {
+            install = argv[++i];
+        } else if (a == "--min" && i + 1 < argc) {
+            minimal = argv[++i];
+        } else {
+            fprintf(stderr, "usage: %s [--runs N] [--install DIR] [--min PATH]\n", argv[0]);
+            return 2;
+        }
+    }
+    if (install.empty()) {
+        fprintf(stderr, "no installation: give --install DIR or set KUV_STAGE_DIR\n");
+        return 2;
+    }
+    if (install.back() != '/') {
+        install += '/';
+    }
+
+    char runtimeTemplate[] = "/tmp/kuvbench.XXXXXX";
+    if (mkdtemp(runtimeTemplate) == nullptr) {
+        perror("mkdtemp");
+        return 1;
+    }
+    const std::string runtime = runtimeTemplate;
+    chmod(runtime.c_str(), 0700);
+    for (char** e = environ; *e != nullptr; ++e) {
+        if (strncmp(*e, "XDG_RUNTIME_DIR=", 16) != 0 && strncmp(*e, "QT_QPA_PLATFORM=", 16) != 0) {
+            g_env.emplace_back(*e);
+        }
+    }
+    g_env.push_back("XDG_RUNTIME_DIR=" + runtime);
+    g_env.push_back("QT_QPA_PLATFORM=offscreen");
+
+    const pid_t broker = spawn({install + "bin/kuv-zelld", "--foreground"}, true);
+    if (broker < 0 || !waitFor(runtime + "/kuv/kuv_zell", 30000)) {
+        fprintf(stderr, "broker did not come up\n");
+        return 1;
+    }
+    const pid_t service = spawn({install + "bin/kuvgui"}, true);
+    const std::string socket = runtime + "/kuv/kuv-gui";
+    if (service < 0 || !waitFor(socket, 60000)) {
+        fprintf(stderr, "service did not come up\n");
+        return 1;
+    }
+    // Let the start-up settle before timing.
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+
+    const std::vector<std::string> forward = {install + "bin/kuvgui", "right", "/a b", "/c"};
+    const std::vector<std::string> floor = {minimal, socket};
+    for (int i = 0; i < 10; ++i) { // warm the page cache
+        timeRun(forward, 1);
+        timeRun(floor, 0);
+    }
+    std::vector<double> tForward, tFloor;
+    for (int i = 0; i < runs; ++i) { // interleaved, so drift hits both alike
+        tForward.push_back(timeRun(forward, 1));
+        tFloor.push_back(timeRun(floor, 0));
+    }
+
+    timeRun({install + "bin/kuvgui", "quit"}, 1);
+    waitExit(service);
+    kill(broker, SIGTERM);
+    waitExit(broker);
+    std::string rm = "rm -rf '" + runtime + "'";
+    if (system(rm.c_str()) != 0) {
+        fprintf(stderr, "could not remove %s\n", runtime.c_str());
+    }
+
+    const Stats f = stats(tForward), m = stats(tFloor);
+    printf("second start, whole process, %d runs each (microseconds)\n", runs);
+    printf("%-34s %9s %9s %9s %9s\n", "program", "median", "mean", "p10", "p90");
+    printf("%-34s %9.0f %9.0f %9.0f %9.0f\n", "kuvgui right \"/a b\" /c", f.median, f.mean, f.p10, f.p90);
+    printf("%-34s %9.0f %9.0f %9.0f %9.0f\n", "minimal C client (same 39 bytes)", m.median, m.mean, m.p10, m.p90);
+    printf("ratio of medians: %.2f (goal: at most 2.5)\n", f.median / m.median);
+    return 0;
+}

@@ -35,3 +35,20 @@ function(kuv_gui_embed_translations target)
     DEPENDS ${qrc} ${qms} VERBATIM)
   target_sources(${target} PRIVATE ${cpp})
 endfunction()
+
+# kuv_gui_add_plugin(target SOURCES a.cpp ... [TS_FILES x_zh_CN.ts ...])
+# A GUI plugin: a Qt plugin MODULE with moc, hidden symbols (only the Qt plugin entry points are
+# exported), linked against the SDK, with its translations embedded.
+function(kuv_gui_add_plugin target)
+  cmake_parse_arguments(A "" "" "SOURCES;TS_FILES" ${ARGN})
+  add_library(${target} MODULE ${A_SOURCES})
+  set_target_properties(${target} PROPERTIES AUTOMOC ON CXX_VISIBILITY_PRESET hidden
+                        VISIBILITY_INLINES_HIDDEN ON)
+  if(NOT KuvGuiPluginSDK_TARGET)
+    message(FATAL_ERROR "kuv_gui_add_plugin: find_package(KuvGuiPluginSDK) first")
+  endif()
+  target_link_libraries(${target} PRIVATE ${KuvGuiPluginSDK_TARGET})
+  if(A_TS_FILES)
+    kuv_gui_embed_translations(${target} TS_FILES ${A_TS_FILES})
+  endif()
+endfunction()

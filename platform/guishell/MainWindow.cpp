@@ -105,6 +105,7 @@ void MainWindow::syncPluginPages()
         }
         if (!stillThere) {
             if (!pp.page.isNull()) {
+                pp.page->removeEventFilter(this);
                 m_stack->removeWidget(pp.page);
                 pp.page->hide();
                 pp.page->setParent(nullptr);
@@ -133,26 +134,33 @@ void MainWindow::syncPluginPages()
         PluginPage pp;
         pp.id = s.id;
         pp.page = s.page;
+        const QString own = s.page->windowTitle();
         pp.item = new QListWidgetItem(style()->standardIcon(QStyle::SP_FileDialogInfoView),
-                                      s.pageTitle.isEmpty() ? s.id : s.pageTitle);
+                                      !own.isEmpty() ? own : !s.pageTitle.isEmpty() ? s.pageTitle : s.id);
         pp.item->setData(Qt::UserRole + 1, s.id);
         addPage(s.page, pp.item);
+        s.page->installEventFilter(this);
         m_pluginPages.append(pp);
     }
-    // Titles follow the plugins' own translation.
-    for (PluginPage& pp : m_pluginPages) {
-        for (const auto& s : status) {
-            if (s.id == pp.id && !s.pageTitle.isEmpty()) {
-                pp.item->setText(s.pageTitle);
+}
+
+bool MainWindow::eventFilter(QObject* watched, QEvent* event)
+{
+    if (event->type() == QEvent::WindowTitleChange) {
+        for (PluginPage& pp : m_pluginPages) {
+            if (pp.page == watched && !pp.page->windowTitle().isEmpty()) {
+                pp.item->setText(pp.page->windowTitle());
             }
         }
     }
+    return QMainWindow::eventFilter(watched, event);
 }
 
 void MainWindow::detachPluginPages()
 {
     for (PluginPage& pp : m_pluginPages) {
         if (!pp.page.isNull()) {
+            pp.page->removeEventFilter(this);
             m_stack->removeWidget(pp.page);
             pp.page->hide();
             pp.page->setParent(nullptr);

@@ -39,6 +39,8 @@ signals:
 
 protected:
     void closeEvent(QCloseEvent* event) override;
+    // Plugin pages name themselves through their window title, which follows their language.
+    bool eventFilter(QObject* watched, QEvent* event) override;
     void changeEvent(QEvent* event) override;
 
 private:

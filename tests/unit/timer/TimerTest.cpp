@@ -23,6 +23,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
+// Every test ends its timers itself: their callbacks and free functions point into the test's frame.
 class TimerTest : public ::testing::Test {
 protected:
     void TearDown() override { CCronTimerInterface::UninitInstance(); }
@@ -83,6 +84,7 @@ TEST_F(TimerTest, ScaleDividesIntervals)
         1);
     ASSERT_TRUE(eventually([&] { return c.runs >= 3; }, 30s));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 59s);
+    EXPECT_EQ(timers()->cancelTimerInline("scaled"), 1);
 }
 
 TEST_F(TimerTest, BadScaleMeansOne)
@@ -94,6 +96,8 @@ TEST_F(TimerTest, BadScaleMeansOne)
         1);
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(c.runs, 0);
+    EXPECT_EQ(timers()->cancelTimerInline("unscaled"), 1);
+    EXPECT_EQ(c.frees, 1);
 }
 
 TEST_F(TimerTest, RepeatCountRunNowAndNameReuse)
@@ -114,6 +118,7 @@ TEST_F(TimerTest, RepeatCountRunNowAndNameReuse)
     ASSERT_TRUE(eventually([&] { return now.runs == 1; }));
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(now.runs, 1);
+    EXPECT_EQ(timers()->cancelTimerInline("thrice"), 1);
 }
 
 TEST_F(TimerTest, RefusedTimersAreNotFreed)

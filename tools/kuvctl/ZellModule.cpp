@@ -1,0 +1,91 @@
+#include "ZellModule.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include <json/json.h>
+
+#include "ConstConfig.h"
+
+namespace kuvctl {
+
+namespace {
+
+void verboseLog(int level, const char* text, int)
+{
+    static const char* const names[] = {"error", "warning", "info", "debug", "trace"};
+    fprintf(stderr, "kuvctl: bus %s: %s\n", names[level < 0 ? 0 : (level > 4 ? 4 : level)], text);
+}
+
+} // namespace
+
+std::string ZellClient::modulePath() { return ConstConfig::singleInstance()->getInstallDir() + "lib/modules/libZellClientMgr.so"; }
+
+bool ZellClient::open(const std::string& socketAddr, bool verbose, std::string& error)
+{
+    const std::string path = modulePath();
+    m_handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (m_handle == nullptr) {
+        const char* why = dlerror();
+        error = "cannot load the bus module " + path + ": " + (why != nullptr ? why : "unknown error");
+        return false;
+    }
+    auto create = reinterpret_cast<PFN_CreateInstance>(dlsym(m_handle, "CreateInstance"));
+    m_destroy = reinterpret_cast<PFN_DestoryInstance>(dlsym(m_handle, "DestoryInstance"));
+    if (create == nullptr || m_destroy == nullptr) {
+        error = path + " does not export CreateInstance and DestoryInstance";
+        return false;
+    }
+    m_instance = "kuvctl-" + std::to_string(getpid());
+    m_mgr = create(m_instance.c_str());
+    if (m_mgr == nullptr) {
+        error = "the bus module refused to create a client";
+        return false;
+    }
+    if (verbose) {
+        m_mgr->setLogCallback(&verboseLog);
+    }
+    Json::Value settings(Json::objectValue);
+    settings["socket_addr"] = socketAddr;
+    settings["thread_nums"] = 1;
+    settings["log_level"] = verbose ? 4 : 0;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    const std::string text = Json::writeString(writer, settings);
+    const int rc = m_mgr->init(text.c_str(), "kuvctl");
+    if (rc != 0) {
+        error = "the bus module refused its settings (" + std::to_string(rc) + "); is the runtime directory usable?";
+        return false;
+    }
+    return true;
+}
+
+bool ZellClient::waitConnected(int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (m_mgr->isConnected() != 1) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+ZellClient::~ZellClient()
+{
+    if (m_mgr != nullptr) {
+        m_mgr->stop();
+        m_mgr->release();
+        m_destroy(m_instance.c_str(), m_mgr);
+    }
+    if (m_handle != nullptr) {
+        dlclose(m_handle);
+    }
+}
+
+} // namespace kuvctl

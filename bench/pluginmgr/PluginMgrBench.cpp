@@ -1,0 +1,161 @@
+// Times one plugin state update over N combo map files (5 plugins each): the first update, which
+// installs every combo, and a second one over unchanged files, with the log written and filtered.
+// Usage: bench_pluginmgr [max files]   (default 10000)
+#include <stdlib.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <QCoreApplication>
+
+#include "CContainerMgr.h"
+#include "CLogDebug.h"
+#include "CPluginMgr.h"
+#include "FakePlatform.h"
+#include "FakePluginLoader.h"
+
+namespace {
+
+constexpr int kPluginsPerFile = 5;
+
+struct Timing {
+    double firstMs;
+    double againMs;
+};
+
+std::string makeTempDir()
+{
+    const char* base = getenv("TMPDIR");
+    std::string templ = std::string(base && *base ? base : "/tmp") + "/kuvbench.XXXXXX";
+    std::vector<char> buf(templ.begin(), templ.end());
+    buf.push_back('\0');
+    if (mkdtemp(buf.data()) == nullptr) {
+        perror("mkdtemp");
+        exit(1);
+    }
+    return buf.data();
+}
+
+void writeMapFiles(const std::string& mapDir, int files)
+{
+    std::filesystem::remove_all(mapDir);
+    std::filesystem::create_directories(mapDir);
+    for (int i = 0; i < files; ++i) {
+        std::string list;
+        for (int k = 0; k < kPluginsPerFile; ++k) {
+            list += (k ? "," : "") + std::string("{\"id\":\"plugin_") + std::to_string(i) + "_" + std::to_string(k) +
+                    "\"}";
+        }
+        std::ofstream(mapDir + "/combo_" + std::to_string(i) + ".json")
+            << "{\"index\":" << i << ",\"combo\":\"Combo_" << i << "\",\"pluginList\":[" << list << "]}";
+    }
+}
+
+double elapsedMs(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
+Timing runOnce(CContainerMgr& conMgr, const std::string& installDir, int files)
+{
+    // Resetting the doubles also resets the installation directory they report.
+    fake::resetAll();
+    fake::setInstallDir(installDir);
+    CPluginMgr mgr;
+    mgr.init(nullptr, &conMgr);
+    const auto t0 = std::chrono::steady_clock::now();
+    mgr.updatePluginStatus();
+    const double first = elapsedMs(t0);
+    // A run that loaded nothing would time nothing.
+    const size_t installs = fake::loaderInstalls().size();
+    if (installs != static_cast<size_t>(files) * kPluginsPerFile) {
+        fprintf(stderr, "update of %d files made %zu plugin loads, expected %d\n", files, installs,
+                files * kPluginsPerFile);
+        exit(1);
+    }
+    const auto t1 = std::chrono::steady_clock::now();
+    mgr.updatePluginStatus();
+    const double again = elapsedMs(t1);
+    return {first, again};
+}
+
+double median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+Timing measure(CContainerMgr& conMgr, const std::string& installDir, int files, int runs)
+{
+    std::vector<double> first;
+    std::vector<double> again;
+    for (int r = 0; r < runs; ++r) {
+        const Timing t = runOnce(conMgr, installDir, files);
+        first.push_back(t.firstMs);
+        again.push_back(t.againMs);
+    }
+    return {median(first), median(again)};
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    const int maxFiles = argc > 1 ? std::max(100, atoi(argv[1])) : 10000;
+
+    const std::string root = makeTempDir();
+    const std::string installDir = root + "/";
+    const std::string mapDir = installDir + "/etc/plugins-gui/combo_plugin_map";
+
+    CLogDebug* log = CLogDebug::Instance();
+    log->SetProperty(LOG_PROPERTY_PATH, (root + "/log/").c_str());
+    log->SetProperty(LOG_PROPERTY_NAME, "kuvgui");
+    log->SetProperty(LOG_PROPERTY_SIZE, "104857600");
+    log->SetProperty(LOG_PROPERTY_BACKUP, "1");
+
+    CContainerMgr conMgr(nullptr);
+    std::vector<int> sizes;
+    for (int n : {100, 300, 1000, 3000, 10000, 30000, 100000}) {
+        if (n <= maxFiles) {
+            sizes.push_back(n);
+        }
+    }
+
+    printf("updatePluginStatus, %d plugins per map file, median of several runs (ms)\n", kPluginsPerFile);
+    printf("%8s %8s | %12s %12s %10s | %12s %12s | %7s\n", "files", "plugins", "first,log", "again,log", "us/file",
+           "first,nolog", "again,nolog", "growth");
+    double previous = 0;
+    int previousFiles = 0;
+    for (int files : sizes) {
+        writeMapFiles(mapDir, files);
+        const int runs = files >= 10000 ? 3 : 5;
+        log->SetProperty(LOG_PROPERTY_LEVEL, "2");
+        const Timing logged = measure(conMgr, installDir, files, runs);
+        log->SetProperty(LOG_PROPERTY_LEVEL, "4");
+        const Timing quiet = measure(conMgr, installDir, files, runs);
+        char growth[32] = "-";
+        if (previousFiles != 0) {
+            // Time ratio over size ratio: 1.00 is linear growth.
+            snprintf(growth, sizeof(growth), "%.2f",
+                     (logged.firstMs / previous) / (static_cast<double>(files) / previousFiles));
+        }
+        printf("%8d %8d | %12.2f %12.2f %10.2f | %12.2f %12.2f | %7s\n", files, files * kPluginsPerFile,
+               logged.firstMs, logged.againMs, logged.firstMs * 1000.0 / files, quiet.firstMs, quiet.againMs,
+               growth);
+        fflush(stdout);
+        previous = logged.firstMs;
+        previousFiles = files;
+    }
+    printf("growth: (time ratio) / (files ratio) of the first update with the log, against the row above\n");
+
+    CLogDebug::Close();
+    fake::resetAll();
+    std::filesystem::remove_all(root);
+    return 0;
+}

@@ -15,6 +15,8 @@ public:
     char* data() { return m_pData.get(); }
     const char* data() const { return m_pData.get(); }
     void assign(const char* data, size_t size);
+    // Takes over a buffer of size + 1 bytes whose last byte is the NUL, without copying.
+    void adopt(std::unique_ptr<char[]> data, size_t size);
 
 private:
     std::unique_ptr<char[]> m_pData;
@@ -67,8 +69,11 @@ public:
 
     // Sends one whole message (header included, as built by the caller). Non-zero once the server
     // has been handed every byte; 0 otherwise. Retries connecting for up to 2 s, never blocks over 5 s.
+    // The server confirms each complete message with one byte; the connection is kept for the next
+    // call on the same object. One object serves one thread at a time.
     int async(const char* data, unsigned long size);
 
 private:
     std::string m_strName;
+    int m_nFd = -1; // the connection kept between calls, -1 when none
 };

@@ -1,0 +1,599 @@
+// CAfxPipeServer: one epoll thread reads framed messages from many connections; one delivery thread
+// hands them to the monitor in arrival order.
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "AfxPipe.h"
+#include "CLogDebug.h"
+#include "FileUtils.h"
+#include "PipeWire.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const char* kSource = "platform/pipeipc/CAfxPipeServer";
+constexpr size_t kMaxConnections = 1024;
+constexpr size_t kQueueBytes = 64ul * 1024 * 1024; // beyond this reading pauses until delivery catches up
+constexpr size_t kQueueMessages = 8192;
+constexpr size_t kReadChunk = 64 * 1024;
+constexpr size_t kReadPerEvent = 1024 * 1024; // fairness between busy connections
+constexpr int kBacklog = 512;
+
+#define PIPE_LOG(level, fn, ...)                                                                           \
+    do {                                                                                                   \
+        CLogDebug* log_ = CLogDebug::Instance();                                                           \
+        if (log_ != nullptr && log_->CheckLogLevel(level, 1)) {                                            \
+            log_->LogPrint(level, kSource, fn, __LINE__, __VA_ARGS__);                                     \
+        }                                                                                                  \
+    } while (0)
+
+class Fd {
+public:
+    explicit Fd(int fd = -1) : m_fd(fd) {}
+    ~Fd() { reset(); }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    Fd(Fd&& o) noexcept : m_fd(o.m_fd) { o.m_fd = -1; }
+    Fd& operator=(Fd&& o) noexcept
+    {
+        if (this != &o) {
+            reset(o.m_fd);
+            o.m_fd = -1;
+        }
+        return *this;
+    }
+    int get() const { return m_fd; }
+    void reset(int fd = -1)
+    {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        m_fd = fd;
+    }
+
+private:
+    int m_fd;
+};
+
+struct Message {
+    CCharVector data;
+    unsigned long pid = 0;
+};
+
+struct Connection {
+    Fd fd;
+    unsigned long pid = 0;
+    char head[sizeof(sPipeFrameHead)];
+    size_t headGot = 0;
+    std::unique_ptr<char[]> body; // header + payload + NUL once the header is known
+    size_t total = 0;             // header + payload
+    size_t got = 0;
+    Clock::time_point deadline;
+};
+
+// Everything the two threads use; they keep it alive even past the server object.
+struct Runtime {
+    // Set before the threads start, read-only afterwards.
+    Fd listener;
+    Fd epoll;
+    Fd wake;
+    Fd lock;
+    std::string path;
+    dev_t sockDev = 0;
+    ino_t sockIno = 0;
+
+    // I/O thread only.
+    std::unordered_map<int, std::unique_ptr<Connection>> conns;
+    bool warnedFull = false;
+    Clock::time_point lastFullWarning;
+
+    // Shared, under mutex.
+    std::mutex mutex;
+    std::condition_variable ready; // the delivery thread: a message or stop
+    std::condition_variable space; // the I/O thread: the queue shrank or stop
+    std::deque<Message> queue;
+    size_t queuedBytes = 0;
+    bool stopping = false;
+    IRemoteCallNotify* notify = nullptr;
+    long kind = 0;
+    void* context = nullptr;
+
+    std::thread io;
+    std::thread delivery;
+};
+
+void closeConnection(Runtime& rt, int fd)
+{
+    ::epoll_ctl(rt.epoll.get(), EPOLL_CTL_DEL, fd, nullptr);
+    rt.conns.erase(fd);
+}
+
+// Queues one whole message; false when stopping. Waits while the queue is full.
+bool enqueue(Runtime& rt, Message&& message)
+{
+    std::unique_lock<std::mutex> lock(rt.mutex);
+    rt.space.wait(lock, [&] {
+        return rt.stopping || (rt.queuedBytes < kQueueBytes && rt.queue.size() < kQueueMessages);
+    });
+    if (rt.stopping) {
+        return false;
+    }
+    rt.queuedBytes += message.data.length();
+    rt.queue.push_back(std::move(message));
+    rt.ready.notify_one();
+    return true;
+}
+
+// A whole frame arrived: queue it and confirm it. false when the connection must go.
+bool completeFrame(Runtime& rt, Connection& c)
+{
+    Message m;
+    c.body[c.total] = '\0';
+    m.data.adopt(std::move(c.body), c.total);
+    m.pid = c.pid;
+    c.headGot = 0;
+    c.total = c.got = 0;
+    if (!enqueue(rt, std::move(m))) {
+        return false;
+    }
+    const char ack = kuvpipe::kAck;
+    if (::send(c.fd.get(), &ack, 1, MSG_NOSIGNAL | MSG_DONTWAIT) != 1) {
+        return false;
+    }
+    c.deadline = Clock::now() + kuvpipe::kConnectionDeadline;
+    return true;
+}
+
+// Takes bytes for the current frame (and any frames after it); false when the connection must go.
+bool consume(Runtime& rt, Connection& c, const char* p, size_t n)
+{
+    while (n > 0) {
+        if (!c.body) {
+            const size_t take = std::min(n, sizeof c.head - c.headGot);
+            std::memcpy(c.head + c.headGot, p, take);
+            c.headGot += take;
+            p += take;
+            n -= take;
+            if (c.headGot < sizeof c.head) {
+                return true;
+            }
+            sPipeFrameHead head;
+            std::memcpy(&head, c.head, sizeof head);
+            // Checked before anything is allocated.
+            if (head.length > CAfxPipeServer::kMaxMessage) {
+                PIPE_LOG(LOG_LEVEL_WARN, "recv",
+                         "message of %lu bytes from pid %lu refused (limit %lu), connection dropped", head.length,
+                         c.pid, CAfxPipeServer::kMaxMessage);
+                return false;
+            }
+            c.total = sizeof head + head.length;
+            c.body.reset(new char[c.total + 1]);
+            std::memcpy(c.body.get(), c.head, sizeof head);
+            c.got = sizeof head;
+        }
+        const size_t take = std::min(n, c.total - c.got);
+        std::memcpy(c.body.get() + c.got, p, take);
+        c.got += take;
+        p += take;
+        n -= take;
+        if (c.got == c.total && !completeFrame(rt, c)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Reads what the connection has; false when it is finished (closed, broken or refused).
+bool readFrom(Runtime& rt, Connection& c)
+{
+    static thread_local std::vector<char> scratch(kReadChunk);
+    size_t budget = kReadPerEvent;
+    while (budget > 0) {
+        ssize_t n;
+        const bool direct = c.body && c.total - c.got >= kReadChunk;
+        if (direct) {
+            // Large payload: straight into place, never past this frame.
+            n = ::recv(c.fd.get(), c.body.get() + c.got, std::min(c.total - c.got, budget), 0);
+        } else {
+            n = ::recv(c.fd.get(), scratch.data(), scratch.size(), 0);
+        }
+        if (n > 0) {
+            budget -= std::min(budget, static_cast<size_t>(n));
+            if (direct) {
+                c.got += static_cast<size_t>(n);
+                if (c.got == c.total && !completeFrame(rt, c)) {
+                    return false;
+                }
+            } else if (!consume(rt, c, scratch.data(), static_cast<size_t>(n))) {
+                return false;
+            }
+            continue;
+        }
+        if (n == 0) {
+            return false; // peer closed; a half frame is dropped
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        return errno == EAGAIN || errno == EWOULDBLOCK;
+    }
+    return true;
+}
+
+void acceptAll(Runtime& rt)
+{
+    const uid_t self = ::geteuid();
+    for (int i = 0; i < 256; ++i) {
+        Fd fd(::accept4(rt.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (fd.get() < 0) {
+            if (errno == EINTR || errno == ECONNABORTED) {
+                continue;
+            }
+            if (errno != EAGAIN && errno != EWOULDBLOCK) {
+                PIPE_LOG(LOG_LEVEL_WARN, "accept", "accept on %s failed: %s", rt.path.c_str(), std::strerror(errno));
+            }
+            return;
+        }
+        struct ucred cred;
+        socklen_t len = sizeof cred;
+        if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) {
+            PIPE_LOG(LOG_LEVEL_WARN, "accept", "connection without peer credentials refused");
+            continue;
+        }
+        if (cred.uid != self) {
+            PIPE_LOG(LOG_LEVEL_WARN, "accept", "connection from uid %u (pid %d) refused: not uid %u",
+                     static_cast<unsigned>(cred.uid), static_cast<int>(cred.pid), static_cast<unsigned>(self));
+            continue;
+        }
+        if (rt.conns.size() >= kMaxConnections) {
+            const auto now = Clock::now();
+            if (!rt.warnedFull || now - rt.lastFullWarning > std::chrono::minutes(1)) {
+                rt.warnedFull = true;
+                rt.lastFullWarning = now;
+                PIPE_LOG(LOG_LEVEL_WARN, "accept", "%zu connections open; further ones are closed at once",
+                         rt.conns.size());
+            }
+            continue;
+        }
+        auto c = std::make_unique<Connection>();
+        c->pid = static_cast<unsigned long>(cred.pid);
+        c->deadline = Clock::now() + kuvpipe::kConnectionDeadline;
+        struct epoll_event ev {};
+        ev.events = EPOLLIN | EPOLLRDHUP;
+        ev.data.fd = fd.get();
+        if (::epoll_ctl(rt.epoll.get(), EPOLL_CTL_ADD, fd.get(), &ev) != 0) {
+            continue;
+        }
+        const int key = fd.get();
+        c->fd = std::move(fd);
+        rt.conns[key] = std::move(c);
+    }
+}
+
+void ioLoop(std::shared_ptr<Runtime> rt)
+{
+    std::vector<struct epoll_event> events(64);
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(rt->mutex);
+            if (rt->stopping) {
+                break;
+            }
+        }
+        int timeout = -1;
+        if (!rt->conns.empty()) {
+            auto next = Clock::time_point::max();
+            for (const auto& kv : rt->conns) {
+                next = std::min(next, kv.second->deadline);
+            }
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now()).count() + 1;
+            timeout = static_cast<int>(std::max<long long>(0, std::min<long long>(left, 60000)));
+        }
+        const int n = ::epoll_wait(rt->epoll.get(), events.data(), static_cast<int>(events.size()), timeout);
+        if (n < 0 && errno != EINTR) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "run", "epoll_wait failed: %s", std::strerror(errno));
+            break;
+        }
+        const auto before = Clock::now();
+        for (int i = 0; i < n; ++i) {
+            const int fd = events[static_cast<size_t>(i)].data.fd;
+            if (fd == rt->wake.get()) {
+                continue; // the loop head sees the stop
+            }
+            if (fd == rt->listener.get()) {
+                acceptAll(*rt);
+                continue;
+            }
+            auto it = rt->conns.find(fd);
+            if (it != rt->conns.end() && !readFrom(*rt, *it->second)) {
+                closeConnection(*rt, fd);
+            }
+        }
+        // A wait for queue space stalls everyone alike; it does not count against the connections.
+        const auto stalled = Clock::now() - before;
+        const auto now = Clock::now();
+        std::vector<int> expired;
+        for (auto& kv : rt->conns) {
+            if (stalled > std::chrono::milliseconds(100)) {
+                kv.second->deadline += stalled;
+            }
+            if (kv.second->deadline <= now) {
+                expired.push_back(kv.first);
+            }
+        }
+        for (int fd : expired) {
+            closeConnection(*rt, fd);
+        }
+    }
+    rt->conns.clear();
+}
+
+thread_local const Runtime* tl_delivering = nullptr;
+
+void deliveryLoop(std::shared_ptr<Runtime> rt)
+{
+    tl_delivering = rt.get();
+    std::unique_lock<std::mutex> lock(rt->mutex);
+    for (;;) {
+        rt->ready.wait(lock, [&] { return rt->stopping || !rt->queue.empty(); });
+        if (rt->stopping) {
+            break;
+        }
+        Message m = std::move(rt->queue.front());
+        rt->queue.pop_front();
+        rt->queuedBytes -= m.data.length();
+        rt->space.notify_one();
+        IRemoteCallNotify* notify = rt->notify;
+        const long kind = rt->kind;
+        void* context = rt->context;
+        lock.unlock();
+        if (notify != nullptr) {
+            try {
+                notify->RecvData(m.data, kind, context, m.pid);
+            } catch (...) {
+                PIPE_LOG(LOG_LEVEL_ERROR, "deliver", "message receiver threw; message dropped");
+            }
+        }
+        lock.lock();
+    }
+    tl_delivering = nullptr;
+}
+
+// Binds the socket, replacing a file left by a holder that is gone; never one that still answers.
+bool bindSocket(Runtime& rt)
+{
+    struct sockaddr_un addr;
+    std::memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, rt.path.c_str(), rt.path.size());
+    const auto* sa = reinterpret_cast<const struct sockaddr*>(&addr);
+    // The socket's own mode becomes the file's mode at bind.
+    ::fchmod(rt.listener.get(), 0600);
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (::bind(rt.listener.get(), sa, sizeof addr) == 0) {
+            ::chmod(rt.path.c_str(), 0600);
+            struct stat st;
+            if (::stat(rt.path.c_str(), &st) == 0) {
+                rt.sockDev = st.st_dev;
+                rt.sockIno = st.st_ino;
+            }
+            return true;
+        }
+        if (errno != EADDRINUSE) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "bind %s failed: %s", rt.path.c_str(), std::strerror(errno));
+            return false;
+        }
+        struct stat st;
+        if (::lstat(rt.path.c_str(), &st) != 0) {
+            continue; // gone meanwhile
+        }
+        if (!S_ISSOCK(st.st_mode)) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "%s exists and is not a socket; not replaced", rt.path.c_str());
+            return false;
+        }
+        Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (probe.get() < 0) {
+            return false;
+        }
+        if (::connect(probe.get(), sa, sizeof addr) == 0 || errno == EAGAIN || errno == EINPROGRESS) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "%s is served by a running process", rt.path.c_str());
+            return false;
+        }
+        if (errno != ECONNREFUSED) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "%s cannot be probed: %s", rt.path.c_str(), std::strerror(errno));
+            return false;
+        }
+        PIPE_LOG(LOG_LEVEL_INFO, "start", "replacing stale socket %s", rt.path.c_str());
+        ::unlink(rt.path.c_str());
+    }
+    PIPE_LOG(LOG_LEVEL_ERROR, "start", "bind %s failed: address stays in use", rt.path.c_str());
+    return false;
+}
+
+} // namespace
+
+CCharVector::CCharVector(const char* data, size_t size)
+{
+    assign(data, size);
+}
+
+void CCharVector::adopt(std::unique_ptr<char[]> data, size_t size)
+{
+    if (!data) {
+        assign(nullptr, 0);
+        return;
+    }
+    m_pData = std::move(data);
+    m_size = size;
+}
+
+void CCharVector::assign(const char* data, size_t size)
+{
+    std::unique_ptr<char[]> fresh(new char[size + 1]);
+    if (size != 0 && data != nullptr) {
+        std::memcpy(fresh.get(), data, size);
+    }
+    fresh[size] = '\0';
+    m_pData = std::move(fresh);
+    m_size = size;
+}
+
+struct CAfxPipeServer::Impl {
+    std::mutex control; // start and stop
+    std::string name;
+    IRemoteCallNotify* notify = nullptr;
+    long kind = 0;
+    void* context = nullptr;
+    std::shared_ptr<Runtime> rt;
+};
+
+CAfxPipeServer::CAfxPipeServer() : m_impl(std::make_unique<Impl>()) {}
+
+CAfxPipeServer::~CAfxPipeServer()
+{
+    stop();
+}
+
+void CAfxPipeServer::setName(std::string name)
+{
+    std::lock_guard<std::mutex> lock(m_impl->control);
+    m_impl->name = std::move(name);
+}
+
+void CAfxPipeServer::registerMonitor(IRemoteCallNotify* notify, long kind, void* context, bool /*flag*/)
+{
+    std::lock_guard<std::mutex> lock(m_impl->control);
+    m_impl->notify = notify;
+    m_impl->kind = kind;
+    m_impl->context = context;
+    if (m_impl->rt) {
+        std::lock_guard<std::mutex> rtLock(m_impl->rt->mutex);
+        m_impl->rt->notify = notify;
+        m_impl->rt->kind = kind;
+        m_impl->rt->context = context;
+    }
+}
+
+int CAfxPipeServer::start()
+{
+    std::lock_guard<std::mutex> lock(m_impl->control);
+    if (m_impl->rt) {
+        return 1;
+    }
+    try {
+        auto rt = std::make_shared<Runtime>();
+        std::string error;
+        rt->path = kuv::runtimePath(m_impl->name, &error);
+        if (rt->path.empty()) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "no socket for \"%s\": %s", kuv::escapeControl(m_impl->name).c_str(),
+                     error.c_str());
+            return 0;
+        }
+        if (rt->path.size() >= sizeof(sockaddr_un::sun_path)) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "socket path %s is too long", rt->path.c_str());
+            return 0;
+        }
+        // Held while serving: a second server of the same name is refused before touching the socket.
+        const std::string lockPath = rt->path + ".lock";
+        rt->lock.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (rt->lock.get() < 0) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "cannot open %s: %s", lockPath.c_str(), std::strerror(errno));
+            return 0;
+        }
+        if (::flock(rt->lock.get(), LOCK_EX | LOCK_NB) != 0) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "%s is served by a running process", rt->path.c_str());
+            return 0;
+        }
+        rt->listener.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        rt->epoll.reset(::epoll_create1(EPOLL_CLOEXEC));
+        rt->wake.reset(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+        if (rt->listener.get() < 0 || rt->epoll.get() < 0 || rt->wake.get() < 0) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "cannot create descriptors: %s", std::strerror(errno));
+            return 0;
+        }
+        if (!bindSocket(*rt)) {
+            return 0;
+        }
+        if (::listen(rt->listener.get(), kBacklog) != 0) {
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "listen on %s failed: %s", rt->path.c_str(), std::strerror(errno));
+            ::unlink(rt->path.c_str());
+            return 0;
+        }
+        struct epoll_event ev {};
+        ev.events = EPOLLIN;
+        ev.data.fd = rt->listener.get();
+        ::epoll_ctl(rt->epoll.get(), EPOLL_CTL_ADD, rt->listener.get(), &ev);
+        ev.data.fd = rt->wake.get();
+        ::epoll_ctl(rt->epoll.get(), EPOLL_CTL_ADD, rt->wake.get(), &ev);
+        rt->notify = m_impl->notify;
+        rt->kind = m_impl->kind;
+        rt->context = m_impl->context;
+        rt->delivery = std::thread(&deliveryLoop, rt);
+        rt->io = std::thread(&ioLoop, rt);
+        m_impl->rt = rt;
+        PIPE_LOG(LOG_LEVEL_INFO, "start", "listening on %s", rt->path.c_str());
+        return 1;
+    } catch (const std::exception& e) {
+        PIPE_LOG(LOG_LEVEL_ERROR, "start", "start failed: %s", e.what());
+        return 0;
+    }
+}
+
+void CAfxPipeServer::stop()
+{
+    std::lock_guard<std::mutex> lock(m_impl->control);
+    std::shared_ptr<Runtime> rt = std::move(m_impl->rt);
+    m_impl->rt.reset();
+    if (!rt) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> rtLock(rt->mutex);
+        rt->stopping = true;
+        rt->queue.clear();
+        rt->queuedBytes = 0;
+        rt->ready.notify_all();
+        rt->space.notify_all();
+    }
+    const uint64_t one = 1;
+    if (::write(rt->wake.get(), &one, sizeof one) < 0) {
+        // The eventfd cannot be full with one write; the loop sees the flag at its next wake anyway.
+    }
+    if (rt->io.joinable()) {
+        rt->io.join();
+    }
+    if (rt->delivery.joinable()) {
+        // From inside RecvData the running call is our own; the thread ends right after it.
+        if (tl_delivering == rt.get()) {
+            rt->delivery.detach();
+        } else {
+            rt->delivery.join();
+        }
+    }
+    // Remove the socket only while it is still the one we bound, then give up the name.
+    struct stat st;
+    if (::lstat(rt->path.c_str(), &st) == 0 && st.st_dev == rt->sockDev && st.st_ino == rt->sockIno) {
+        ::unlink(rt->path.c_str());
+    }
+    rt->listener.reset();
+    rt->lock.reset();
+}

@@ -18,7 +18,8 @@ public:
     typedef std::function<void(void*)> TimerFunc;
 
     static CCronTimerInterface* singleInstance();
-    // Stops the timer thread; no callback runs afterwards.
+    // Stops the timer thread; no callback runs afterwards. Waits for callbacks under way (not for the
+    // caller's own when called from a callback); at process exit that wait is bounded.
     static void UninitInstance();
     // The standard free function for timer data: free() on non-null data.
     static void g_funcFree(void* data);
@@ -32,6 +33,7 @@ public:
     virtual int addDelayTimerInline(int intervalMs, TimerFunc& fn, const std::string& name, TimerFunc& freeFn,
                                     void* data, int repeat, bool runNow, CCronTimer::TimerExecMode mode) = 0;
     // Cancels the named timer; an unknown name does nothing. 1 when a timer was cancelled, else 0.
+    // A run under way finishes and its freeFn follows it; callable from inside a callback.
     virtual int cancelTimerInline(const std::string& name) = 0;
 
 protected:

@@ -27,7 +27,8 @@ public:
     // Publishes key=value into the tag's attribute file (atomic rewrite). 1 on success, 0 otherwise.
     int setAttribute(const std::string& key, const std::string& value) const;
 
-    // For tools: whether some process holds the named tag, and its published attributes.
+    // For tools: whether some process holds the named tag, and its published attributes
+    // (readAttributes is false when no process holds the tag; a dead holder's leftovers are not shown).
     static bool isHeld(const std::string& name, const TagConfig& config);
     static bool readAttributes(const std::string& name, const TagConfig& config,
                                std::map<std::string, std::string>& attributes);

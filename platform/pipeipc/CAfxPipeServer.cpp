@@ -74,6 +74,25 @@ private:
     int m_fd;
 };
 
+// At most one warning a minute of one kind.
+class RateLimit {
+public:
+    bool due()
+    {
+        const auto now = Clock::now();
+        if (m_any && now - m_last < std::chrono::minutes(1)) {
+            return false;
+        }
+        m_any = true;
+        m_last = now;
+        return true;
+    }
+
+private:
+    bool m_any = false;
+    Clock::time_point m_last;
+};
+
 struct Message {
     CCharVector data;
     unsigned long pid = 0;
@@ -103,8 +122,9 @@ struct Runtime {
 
     // I/O thread only.
     std::unordered_map<int, std::unique_ptr<Connection>> conns;
-    bool warnedFull = false;
-    Clock::time_point lastFullWarning;
+    RateLimit fullWarning;
+    RateLimit acceptWarning;
+    Fd spare; // given up when descriptors run out, to turn a waiting connection away
 
     // Shared, under mutex.
     std::mutex mutex;
@@ -245,11 +265,24 @@ void acceptAll(Runtime& rt)
     for (int i = 0; i < 256; ++i) {
         Fd fd(::accept4(rt.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (fd.get() < 0) {
-            if (errno == EINTR || errno == ECONNABORTED) {
+            const int err = errno;
+            if (err == EINTR || err == ECONNABORTED) {
                 continue;
             }
-            if (errno != EAGAIN && errno != EWOULDBLOCK) {
-                PIPE_LOG(LOG_LEVEL_WARN, "accept", "accept on %s failed: %s", rt.path.c_str(), std::strerror(errno));
+            if (err == EAGAIN || err == EWOULDBLOCK) {
+                return;
+            }
+            if (rt.acceptWarning.due()) {
+                PIPE_LOG(LOG_LEVEL_WARN, "accept", "accept on %s failed: %s", rt.path.c_str(), std::strerror(err));
+            }
+            if ((err == EMFILE || err == ENFILE) && rt.spare.get() >= 0) {
+                // Out of descriptors: take the waiting connection with the spare one and close it, so the
+                // listener does not stay readable forever.
+                rt.spare.reset();
+                Fd drop(::accept4(rt.listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+                drop.reset();
+                rt.spare.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+                continue;
             }
             return;
         }
@@ -265,10 +298,7 @@ void acceptAll(Runtime& rt)
             continue;
         }
         if (rt.conns.size() >= kMaxConnections) {
-            const auto now = Clock::now();
-            if (!rt.warnedFull || now - rt.lastFullWarning > std::chrono::minutes(1)) {
-                rt.warnedFull = true;
-                rt.lastFullWarning = now;
+            if (rt.fullWarning.due()) {
                 PIPE_LOG(LOG_LEVEL_WARN, "accept", "%zu connections open; further ones are closed at once",
                          rt.conns.size());
             }
@@ -530,6 +560,7 @@ int CAfxPipeServer::start()
             PIPE_LOG(LOG_LEVEL_ERROR, "start", "cannot create descriptors: %s", std::strerror(errno));
             return 0;
         }
+        rt->spare.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
         if (!bindSocket(*rt)) {
             return 0;
         }

@@ -1,5 +1,8 @@
 // The command socket end to end: framing, many clients, refused peers and sizes, stop, stale sockets.
 #include <signal.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -121,12 +124,16 @@ bool sendAll(int fd, const std::string& bytes)
     return true;
 }
 
-// The next byte from the server: the receipt, or -1 once the server closed the connection.
+// The next byte from the server: the receipt; -1 once the server closed the connection; -2 when
+// nothing came within the receive timeout.
 int nextByte(int fd)
 {
     char c;
     const ssize_t n = ::recv(fd, &c, 1, 0);
-    return n == 1 ? static_cast<unsigned char>(c) : -1;
+    if (n == 1) {
+        return static_cast<unsigned char>(c);
+    }
+    return (n == 0 || errno == ECONNRESET) ? -1 : -2;
 }
 
 class PipeTest : public ::testing::Test {
@@ -531,4 +538,47 @@ TEST_F(PipeTest, RefusedRuntimeDirectoryMeansNoServer)
     CAfxPipeClient client(kName);
     const std::string m = frame(1, "");
     EXPECT_EQ(client.async(m.data(), m.size()), 0);
+}
+
+TEST_F(PipeTest, OutOfDescriptorsTurnsConnectionsAwayAndRecovers)
+{
+    ASSERT_EQ(server->start(), 1);
+    int open = 0;
+    if (DIR* d = ::opendir("/proc/self/fd")) {
+        while (::readdir(d) != nullptr) {
+            ++open;
+        }
+        ::closedir(d);
+    }
+    struct rlimit old;
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    struct rlimit tight = old;
+    tight.rlim_cur = static_cast<rlim_t>(open + 32);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+    std::vector<int> fillers;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) {
+        fillers.push_back(fd);
+    }
+    // Room for the client's socket only; the server has none left for accepting it.
+    ::close(fillers.back());
+    fillers.pop_back();
+    const int fd = rawConnect(socketPath());
+    int reply = -2;
+    if (fd >= 0) {
+        const std::string m = frame(1, "");
+        sendAll(fd, m);
+        reply = nextByte(fd);
+        ::close(fd);
+    }
+    for (int f : fillers) {
+        ::close(f);
+    }
+    ::setrlimit(RLIMIT_NOFILE, &old);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(reply, -1); // closed, not left hanging
+    CAfxPipeClient client(kName);
+    const std::string m = frame(1, "");
+    ASSERT_NE(client.async(m.data(), m.size()), 0);
+    ASSERT_TRUE(receiver.waitFor(1));
+    EXPECT_EQ(receiver.count(), 1u);
 }

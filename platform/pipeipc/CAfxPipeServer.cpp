@@ -487,13 +487,22 @@ void CCharVector::assign(const char* data, size_t size)
     m_size = size;
 }
 
+// The control mutex is never held while waiting for the threads, so a receiver may call back in.
 struct CAfxPipeServer::Impl {
-    std::mutex control; // start and stop
+    std::mutex control;
+    std::condition_variable stopped; // a stop finished
     std::string name;
     IRemoteCallNotify* notify = nullptr;
     long kind = 0;
     void* context = nullptr;
-    std::shared_ptr<Runtime> rt;
+    std::shared_ptr<Runtime> rt;       // the running server
+    std::shared_ptr<Runtime> stopping; // the server a stop() is taking down
+
+    // Waits for a stop under way, unless this thread is a receiver of that very server.
+    void waitForStop(std::unique_lock<std::mutex>& lock)
+    {
+        stopped.wait(lock, [this] { return !stopping || tl_delivering == stopping.get(); });
+    }
 };
 
 CAfxPipeServer::CAfxPipeServer() : m_impl(std::make_unique<Impl>()) {}
@@ -525,9 +534,13 @@ void CAfxPipeServer::registerMonitor(IRemoteCallNotify* notify, long kind, void*
 
 int CAfxPipeServer::start()
 {
-    std::lock_guard<std::mutex> lock(m_impl->control);
+    std::unique_lock<std::mutex> lock(m_impl->control);
+    m_impl->waitForStop(lock);
     if (m_impl->rt) {
         return 1;
+    }
+    if (m_impl->stopping) {
+        return 0; // called by a receiver of the server being stopped
     }
     try {
         auto rt = std::make_shared<Runtime>();
@@ -591,11 +604,16 @@ int CAfxPipeServer::start()
 
 void CAfxPipeServer::stop()
 {
-    std::lock_guard<std::mutex> lock(m_impl->control);
-    std::shared_ptr<Runtime> rt = std::move(m_impl->rt);
-    m_impl->rt.reset();
-    if (!rt) {
-        return;
+    std::shared_ptr<Runtime> rt;
+    {
+        std::unique_lock<std::mutex> lock(m_impl->control);
+        if (!m_impl->rt) {
+            m_impl->waitForStop(lock); // another caller is stopping it: return when that is done
+            return;
+        }
+        rt = std::move(m_impl->rt);
+        m_impl->rt.reset();
+        m_impl->stopping = rt;
     }
     {
         std::lock_guard<std::mutex> rtLock(rt->mutex);
@@ -627,4 +645,9 @@ void CAfxPipeServer::stop()
     }
     rt->listener.reset();
     rt->lock.reset();
+    {
+        std::lock_guard<std::mutex> lock(m_impl->control);
+        m_impl->stopping.reset();
+        m_impl->stopped.notify_all();
+    }
 }

@@ -582,3 +582,61 @@ TEST_F(PipeTest, OutOfDescriptorsTurnsConnectionsAwayAndRecovers)
     ASSERT_TRUE(receiver.waitFor(1));
     EXPECT_EQ(receiver.count(), 1u);
 }
+
+TEST_F(PipeTest, ConcurrentStopsWaitAndTheReceiverMayCallBackIn)
+{
+    struct CallingBack : IRemoteCallNotify {
+        CAfxPipeServer* server = nullptr;
+        std::mutex mutex;
+        std::condition_variable cv;
+        bool entered = false;
+        bool release = false;
+        std::atomic<bool> inside{false};
+        void RecvData(CCharVector&, long, void*, unsigned long) override
+        {
+            inside = true;
+            std::unique_lock<std::mutex> lock(mutex);
+            entered = true;
+            cv.notify_all();
+            cv.wait(lock, [this] { return release; });
+            lock.unlock();
+            // Both come back at once, even while other threads are stopping this server.
+            server->registerMonitor(this, 2, nullptr, true);
+            server->stop();
+            inside = false;
+        }
+    } receiver2;
+    receiver2.server = server.get();
+    server->registerMonitor(&receiver2, 2, nullptr, true);
+    ASSERT_EQ(server->start(), 1);
+    CAfxPipeClient client(kName);
+    const std::string m = frame(1, "");
+    ASSERT_NE(client.async(m.data(), m.size()), 0);
+    {
+        std::unique_lock<std::mutex> lock(receiver2.mutex);
+        ASSERT_TRUE(receiver2.cv.wait_for(lock, 60s, [&] { return receiver2.entered; }));
+    }
+    std::atomic<int> returned{0};
+    std::atomic<bool> insideAtReturn{false};
+    std::vector<std::thread> stoppers;
+    for (int i = 0; i < 2; ++i) {
+        stoppers.emplace_back([&] {
+            server->stop();
+            insideAtReturn = insideAtReturn || receiver2.inside;
+            ++returned;
+        });
+    }
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(returned, 0);
+    {
+        std::lock_guard<std::mutex> lock(receiver2.mutex);
+        receiver2.release = true;
+        receiver2.cv.notify_all();
+    }
+    for (auto& t : stoppers) {
+        t.join();
+    }
+    EXPECT_EQ(returned, 2);
+    EXPECT_FALSE(insideAtReturn);
+    ASSERT_EQ(server->start(), 1); // and it comes back
+}

@@ -38,12 +38,12 @@ if ! flock -w "${KUV_GUARD_TAKEOVER_WAIT:-10}" 9; then
   exit 0
 fi
 
-# The instance to watch: the tag holder's pid, once it is published (the service publishes it first thing).
-wait_for_instance() { # previous pid or ""; prints the new pid
+# The first instance to watch: the tag holder's pid, published before this script is started.
+first_instance() {
   local i pid
-  for ((i = 0; i < 30 * 10; i++)); do
+  for ((i = 0; i < 100; i++)); do
     pid=$(kuv_tag_pid "$runtime")
-    if [ -n "$pid" ] && [ "$pid" != "$1" ] && kuv_is_service "$pid"; then
+    if kuv_is_service "$pid"; then
       echo "$pid"
       return 0
     fi
@@ -52,8 +52,21 @@ wait_for_instance() { # previous pid or ""; prints the new pid
   return 1
 }
 
+# Waits until the started process has published itself in the tag, or has ended.
+wait_published() { # pid
+  local i
+  for ((i = 0; i < 600; i++)); do
+    [ "$(kuv_tag_pid "$runtime")" = "$1" ] && return 0
+    kuv_is_service "$1" || return 1
+    sleep 0.1
+  done
+  return 1
+}
+
 restarts=()
-pid=$(wait_for_instance "") || { kuv_log "$guard_log" "no running instance to guard"; exit 0; }
+delay=1
+since=$(date +%s)
+pid=$(first_instance) || { kuv_log "$guard_log" "no running instance to guard"; exit 0; }
 kuv_log "$guard_log" "guarding kuvgui pid $pid"
 
 while :; do
@@ -62,13 +75,17 @@ while :; do
   done
   left=$(kuv_tag_pid "$runtime")
   if [ "$left" != "$pid" ]; then
-    # Attributes gone: the service quit normally. Attributes of another pid: someone else started a new
-    # instance, and that instance starts its own guard.
+    # Attributes gone: the service quit normally. Attributes of another pid: another instance was
+    # started meanwhile, and that instance starts its own guard.
     kuv_log "$guard_log" "kuvgui pid $pid quit normally, guard ends"
     exit 0
   fi
 
+  # It died holding the tag: killed, crashed, or a restarted one that failed to start.
   now=$(date +%s)
+  if ((now - since > 60)); then
+    delay=1
+  fi
   recent=()
   for t in "${restarts[@]+"${restarts[@]}"}"; do
     if ((now - t < window)); then recent+=("$t"); fi
@@ -80,12 +97,20 @@ while :; do
   fi
   restarts+=("$now")
 
-  kuv_log "$guard_log" "kuvgui pid $pid ended without quitting, restarting ${install_dir}bin/kuvgui"
-  kuv_start_service "$install_dir" "$guard_log"
-  if ! pid=$(wait_for_instance "$pid"); then
-    kuv_log "$guard_log" "restarted kuvgui did not come up"
-    # Count it and try again on the next round: the dead pid is still what the tag shows.
-    continue
+  # The bus frees a dead process's endpoints only after a while; a restart that came too early fails its
+  # start, and the next one waits longer.
+  kuv_log "$guard_log" "kuvgui pid $pid ended without quitting, restarting it in ${delay}s"
+  sleep "$delay"
+  delay=$((delay * 2 > 30 ? 30 : delay * 2))
+  other=$(kuv_tag_pid "$runtime")
+  if [ "$other" != "$pid" ] && kuv_is_service "$other"; then
+    kuv_log "$guard_log" "kuvgui pid $other was started meanwhile, guard ends"
+    exit 0
   fi
-  kuv_log "$guard_log" "guarding kuvgui pid $pid"
+  kuv_start_service "$install_dir" "$guard_log"
+  pid=$!
+  since=$(date +%s)
+  if wait_published "$pid"; then
+    kuv_log "$guard_log" "guarding kuvgui pid $pid"
+  fi
 done

@@ -30,6 +30,11 @@ struct Status {
     int exitCode = -1;
     std::map<std::string, std::string> attributes;
     std::string text;
+    std::string get(const std::string& key) const
+    {
+        const auto it = attributes.find(key);
+        return it == attributes.end() ? std::string() : it->second;
+    }
 };
 
 class Service {

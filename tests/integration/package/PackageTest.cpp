@@ -1,0 +1,290 @@
+// The Debian package, built with cpack and unpacked into a scratch root: control data and
+// dependencies, the tree, desktop files (desktop-file-validate), user units (systemd-analyze
+// verify), maintainer scripts, checksums, and the unpacked service running from the scratch root.
+#include "DesktopSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+
+namespace {
+
+using namespace kuvtest;
+using namespace kuvdesk;
+
+const std::string kPrefix = "/opt/kuv";
+
+class DebianPackage : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        s_tmp = std::make_unique<TempDir>("kuvdeb");
+        const char* build = std::getenv("KUV_BUILD_DIR");
+        if (build == nullptr || *build == '\0') {
+            s_error = "KUV_BUILD_DIR is not set: run through ctest";
+            return;
+        }
+        for (const char* tool : {"dpkg-deb", "dpkg-shlibdeps", "desktop-file-validate"}) {
+            if (findProgram(tool).empty()) {
+                s_error = std::string(tool) + " is not installed: run scripts/setup";
+                return;
+            }
+        }
+        const std::string out = s_tmp->path() + "/out";
+        const RunResult r = run({KUV_CPACK_COMMAND, "--config", std::string(build) + "/CPackConfig.cmake", "-G",
+                                 "DEB", "-B", out},
+                                {}, 900000);
+        s_cpackLog = r.out + r.err;
+        if (r.status != 0) {
+            s_error = "cpack failed (" + std::to_string(r.status) + "):\n" + s_cpackLog;
+            return;
+        }
+        DIR* d = opendir(out.c_str());
+        while (dirent* e = d != nullptr ? readdir(d) : nullptr) {
+            const std::string name = e->d_name;
+            if (name.size() > 4 && name.compare(name.size() - 4, 4, ".deb") == 0) {
+                s_deb = out + "/" + name;
+            }
+        }
+        if (d != nullptr) {
+            closedir(d);
+        }
+        if (s_deb.empty()) {
+            s_error = "cpack made no .deb:\n" + s_cpackLog;
+            return;
+        }
+        s_root = s_tmp->path() + "/root";
+        const RunResult x = run({findProgram("dpkg-deb"), "-x", s_deb, s_root});
+        if (x.status != 0) {
+            s_error = "dpkg-deb -x failed: " + x.err;
+            return;
+        }
+        s_control = s_tmp->path() + "/DEBIAN";
+        const RunResult e = run({findProgram("dpkg-deb"), "-e", s_deb, s_control});
+        if (e.status != 0) {
+            s_error = "dpkg-deb -e failed: " + e.err;
+        }
+    }
+    static void TearDownTestSuite() { s_tmp.reset(); }
+
+    void SetUp() override { ASSERT_EQ(s_error, ""); }
+
+    static std::string at(const std::string& path) { return s_root + path; }
+    static bool isFile(const std::string& path)
+    {
+        struct stat st {};
+        return lstat(at(path).c_str(), &st) == 0 && S_ISREG(st.st_mode);
+    }
+    static bool isDir(const std::string& path)
+    {
+        struct stat st {};
+        return lstat(at(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
+    static bool isExecutable(const std::string& path) { return isFile(path) && access(at(path).c_str(), X_OK) == 0; }
+
+    static std::string field(const std::string& name)
+    {
+        const RunResult r = run({findProgram("dpkg-deb"), "-f", s_deb, name});
+        std::string v = r.out;
+        while (!v.empty() && (v.back() == '\n' || v.back() == ' ')) {
+            v.pop_back();
+        }
+        return v;
+    }
+
+    static std::unique_ptr<TempDir> s_tmp;
+    static std::string s_error, s_cpackLog, s_deb, s_root, s_control;
+};
+
+std::unique_ptr<TempDir> DebianPackage::s_tmp;
+std::string DebianPackage::s_error, DebianPackage::s_cpackLog, DebianPackage::s_deb, DebianPackage::s_root,
+    DebianPackage::s_control;
+
+TEST_F(DebianPackage, ControlDataAndDependencies)
+{
+    EXPECT_EQ(field("Package"), "kuvgui");
+    EXPECT_EQ(field("Architecture"), "amd64");
+    EXPECT_FALSE(field("Version").empty());
+    EXPECT_FALSE(field("Maintainer").empty());
+    const std::string depends = field("Depends");
+    // Found by dpkg-shlibdeps from the binaries and modules, plus what the scripts need.
+    for (const char* dep : {"libc6", "libstdc++6", "libqt5core5a", "libqt5gui5", "libqt5widgets5", "libjsoncpp25",
+                            "libzmq5", "bash", "util-linux"}) {
+        EXPECT_TRUE(std::regex_search(depends, std::regex(std::string("(^|, )") + dep + "( |,|$)")))
+            << dep << " missing from Depends: " << depends;
+    }
+    EXPECT_EQ(depends.find("libkuv"), std::string::npos) << "own libraries must not be dependencies: " << depends;
+}
+
+TEST_F(DebianPackage, TreeUnderOptAndSystemLocations)
+{
+    for (const char* p : {"bin/kuvgui", "bin/kuv-zelld", "bin/kuvctl", "bin/kuvgui-user-integration",
+                          "libexec/kuvgui-session", "script/kuvgui_guard.sh", "script/starttaviksd.sh",
+                          "share/kuvgui/filemanager/kuvgui-scan-script"}) {
+        EXPECT_TRUE(isExecutable(kPrefix + "/" + p)) << p;
+    }
+    for (const char* p : {"lib/modules/libZellClientMgr.so", "lib/modules/libconfigproxy.so",
+                          "etc/debug/gui_debug.conf", "etc/debug/gui_zell_debug.conf", "etc/gui_shell.conf",
+                          "share/icons/hicolor/scalable/apps/kuvgui.svg"}) {
+        EXPECT_TRUE(isFile(kPrefix + "/" + p)) << p;
+    }
+    for (const char* p : {"lib/plugins", "etc/plugins-gui/combo_plugin_map", "etc/plugins-gui/plugins",
+                          "data/pubcfg", "log"}) {
+        EXPECT_TRUE(isDir(kPrefix + "/" + p)) << p;
+    }
+    for (const char* p : {"/usr/share/applications/kuvgui.desktop", "/usr/share/applications/kuvgui-scan.desktop",
+                          "/etc/xdg/autostart/kuvgui-autostart.desktop", "/usr/lib/systemd/user/kuvgui.service",
+                          "/usr/lib/systemd/user/kuv-zelld.service", "/usr/share/kio/servicemenus/kuvgui-scan.desktop",
+                          "/usr/share/nemo/actions/kuvgui-scan.nemo_action",
+                          "/usr/share/Thunar/sendto/kuvgui-scan.desktop", "/usr/share/man/man1/kuvgui.1.gz",
+                          "/usr/share/man/man1/kuvctl.1.gz", "/usr/share/doc/kuvgui/copyright"}) {
+        EXPECT_TRUE(isFile(p)) << p;
+    }
+    // Moved, not copied: nothing of it is left under the prefix.
+    for (const char* p : {"share/applications", "share/kuvgui/autostart", "lib/systemd", "share/kio", "share/nemo",
+                          "share/Thunar", "share/man"}) {
+        EXPECT_FALSE(isDir(kPrefix + "/" + p)) << p << " left under " << kPrefix;
+    }
+    for (const char* program : {"kuvgui", "kuvctl", "kuvgui-user-integration"}) {
+        char target[4096] = {};
+        const ssize_t n = readlink(at(std::string("/usr/bin/") + program).c_str(), target, sizeof target - 1);
+        ASSERT_GT(n, 0) << "/usr/bin/" << program << " is not a link";
+        EXPECT_EQ(std::string(target, static_cast<size_t>(n)), kPrefix + "/bin/" + program);
+    }
+    const std::string plugins = at(kPrefix + "/lib/plugins");
+    DIR* d = opendir(plugins.c_str());
+    int sharedObjects = 0;
+    while (dirent* e = d != nullptr ? readdir(d) : nullptr) {
+        const std::string name = e->d_name;
+        sharedObjects += name.size() > 3 && name.compare(name.size() - 3, 3, ".so") == 0;
+    }
+    if (d != nullptr) {
+        closedir(d);
+    }
+    EXPECT_GE(sharedObjects, 1) << "no sample plugin in " << plugins;
+}
+
+TEST_F(DebianPackage, DesktopFilesNameTheInstalledProgramsAndValidate)
+{
+    const std::string kuvgui = kPrefix + "/bin/kuvgui";
+    EXPECT_EQ(readKeyFile(at("/usr/share/applications/kuvgui.desktop")).at("Desktop Entry").at("Exec"), kuvgui);
+    EXPECT_EQ(readKeyFile(at("/usr/share/applications/kuvgui-scan.desktop")).at("Desktop Entry").at("Exec"),
+              kuvgui + " right %F");
+    EXPECT_EQ(readKeyFile(at("/usr/share/Thunar/sendto/kuvgui-scan.desktop")).at("Desktop Entry").at("Exec"),
+              kuvgui + " right %F");
+    EXPECT_EQ(readKeyFile(at("/usr/share/kio/servicemenus/kuvgui-scan.desktop")).at("Desktop Action kuvguiScan").at("Exec"),
+              kuvgui + " right %F");
+    EXPECT_EQ(readKeyFile(at("/usr/share/nemo/actions/kuvgui-scan.nemo_action")).at("Nemo Action").at("Exec"),
+              kuvgui + " right %F");
+    EXPECT_EQ(readKeyFile(at("/etc/xdg/autostart/kuvgui-autostart.desktop")).at("Desktop Entry").at("Exec"),
+              kPrefix + "/libexec/kuvgui-session autostart");
+    EXPECT_NE(readFile(at(kPrefix + "/share/kuvgui/filemanager/kuvgui-scan-script")).find("kuvgui=" + kuvgui + "\n"),
+              std::string::npos);
+
+    const std::string validate = findProgram("desktop-file-validate");
+    for (const char* p : {"/usr/share/applications/kuvgui.desktop", "/usr/share/applications/kuvgui-scan.desktop",
+                          "/etc/xdg/autostart/kuvgui-autostart.desktop",
+                          "/usr/share/Thunar/sendto/kuvgui-scan.desktop"}) {
+        const RunResult r = run({validate, at(p)});
+        EXPECT_EQ(r.status, 0) << p << ":\n" << r.out << r.err;
+        EXPECT_EQ(r.out + r.err, "") << p;
+    }
+    // A KDE service menu is not a freedesktop application entry: the validator objects to
+    // exactly its KDE parts (Type=Service with Actions and MimeType, the all/all type), and
+    // must find nothing else.
+    const RunResult r = run({validate, at("/usr/share/kio/servicemenus/kuvgui-scan.desktop")});
+    std::istringstream lines(r.out + r.err);
+    std::string line;
+    int kdeOnly = 0;
+    while (std::getline(lines, line)) {
+        const bool expected = line.find("the type is \"Service\"") != std::string::npos ||
+                              line.find("\"all\" is an unregistered media type") != std::string::npos;
+        EXPECT_TRUE(expected) << "service menu: " << line;
+        kdeOnly += expected;
+    }
+    EXPECT_GE(kdeOnly, 1) << "the validator did not look at the service menu";
+}
+
+TEST_F(DebianPackage, UserUnitsVerify)
+{
+    const std::string unitDir = at("/usr/lib/systemd/user");
+    const std::string service = readFile(unitDir + "/kuvgui.service");
+    EXPECT_NE(service.find("\nExecStart=" + kPrefix + "/bin/kuvgui\n"), std::string::npos) << service;
+    EXPECT_NE(service.find("\nRestart=on-failure\n"), std::string::npos);
+    EXPECT_NE(service.find("\nPartOf=graphical-session.target\n"), std::string::npos);
+    EXPECT_NE(service.find("\nWantedBy=graphical-session.target\n"), std::string::npos);
+    const std::string broker = readFile(unitDir + "/kuv-zelld.service");
+    EXPECT_NE(broker.find("\nExecStart=" + kPrefix + "/bin/kuv-zelld --foreground\n"), std::string::npos) << broker;
+
+    // systemd-analyze checks that the programs exist, so the copies verified name the scratch
+    // root instead of /opt/kuv; nothing else is changed.
+    const std::string verifyDir = s_tmp->path() + "/units";
+    mkdir(verifyDir.c_str(), 0755);
+    for (const char* unit : {"kuvgui.service", "kuv-zelld.service"}) {
+        std::string text = readFile(unitDir + "/" + unit);
+        text = std::regex_replace(text, std::regex(kPrefix + "/"), at(kPrefix) + "/");
+        writeFile(verifyDir + "/" + unit, text);
+    }
+    const std::string analyze = findProgram("systemd-analyze");
+    ASSERT_FALSE(analyze.empty()) << "systemd-analyze (package systemd) is not installed";
+    const std::string runtime = s_tmp->path() + "/run";
+    mkdir(runtime.c_str(), 0700);
+    // The Documentation= pages are checked too when man is there, against the unpacked pages.
+    const bool haveMan = !findProgram("man").empty();
+    const RunResult r =
+        run({analyze, "verify", "--user", haveMan ? "--man=yes" : "--man=no", verifyDir + "/kuvgui.service",
+             verifyDir + "/kuv-zelld.service"},
+            {"XDG_RUNTIME_DIR=" + runtime, "MANPATH=" + at("/usr/share/man"), "SYSTEMD_LOG_COLOR=0"}, 120000);
+    if (!haveMan) {
+        std::printf("man is not installed: Documentation= pages not checked\n");
+    }
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(r.out + r.err, "") << "systemd-analyze verify found something";
+
+    // A broken copy must be caught, or the check above proves nothing.
+    writeFile(verifyDir + "/broken.service",
+              std::regex_replace(readFile(verifyDir + "/kuvgui.service"), std::regex("Restart=on-failure"),
+                                 "Restart=sometimes"));
+    const RunResult broken = run({analyze, "verify", "--user", "--man=no", verifyDir + "/broken.service"},
+                                 {"XDG_RUNTIME_DIR=" + runtime}, 120000);
+    EXPECT_NE(broken.out + broken.err, "") << "systemd-analyze verify missed a bad Restart= value";
+}
+
+TEST_F(DebianPackage, MaintainerScriptsAndChecksums)
+{
+    EXPECT_EQ(readFile(s_control + "/conffiles"), "/etc/xdg/autostart/kuvgui-autostart.desktop\n");
+    for (const char* script : {"postinst", "postrm"}) {
+        const std::string path = s_control + "/" + script;
+        ASSERT_EQ(access(path.c_str(), X_OK), 0) << script;
+        const RunResult r = run({"/bin/sh", "-n", path});
+        EXPECT_EQ(r.status, 0) << script << ": " << r.err;
+    }
+    EXPECT_NE(readFile(s_control + "/postinst").find("deb-systemd-helper --user enable"), std::string::npos);
+    // Every file of the package is listed with its checksum, and the unpacked files match.
+    const RunResult sums = run({"/usr/bin/md5sum", "--check", "--quiet", s_control + "/md5sums"}, {}, 120000, s_root);
+    EXPECT_EQ(sums.status, 0) << sums.out << sums.err;
+    EXPECT_NE(readFile(s_control + "/md5sums").find("opt/kuv/bin/kuvgui\n"), std::string::npos);
+}
+
+TEST_F(DebianPackage, UnpackedServiceRunsFromTheScratchRoot)
+{
+    // The tree is relocatable: the unpacked copy starts, takes commands and quits.
+    PrivateInstall inst(at(kPrefix));
+    const std::string problem = inst.start();
+    ASSERT_EQ(problem, "");
+    const RunResult status = run({inst.bin("kuvctl"), "status"}, inst.env());
+    EXPECT_EQ(status.status, 0) << status.out << status.err;
+    const RunResult sent = run({inst.bin("kuvgui"), "right", "/a b", "/c"}, inst.env());
+    EXPECT_EQ(sent.status, 1) << sent.out << sent.err;
+    EXPECT_TRUE(waitUntil([&] { return scanRequests(inst.journal).size() == 1; }, 30000));
+    EXPECT_EQ(scanRequests(inst.journal).at(0), (std::vector<std::string>{"/a b", "/c"}));
+    EXPECT_EQ(inst.stop(), "");
+}
+
+} // namespace

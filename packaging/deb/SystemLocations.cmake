@@ -29,6 +29,7 @@ foreach(i RANGE 0 ${last} 2)
     get_filename_component(name "${f}" NAME)
     file(RENAME "${f}" "${root}/${to}/${name}")
   endforeach()
+  list(APPEND emptied "${prefix}/${from}")
 endforeach()
 
 # Manual pages where man finds them, compressed as Debian has them.
@@ -43,6 +44,7 @@ foreach(page IN LISTS pages)
   endif()
   file(REMOVE "${page}")
 endforeach()
+list(APPEND emptied "${prefix}/share/man/man1")
 
 # The commands on PATH; the programs find their installation through /proc/self/exe.
 file(MAKE_DIRECTORY "${root}/usr/bin")
@@ -58,15 +60,14 @@ configure_file("${CPACK_KUV_DEB_SOURCE_DIR}/copyright" "${root}/usr/share/doc/ku
 # Directories the service writes at run time (their mode is set by postinst).
 file(MAKE_DIRECTORY "${prefix}/log" "${prefix}/data/pubcfg")
 
-# Leave no empty directories behind the moves.
-foreach(pass RANGE 3)
-  file(GLOB_RECURSE dirs LIST_DIRECTORIES true "${prefix}/share/*" "${prefix}/lib/systemd/*")
-  foreach(d IN LISTS dirs)
-    if(IS_DIRECTORY "${d}")
-      file(GLOB content "${d}/*")
-      if(NOT content)
-        file(REMOVE_RECURSE "${d}")
-      endif()
+# Leave no empty directories behind the moves: from each moved directory up to the prefix.
+foreach(dir IN ITEMS ${emptied})
+  while(NOT dir STREQUAL prefix AND IS_DIRECTORY "${dir}")
+    file(GLOB content "${dir}/*")
+    if(content)
+      break()
     endif()
-  endforeach()
+    file(REMOVE_RECURSE "${dir}")
+    get_filename_component(dir "${dir}" DIRECTORY)
+  endwhile()
 endforeach()

@@ -32,9 +32,9 @@ protected:
         ASSERT_EQ(s_error, "");
         m_logDir = s_inst->prefix + "/log";
         m_log = m_logDir + "/kuvgui.log";
-        mkdir(m_logDir.c_str(), 0755);
-        std::remove(m_log.c_str());
-        std::remove((m_logDir + "/kuvgui.1.log").c_str());
+        // Every test starts with an empty log directory.
+        ASSERT_EQ(run({"/bin/rm", "-rf", m_logDir}).status, 0);
+        ASSERT_EQ(mkdir(m_logDir.c_str(), 0755), 0);
     }
 
     RunResult logs(const std::vector<std::string>& args)
@@ -187,7 +187,7 @@ TEST_F(KuvctlLogs, FollowsAcrossRotationTruncationAndRemoval)
 
 TEST_F(KuvctlLogs, WaitsForALogThatDoesNotExistYet)
 {
-    ASSERT_EQ(rmdir(m_logDir.c_str()), 0) << "log directory not empty";
+    ASSERT_EQ(rmdir(m_logDir.c_str()), 0);
     Process follower({s_inst->bin("kuvctl"), "logs"}, s_inst->env());
     ASSERT_TRUE(waitUntil([&] { return follower.err().find("waiting") != std::string::npos; }, 30000))
         << follower.err();
@@ -204,9 +204,14 @@ TEST_F(KuvctlLogs, ShowsWhatTheRunningServiceLogs)
     const std::string problem = s_inst->start();
     ASSERT_EQ(problem, "");
     Process follower({s_inst->bin("kuvctl"), "logs", "-n", "0"}, s_inst->env());
-    // Following has begun once the follower sits in its wait; a marker line shows that.
-    append(m_log, "marker\n");
-    ASSERT_TRUE(waitUntil([&] { return follower.out().find("marker\n") != std::string::npos; }, 30000))
+    // Following has begun once a marker line written now comes through (one written before the
+    // follower opened the log would not: -n 0).
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            append(m_log, "marker\n");
+            return follower.out().find("marker\n") != std::string::npos;
+        },
+        30000, 200))
         << follower.err();
 
     const RunResult sent = run({s_inst->bin("kuvgui"), "right", "/tmp/a b", "/tmp/line\nfeed"}, s_inst->env());

@@ -1,5 +1,6 @@
 // The installed service on a real X server (Xvfb) with the sample plugins: its main window is shown
-// on request and written as PNG into the build tree (screenshots/kuvgui-main-window.png).
+// on request and written as PNG into the build tree (screenshots/kuvgui-main-window.png, and the
+// whole screen as screenshots/kuvgui-screen.png).
 #include "DesktopSupport.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +8,7 @@
 #include <QGuiApplication>
 #include <QImage>
 #include <QPixmap>
+#include <QRect>
 #include <QScreen>
 #include <QSet>
 
@@ -14,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace {
@@ -76,6 +79,23 @@ int distinctColours(const QImage& image)
     return colours.size();
 }
 
+// The bounding box of everything that is not the root window's black.
+QRect painted(const QImage& image)
+{
+    int left = image.width(), top = image.height(), right = -1, bottom = -1;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x) {
+            if ((image.pixel(x, y) & 0xffffff) != 0) {
+                left = std::min(left, x);
+                right = std::max(right, x);
+                top = std::min(top, y);
+                bottom = std::max(bottom, y);
+            }
+        }
+    }
+    return right < 0 ? QRect() : QRect(QPoint(left, top), QPoint(right, bottom));
+}
+
 TEST(DesktopScreenshot, MainWindowWithSamplePluginsUnderXvfb)
 {
     Xvfb x;
@@ -86,11 +106,12 @@ TEST(DesktopScreenshot, MainWindowWithSamplePluginsUnderXvfb)
     const std::string problem = inst.start();
     ASSERT_EQ(problem, "");
 
-    // The sample plugins are loaded at start; each one shows up in the service log.
-    const std::string pluginDir = inst.prefix + "/lib/plugins";
-    ASSERT_TRUE(waitUntil([&] { return fileContains(inst.prefix + "/log/kuvgui.log", "lib/plugins/"); }, 30000))
-        << "no plugin loaded from " << pluginDir << ":\n"
-        << readFile(inst.prefix + "/log/kuvgui.log");
+    // The sample plugins are loaded at start, each from the installation's lib/plugins.
+    const std::string log = inst.prefix + "/log/kuvgui.log";
+    for (const std::string plugin : {"eventviewer", "notifier", "protectionstatus"}) {
+        const std::string loaded = "plugin [" + plugin + "] loaded from [" + inst.prefix + "/lib/plugins/";
+        EXPECT_TRUE(waitUntil([&] { return fileContains(log, loaded); }, 30000)) << loaded << "\n" << readFile(log);
+    }
 
     const RunResult show = run({inst.bin("kuvgui")}, inst.env());
     EXPECT_EQ(show.status, 1) << show.out << show.err;
@@ -126,11 +147,17 @@ TEST(DesktopScreenshot, MainWindowWithSamplePluginsUnderXvfb)
     ASSERT_NE(build, nullptr);
     const std::string dir = std::string(build) + "/screenshots";
     mkdir(dir.c_str(), 0755);
+    const std::string screenPng = dir + "/kuvgui-screen.png";
+    ASSERT_TRUE(shot.save(QString::fromStdString(screenPng), "PNG")) << screenPng;
+    // Without a window manager the window sits on the black root: cut it out.
+    const QRect window = painted(shot);
+    ASSERT_GE(window.width(), 200);
+    ASSERT_GE(window.height(), 150);
     const std::string png = dir + "/kuvgui-main-window.png";
-    ASSERT_TRUE(shot.save(QString::fromStdString(png), "PNG")) << png;
-    EXPECT_GT(QImage(QString::fromStdString(png)).width(), 0);
-    std::printf("screenshot: %s (%dx%d, %d colours)\n", png.c_str(), shot.width(), shot.height(),
-                distinctColours(shot));
+    ASSERT_TRUE(shot.copy(window).save(QString::fromStdString(png), "PNG")) << png;
+    EXPECT_EQ(QImage(QString::fromStdString(png)).size(), window.size());
+    std::printf("screenshot: %s (%dx%d, %d colours), whole screen: %s\n", png.c_str(), window.width(),
+                window.height(), distinctColours(shot.copy(window)), screenPng.c_str());
 
     EXPECT_EQ(inst.stop(), "");
 }

@@ -30,12 +30,17 @@ enum _ZELL_SEND_RESULT {
 
 class IZellMREndPoint4 {
 public:
-    // Names the endpoint on the bus. 0 on success; non-zero when the GUID is taken by a live endpoint.
+    // Names the endpoint on the bus. 0 on success (with no broker yet: registered once it is reachable);
+    // non-zero when the GUID is taken by a live endpoint (1 in this client, 2 elsewhere on the bus), is all
+    // zeros, or the endpoint is initialised already (-1).
     virtual int init(const GUID& guid) = 0;
-    // Leaves the bus; returns once no callback of this endpoint runs, and none runs afterwards.
+    // Leaves the bus and forgets the receivers; returns once no callback of this endpoint runs, and none
+    // runs afterwards (a receiver may call it on its own endpoint). 0, or 1 when not initialised.
     virtual int uninit() = 0;
-    // Routes messages of msgType to receiver (not owned). flags is reserved, 0. 0 on success.
+    // Routes messages of msgType to receiver (not owned). flags is reserved, 0. 0 on success. Receivers of one
+    // endpoint are called one at a time, in the order the messages arrived.
     virtual int registerRecvNotify(int64_t msgType, IMRReceiveComplete* receiver, int flags) = 0;
+    // 0 when a receiver was removed (1 when there was none); it is not called once this returns.
     virtual int unregisterRecvNotify(int64_t msgType) = 0;
     // Sends a message to the endpoint named dest. 0 when handed to the bus; 1 while no broker is
     // connected; 2 when the send queue stayed full; -1 for bad arguments (see sendMsgWait).
@@ -47,7 +52,8 @@ public:
     {
         return ZELL_SEND_NO_BROKER;
     }
-    // 1 once the broker has confirmed this endpoint's GUID, else 0.
+    // 1 once the broker has confirmed this endpoint's GUID; -1 while the broker refuses it (another live
+    // endpoint has it; asked again every few seconds); 0 otherwise (not initialised, or not confirmed yet).
     virtual int isRegistered() { return 0; }
 
 protected:
@@ -71,10 +77,14 @@ public:
     // 1 while connected to the broker, else 0.
     virtual int isConnected() = 0;
     virtual int endPointCount() = 0;
+    // A new, uninitialised endpoint owned by this client; null once stopped.
     virtual IZellMREndPoint4* createEndPoint() = 0;
+    // Uninitialises (see IZellMREndPoint4::uninit) and frees the endpoint; 0, or -1 when it is not one of
+    // this client's endpoints. May be called from the endpoint's own receiver.
     virtual int64_t destroyEndPoint(IZellMREndPoint4* endPoint) = 0;
     // settings: compact JSON ("log_path", "log_backup_path", "socket_addr", "thread_nums", "log_level",
-    // "log_size"); module: the client's name. 0 on success.
+    // "log_size"); module: the client's name. 0 on success (a broker that is not running yet is reached in
+    // the background); non-zero for settings that cannot be used or a second init.
     virtual int init(const char* settings, const char* module) = 0;
     // Levels: 0 most severe .. 4 least. The callback may run on any of the module's threads.
     virtual void setLogCallback(PFN_ZELL_LOG_CALLBACK callback) = 0;
@@ -82,7 +92,9 @@ public:
     virtual void setLogLevel(int level) = 0;
     // Bits of _ZELL_LOG_CATEGORY that are logged; all by default.
     virtual void setLogMask(uint32_t mask) = 0;
+    // Frees every endpoint and closes the module log (stops first if needed).
     virtual void release() = 0;
+    // Leaves the bus and joins the module's threads: no receiver runs afterwards. Not from a receiver.
     virtual void stop() = 0;
 
 protected:
@@ -90,6 +102,8 @@ protected:
 };
 
 extern "C" {
+// Null when an instance of that GUID text is alive.
 typedef IZellClientMgr* (*PFN_CreateInstance)(const char* instanceGuid);
+// Stops, releases and deletes the instance; 0, or -1 for a GUID/instance pair it did not create.
 typedef int (*PFN_DestoryInstance)(const char* instanceGuid, IZellClientMgr* instance);
 }

@@ -275,6 +275,9 @@ bool daemonize(Fd& ready)
             n = ::read(fds[0], &status, 1);
         } while (n < 0 && errno == EINTR);
         ::waitpid(child, nullptr, 0);
+        if (n != 1 || status != kExitOk) {
+            fprintf(stderr, "kuv-zelld: the daemon could not start; see its log\n");
+        }
         _exit(n == 1 ? status : kExitFailure);
     }
     ::close(fds[0]);
@@ -466,8 +469,12 @@ bool Broker::receiveOne()
             views[viewCount++] = FrameView{zmq_msg_data(&m_frames[i].msg), zmq_msg_size(&m_frames[i].msg)};
         }
     }
-    Router::Decision decision =
-        tooLong ? Router::Decision{} : m_router.handle(peer, cred, views.data(), viewCount, now);
+    Router::Decision decision;
+    if (tooLong) {
+        m_router.noteMalformed();
+    } else {
+        decision = m_router.handle(peer, cred, views.data(), viewCount, now);
+    }
     if (tooLong || decision.error != ParseError::None || decision.foreign) {
         if (m_badLimit.allow(now)) {
             if (decision.foreign) {
@@ -483,7 +490,7 @@ bool Broker::receiveOne()
     case Router::Action::Drop:
         break;
     case Router::Action::Reply:
-        if (decision.msg.cmd == Cmd::RegisterAck || decision.msg.cmd == Cmd::Register) {
+        if (decision.msg.cmd == Cmd::Register) {
             LOGT(1, "register %s by pid %d: %s", guidText(decision.msg.dest).c_str(), cred.pid,
                  decision.reply.size() == 3 && getU32(reinterpret_cast<const uint8_t*>(decision.reply[2].data())) == 0
                      ? "ok"

@@ -75,6 +75,8 @@ public:
     // The destination connection vanished (the transport said so): forget it.
     void dropPeer(const std::string& peer);
 
+    // A message the transport layer refused before parsing (too many frames).
+    void noteMalformed() { ++m_counters.received, ++m_counters.malformed; }
     const Counters& counters() const { return m_counters; }
     size_t peerCount() const { return m_peers.size(); }
     size_t guidCount() const { return m_owners.size(); }

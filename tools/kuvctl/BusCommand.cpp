@@ -365,7 +365,13 @@ int runListen(const std::vector<std::string>& args)
         if (printer.done()) {
             break;
         }
-        const bool registered = endpoint->isRegistered() == 1;
+        const int registration = endpoint->isRegistered();
+        if (registration < 0) {
+            fprintf(stderr, "kuvctl: %s is in use on the bus\n", zell::wire::guidText(guid).c_str());
+            status = kNotDelivered;
+            break;
+        }
+        const bool registered = registration == 1;
         if (registered && !announced) {
             fprintf(stderr, "kuvctl: listening as %s%s\n", zell::wire::guidText(guid).c_str(),
                     opt.haveType ? (" for type " + std::to_string(opt.type)).c_str() : "");

@@ -239,7 +239,10 @@ int EndPoint::sendMsgWait(const GUID& dest, int64_t msgType, const char* body, i
 int EndPoint::isRegistered()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_active && m_reg == Reg::Ok ? 1 : 0;
+    if (!m_active) {
+        return 0;
+    }
+    return m_reg == Reg::Ok ? 1 : (m_reg == Reg::Refused ? -1 : 0);
 }
 
 void EndPoint::registrationAnswer(const GUID& guid, bool accepted)

@@ -3,6 +3,8 @@
 
 #include <zmq.h>
 
+#include <sys/stat.h>
+
 #include <random>
 
 #include "ZellTestSupport.h"
@@ -476,5 +478,88 @@ TEST_F(ZellBus, SeveralDispatchThreadsKeepEachEndpointInOrder)
         EXPECT_EQ(r->count.load(), 250);
         EXPECT_EQ(r->bad.load(), 0);
         EXPECT_EQ(r->concurrent.load(), 0);
+    }
+}
+
+TEST_F(ZellBus, SettingsAsTheServiceSendsThemAndUnusableOnes)
+{
+    kuvtest::TempDir install("zellinst");
+    ASSERT_EQ(mkdir((install.path() + "/bin").c_str(), 0755), 0);
+    const std::string base = install.path() + "/bin/../";
+    // The service's settings, member for member.
+    const std::string settings = "{\"log_path\":\"" + base + "log/gui/gui.ipc.log\",\"log_backup_path\":\"" + base +
+                                 "log/gui/backup\",\"socket_addr\":\"./kuv_zell\",\"thread_nums\":1,\"log_level\":4,"
+                                 "\"log_size\":10485760}";
+    {
+        Client client(*module, "69948CC6-CA3A-471E-9D6D-E532496DBBE2");
+        EXPECT_EQ(client->init(settings.c_str(), "gui"), 0);
+        EXPECT_NE(client->init(settings.c_str(), "gui"), 0) << "a second init is refused";
+        EXPECT_STREQ(client->version(), "1.0.0");
+        ASSERT_TRUE(client.waitConnected());
+        EXPECT_TRUE(kuvtest::waitForFileContains(install.path() + "/log/gui/gui.ipc.log", "connected to the broker"));
+        EXPECT_TRUE(kuvtest::fileContains(install.path() + "/log/gui/gui.ipc.log", "(module \"gui\""));
+    }
+    EXPECT_EQ(module->create(nullptr), nullptr);
+    for (const char* bad : {"", "not json", "[1]", "{\"thread_nums\":0}", "{\"thread_nums\":\"1\"}",
+                            "{\"log_level\":9}", "{\"socket_addr\":5}", "{\"socket_addr\":\"\"}",
+                            "{\"socket_addr\":\"tcp://127.0.0.1:5555\"}", "{\"log_size\":-1}"}) {
+        Client client(*module, "bad");
+        EXPECT_NE(client->init(bad, "gui"), 0) << bad;
+        EXPECT_EQ(client->createEndPoint()->init(guidOf(kAppGuid)), -1) << "no bus without settings";
+    }
+    {
+        Client client(*module, "null");
+        EXPECT_NE(client->init(nullptr, "gui"), 0);
+    }
+    {
+        // An unwritable log location costs the log, not the bus.
+        Client client(*module, "nolog");
+        EXPECT_EQ(client.init(settingsJson("./kuv_zell", 1, "/proc/none/x.log")), 0);
+        EXPECT_TRUE(client.waitConnected());
+    }
+}
+
+TEST_F(ZellBus, OneInstancePerGuid)
+{
+    IZellClientMgr* first = module->create("same");
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(module->create("same"), nullptr);
+    EXPECT_NE(module->destroy("other", first), 0);
+    EXPECT_NE(module->destroy("same", nullptr), 0);
+    EXPECT_EQ(module->destroy("same", first), 0);
+    IZellClientMgr* again = module->create("same");
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(module->destroy("same", again), 0) << "destroying an instance that never ran init";
+}
+
+TEST_F(ZellBus, RefusedInTheBackgroundThenTakenOverWhenFreed)
+{
+    Client a(*module, "A");
+    ASSERT_EQ(a.init(settingsJson()), 0);
+    ASSERT_TRUE(a.waitConnected());
+    IZellMREndPoint4* holder = a->createEndPoint();
+    ASSERT_EQ(holder->init(guidOf(kAppGuid)), 0);
+
+    Client b(*module, "B");
+    ASSERT_EQ(b.init(settingsJson()), 0);
+    IZellMREndPoint4* late = b->createEndPoint();
+    Recorder recorder;
+    ASSERT_EQ(late->registerRecvNotify(1003, &recorder, 0), 0);
+    // Before B is connected the answer comes later; once connected it comes at once.
+    const int rc = late->init(guidOf(kAppGuid));
+    printf("[     INFO ] the refusal came %s\n", rc == 0 ? "in the background" : "at once");
+    if (rc == 0) {
+        EXPECT_TRUE(kuvtest::waitUntil([&] { return late->isRegistered() == -1; }, 30000));
+        // The holder leaves; B asks again by itself and gets the GUID.
+        EXPECT_EQ(holder->uninit(), 0);
+        EXPECT_TRUE(kuvtest::waitUntil([&] { return late->isRegistered() == 1; }, 60000));
+        IZellMREndPoint4* tx = a->createEndPoint();
+        ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+        EXPECT_EQ(tx->sendMsgWait(guidOf(kAppGuid), 1003, "mine now", 8, 10000), ZELL_SEND_ROUTED);
+        ASSERT_TRUE(recorder.waitFor(1));
+        EXPECT_EQ(recorder.items()[0].body, "mine now");
+    } else {
+        EXPECT_EQ(rc, 2);
+        EXPECT_EQ(late->isRegistered(), 0);
     }
 }

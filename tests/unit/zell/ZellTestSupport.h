@@ -3,6 +3,7 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>

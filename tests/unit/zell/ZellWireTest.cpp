@@ -1,6 +1,7 @@
 // The wire protocol parser and the broker's routing core, without sockets.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 
 #include "ZellRouter.h"
@@ -235,4 +236,50 @@ TEST_F(RouterTest, HelloAndPingCarryTheInstance)
     d = send("peerA", {header(Cmd::Send)});
     EXPECT_EQ(d.error, ParseError::BadFrameCount);
     EXPECT_EQ(router.counters().malformed, 1u);
+}
+
+#include <sys/stat.h>
+
+#include "Harness.h"
+#include "ZellLogFile.h"
+
+TEST(ZellLogFile, RecordLayoutEscapingAndRotationIntoTheBackupDirectory)
+{
+    kuvtest::TempDir tmp("zelllog");
+    ASSERT_EQ(mkdir((tmp.path() + "/bin").c_str(), 0755), 0);
+    // The paths the service hands over keep an unresolved "/../".
+    const std::string path = tmp.path() + "/bin/../log/gui/gui.ipc.log";
+    const std::string backups = tmp.path() + "/bin/../log/gui/backup";
+    LogFile log;
+    std::string error;
+    ASSERT_TRUE(log.open(path, backups, 4096, 2, &error)) << error;
+    log.write("WARN", "platform/modules/zell/ZellIo", "handle", 12, "line one\nforged [ERROR] record\n");
+    const std::string first = kuvtest::readFile(tmp.path() + "/log/gui/gui.ipc.log");
+    EXPECT_NE(first.find("] [WARN] [platform/modules/zell/ZellIo:handle:12] line one\\nforged [ERROR] record\n"),
+              std::string::npos)
+        << first;
+    EXPECT_EQ(std::count(first.begin(), first.end(), '\n'), 1) << "one record, one line";
+    EXPECT_EQ(first[0], '[');
+
+    const std::string filler(200, 'x');
+    for (int i = 0; i < 100; ++i) {
+        log.write("INFO", "src", "fn", i, filler);
+    }
+    struct stat st;
+    ASSERT_EQ(stat((tmp.path() + "/log/gui/gui.ipc.log").c_str(), &st), 0);
+    EXPECT_LE(st.st_size, 4096);
+    EXPECT_EQ(stat((tmp.path() + "/log/gui/backup/gui.ipc.1.log").c_str(), &st), 0);
+    EXPECT_LE(st.st_size, 4096);
+    EXPECT_EQ(stat((tmp.path() + "/log/gui/backup/gui.ipc.2.log").c_str(), &st), 0);
+    EXPECT_NE(stat((tmp.path() + "/log/gui/backup/gui.ipc.3.log").c_str(), &st), 0) << "two backups kept";
+}
+
+TEST(ZellLogFile, UnwritableDirectoryIsReportedNotFatal)
+{
+    LogFile log;
+    std::string error;
+    EXPECT_FALSE(log.open("/proc/no/such/dir/x.log", "", 4096, 1, &error));
+    EXPECT_FALSE(error.empty());
+    log.write("INFO", "s", "f", 1, "goes nowhere"); // no crash
+    EXPECT_FALSE(log.isOpen());
 }

@@ -192,7 +192,8 @@ private:
     Settings m_settings;
     BusAddress m_address;
     Logger m_log;
-    std::unordered_map<EndPoint*, std::shared_ptr<EndPoint>> m_endpoints;
+    // Keyed by the pointer handed out, which is never dereferenced before it is found here.
+    std::unordered_map<const IZellMREndPoint4*, std::shared_ptr<EndPoint>> m_endpoints;
     std::unordered_map<std::string, std::shared_ptr<EndPoint>> m_byGuid;
     std::unique_ptr<Io> m_io;
     std::atomic<Io*> m_ioPtr{nullptr};

@@ -155,9 +155,9 @@ IZellMREndPoint4* ClientMgr::createEndPoint()
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
-    EndPoint* raw = endpoint.get();
-    m_endpoints.emplace(raw, std::move(endpoint));
-    return raw;
+    IZellMREndPoint4* handle = endpoint.get();
+    m_endpoints.emplace(handle, std::move(endpoint));
+    return handle;
 }
 
 int64_t ClientMgr::destroyEndPoint(IZellMREndPoint4* endPoint)
@@ -165,7 +165,7 @@ int64_t ClientMgr::destroyEndPoint(IZellMREndPoint4* endPoint)
     std::shared_ptr<EndPoint> endpoint;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        auto found = m_endpoints.find(static_cast<EndPoint*>(endPoint));
+        auto found = m_endpoints.find(endPoint);
         if (endPoint != nullptr && found != m_endpoints.end()) {
             endpoint = found->second;
         }
@@ -178,7 +178,7 @@ int64_t ClientMgr::destroyEndPoint(IZellMREndPoint4* endPoint)
     endpoint->uninit();
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_endpoints.erase(endpoint.get());
+        m_endpoints.erase(endPoint);
     }
     // A dispatch thread may still hold the endpoint (when a receiver destroys its own endpoint); the
     // object goes when the last reference does.
@@ -292,7 +292,7 @@ void ClientMgr::release()
     }
     stop();
     std::lock_guard<std::mutex> lifecycle(m_lifecycle);
-    std::unordered_map<EndPoint*, std::shared_ptr<EndPoint>> endpoints;
+    std::unordered_map<const IZellMREndPoint4*, std::shared_ptr<EndPoint>> endpoints;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_state == State::Released) {

@@ -91,8 +91,10 @@ TEST(ZellWire, SendRoundTrip)
 {
     const std::string body("a\0b", 3);
     Message msg;
-    ASSERT_EQ(parseUp({header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(1003, 9, kFlagWantAck), body}, msg),
-              ParseError::None);
+    // The message keeps views into the frames, so they outlive it here.
+    const std::vector<std::string> frames = {header(Cmd::Send), guidBytes(1), guidBytes(2),
+                                             metaBytes(1003, 9, kFlagWantAck), body};
+    ASSERT_EQ(parseUp(frames, msg), ParseError::None);
     EXPECT_EQ(msg.cmd, Cmd::Send);
     EXPECT_EQ(msg.dest.Data1, 1u);
     EXPECT_EQ(msg.src.Data1, 2u);

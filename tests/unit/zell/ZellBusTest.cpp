@@ -563,3 +563,72 @@ TEST_F(ZellBus, RefusedInTheBackgroundThenTakenOverWhenFreed)
         EXPECT_EQ(late->isRegistered(), 0);
     }
 }
+
+TEST_F(ZellBus, ASlowClientLosesMessagesButNeverStallsTheBroker)
+{
+    // A broker with a small queue per client, so a stalled client is reached quickly.
+    broker.reset();
+    broker = std::make_unique<Broker>(KUV_ZELLD_PATH, *runtime, std::vector<std::string>{"--hwm", "500"});
+    Client slow(*module, "slow");
+    Client fast(*module, "fast");
+    Client sender(*module, "sender");
+    for (Client* c : {&slow, &fast, &sender}) {
+        ASSERT_EQ(c->init(settingsJson()), 0);
+        ASSERT_TRUE(c->waitConnected());
+    }
+    struct Blocked : IMRReceiveComplete {
+        std::mutex mutex;
+        std::condition_variable cv;
+        bool open = false;
+        std::atomic<uint64_t> calls{0};
+        void ReceiveCallback(uint64_t, int64_t, const char*, int, uint64_t, uint64_t) override
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            cv.wait(lock, [&] { return open; });
+            ++calls;
+        }
+        void release()
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            open = true;
+            cv.notify_all();
+        }
+    } blocked;
+    IZellMREndPoint4* stalled = slow->createEndPoint();
+    ASSERT_EQ(stalled->init(guidOf(kAppGuid)), 0);
+    ASSERT_EQ(stalled->registerRecvNotify(1, &blocked, 0), 0);
+    IZellMREndPoint4* quick = fast->createEndPoint();
+    Recorder recorder;
+    ASSERT_EQ(quick->init(guidOf(kOtherGuid)), 0);
+    ASSERT_EQ(quick->registerRecvNotify(1, &recorder, 0), 0);
+    IZellMREndPoint4* tx = sender->createEndPoint();
+    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+
+    uint64_t sent = 0;
+    bool congested = false;
+    const std::string body(64, 'c');
+    for (int batch = 0; batch < 100 && !congested; ++batch) {
+        for (int i = 0; i < 10000; ++i) {
+            ASSERT_EQ(tx->sendMsg(guidOf(kAppGuid), 1, body.data(), static_cast<int>(body.size())), 0);
+            ++sent;
+        }
+        congested = tx->sendMsgWait(guidOf(kAppGuid), 1, "probe", 5, 30000) == ZELL_SEND_CONGESTED;
+    }
+    ASSERT_TRUE(congested) << "the stalled client's queue never filled after " << sent << " messages";
+    // Everyone else is still served at once.
+    EXPECT_EQ(tx->sendMsgWait(guidOf(kOtherGuid), 1, "unaffected", 10, 10000), ZELL_SEND_ROUTED);
+    ASSERT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(recorder.items()[0].body, "unaffected");
+
+    blocked.release();
+    // It catches up with what it had queued (a marker sent after it arrives last); the rest was dropped.
+    Recorder marker;
+    ASSERT_EQ(stalled->registerRecvNotify(2, &marker, 0), 0);
+    EXPECT_TRUE(kuvtest::waitUntil(
+        [&] { return tx->sendMsgWait(guidOf(kAppGuid), 2, "marker", 6, 10000) == ZELL_SEND_ROUTED; }, 120000, 50));
+    ASSERT_TRUE(marker.waitFor(1, 120000));
+    EXPECT_GT(blocked.calls.load(), 0u);
+    EXPECT_LT(blocked.calls.load(), sent) << "some messages to the stalled client were dropped";
+    EXPECT_EQ(broker->terminate(), 0);
+    EXPECT_NE(broker->process().err().find("destination congested"), std::string::npos);
+}

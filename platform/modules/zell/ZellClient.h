@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -236,6 +237,7 @@ private:
     };
 
     void run();
+    void loopOnce(bool& stop);
     void setupSocket();
     bool trySend(Outgoing& out);
     void sendControl(wire::Cmd cmd, const GUID* guid);
@@ -277,7 +279,7 @@ private:
     // I/O thread only.
     bool m_session = false;
     uint64_t m_instance = 0;
-    std::unique_ptr<Outgoing> m_stalled;
+    std::optional<Outgoing> m_stalled; // taken from a queue, not accepted by the socket yet
     int64_t m_lastHeard = 0;
     int64_t m_nextHello = 0;
     int64_t m_nextPing = 0;

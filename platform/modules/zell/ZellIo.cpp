@@ -345,10 +345,10 @@ void Io::flush()
         if (!m_stalled) {
             std::unique_lock<std::mutex> lock(m_outMutex);
             if (!m_control.empty()) {
-                m_stalled = std::make_unique<Outgoing>(std::move(m_control.front()));
+                m_stalled.emplace(std::move(m_control.front()));
                 m_control.pop_front();
             } else if (!m_data.empty()) {
-                m_stalled = std::make_unique<Outgoing>(std::move(m_data.front()));
+                m_stalled.emplace(std::move(m_data.front()));
                 m_data.pop_front();
             } else {
                 break;
@@ -569,74 +569,86 @@ void Io::handle(zmq::message_t* frames, size_t count)
 void Io::run()
 {
     m_nextHello = 0;
-    bool stalled = false;
-    while (!m_stop.load()) {
-        const int64_t now = monotonicMs();
-        if (!m_session && now >= m_nextHello) {
-            sendControl(Cmd::Hello, nullptr);
-            m_nextHello = now + kHelloEveryMs;
-        }
-        if (m_session && now - m_lastHeard > kSilenceMs) {
-            sessionDown("no answer to pings");
-        }
-        if (m_session && now >= m_nextPing) {
-            sendControl(Cmd::Ping, nullptr);
-            m_nextPing = now + kPingEveryMs;
-        }
-        if (m_session && now >= m_nextRetry) {
-            // Endpoints the broker refused may get their GUID once its holder is gone.
-            for (const auto& endpoint : m_mgr.boundEndPoints()) {
-                GUID guid;
-                if (endpoint->currentGuid(guid, true)) {
-                    sendControl(Cmd::Register, &guid);
-                }
-            }
-            m_nextRetry = now + kRetryRefusedMs;
-        }
-        flush();
-        stalled = static_cast<bool>(m_stalled) && m_session;
-        m_paused = m_mgr.backlogFull();
-        if (m_paused) {
-            m_mgr.readPaused.store(true);
-        }
-
-        zmq_pollitem_t items[3] = {
-            {m_socket->handle(), 0, static_cast<short>((m_paused ? 0 : ZMQ_POLLIN) | (stalled ? ZMQ_POLLOUT : 0)), 0},
-            {m_monitor->handle(), 0, ZMQ_POLLIN, 0},
-            {nullptr, m_wakeFd, ZMQ_POLLIN, 0},
-        };
-        int64_t next = m_session ? std::min(m_nextPing, m_nextRetry) : m_nextHello;
-        long timeout = static_cast<long>(std::max<int64_t>(0, std::min<int64_t>(next - monotonicMs(), 1000)));
-        if (zmq_poll(items, 3, timeout) < 0) {
-            if (zmq_errno() == ETERM) {
+    bool stop = false;
+    while (!stop && !m_stop.load()) {
+        try {
+            loopOnce(stop);
+        } catch (const zmq::error_t& e) {
+            if (e.num() == ETERM) {
                 break;
             }
-            continue;
-        }
-        if (items[2].revents & ZMQ_POLLIN) {
-            uint64_t value;
-            (void)!::read(m_wakeFd, &value, sizeof(value));
-        }
-        try {
-            if (items[1].revents & ZMQ_POLLIN) {
-                readMonitor();
-            }
-            if (items[0].revents & ZMQ_POLLIN) {
-                readSocket();
-            }
-        } catch (const zmq::error_t& e) {
             ZLOG(m_log, kLogError, ZELL_LOG_INTERNAL, "bus socket error: %s", e.what());
+        } catch (const std::exception& e) {
+            ZLOG(m_log, kLogError, ZELL_LOG_INTERNAL, "bus I/O error: %s", e.what());
         }
     }
-    if (m_session) {
-        m_stalled.reset();
-        sendControl(Cmd::Bye, nullptr);
+    try {
+        if (m_session) {
+            m_stalled.reset();
+            sendControl(Cmd::Bye, nullptr);
+        }
+    } catch (const zmq::error_t&) {
+        // Leaving anyway.
     }
     m_session = false;
     m_connected.store(false);
     zmq_socket_monitor(m_socket->handle(), nullptr, 0);
     m_monitor.reset();
     m_socket.reset();
+}
+
+void Io::loopOnce(bool& stop)
+{
+    const int64_t now = monotonicMs();
+    if (!m_session && now >= m_nextHello) {
+        sendControl(Cmd::Hello, nullptr);
+        m_nextHello = now + kHelloEveryMs;
+    }
+    if (m_session && now - m_lastHeard > kSilenceMs) {
+        sessionDown("no answer to pings");
+    }
+    if (m_session && now >= m_nextPing) {
+        sendControl(Cmd::Ping, nullptr);
+        m_nextPing = now + kPingEveryMs;
+    }
+    if (m_session && now >= m_nextRetry) {
+        // Endpoints the broker refused may get their GUID once its holder is gone.
+        for (const auto& endpoint : m_mgr.boundEndPoints()) {
+            GUID guid;
+            if (endpoint->currentGuid(guid, true)) {
+                sendControl(Cmd::Register, &guid);
+            }
+        }
+        m_nextRetry = now + kRetryRefusedMs;
+    }
+    flush();
+    const bool stalled = m_stalled.has_value() && m_session;
+    m_paused = m_mgr.backlogFull();
+    if (m_paused) {
+        m_mgr.readPaused.store(true);
+    }
+
+    zmq_pollitem_t items[3] = {
+        {m_socket->handle(), 0, static_cast<short>((m_paused ? 0 : ZMQ_POLLIN) | (stalled ? ZMQ_POLLOUT : 0)), 0},
+        {m_monitor->handle(), 0, ZMQ_POLLIN, 0},
+        {nullptr, m_wakeFd, ZMQ_POLLIN, 0},
+    };
+    const int64_t next = m_session ? std::min(m_nextPing, m_nextRetry) : m_nextHello;
+    const long timeout = static_cast<long>(std::max<int64_t>(0, std::min<int64_t>(next - monotonicMs(), 1000)));
+    if (zmq_poll(items, 3, timeout) < 0) {
+        stop = zmq_errno() == ETERM;
+        return;
+    }
+    if (items[2].revents & ZMQ_POLLIN) {
+        uint64_t value;
+        (void)!::read(m_wakeFd, &value, sizeof(value));
+    }
+    if (items[1].revents & ZMQ_POLLIN) {
+        readMonitor();
+    }
+    if (items[0].revents & ZMQ_POLLIN) {
+        readSocket();
+    }
 }
 
 } // namespace zell

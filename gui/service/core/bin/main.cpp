@@ -21,7 +21,12 @@ PFN_KUVGUI_SERVICE_RUN loadService()
         return nullptr;
     }
     std::string dir(exe, static_cast<size_t>(n));
-    dir.erase(dir.rfind('/'));
+    const size_t slash = dir.rfind('/');
+    if (slash == std::string::npos) {
+        fprintf(stderr, "kuvgui: unexpected executable path %s\n", dir.c_str());
+        return nullptr;
+    }
+    dir.erase(slash);
     const std::string library = dir + "/../lib/" KUVGUI_SERVICE_LIBRARY;
     // Never closed: the service's objects, atexit handlers and Qt live in it until the process ends.
     void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_GLOBAL);

@@ -1,8 +1,6 @@
 // Times one plugin state update over N combo map files (5 plugins each): the first update, which
 // installs every combo, and a second one over unchanged files, with the log written and filtered.
 // Usage: bench_pluginmgr [max files]   (default 10000)
-#include <stdlib.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -18,6 +16,7 @@
 #include "CPluginMgr.h"
 #include "FakePlatform.h"
 #include "FakePluginLoader.h"
+#include "Harness.h"
 
 namespace {
 
@@ -27,19 +26,6 @@ struct Timing {
     double firstMs;
     double againMs;
 };
-
-std::string makeTempDir()
-{
-    const char* base = getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/kuvbench.XXXXXX";
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) {
-        perror("mkdtemp");
-        exit(1);
-    }
-    return buf.data();
-}
 
 void writeMapFiles(const std::string& mapDir, int files)
 {
@@ -109,7 +95,8 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     const int maxFiles = argc > 1 ? std::max(100, atoi(argv[1])) : 10000;
 
-    const std::string root = makeTempDir();
+    const kuvtest::TempDir tmp("kuvbench");
+    const std::string root = tmp.path();
     const std::string installDir = root + "/";
     const std::string mapDir = installDir + "/etc/plugins-gui/combo_plugin_map";
 
@@ -156,6 +143,5 @@ int main(int argc, char** argv)
 
     CLogDebug::Close();
     fake::resetAll();
-    std::filesystem::remove_all(root);
     return 0;
 }

@@ -1,8 +1,6 @@
 // Feeds arbitrary bytes to readOneMapFile as the content of one map file and checks what it reports.
 #include <stdlib.h>
-#include <unistd.h>
 
-#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -11,33 +9,22 @@
 #include "CPluginMgr.h"
 #include "CppJson.h"
 #include "FakePlatform.h"
+#include "Harness.h"
 
 namespace {
 
-std::string g_dir;
 std::string g_path;
 CPluginMgr* g_mgr = nullptr;
-
-void removeScratch()
-{
-    unlink(g_path.c_str());
-    rmdir(g_dir.c_str());
-}
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    const char* base = getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/kuvfuzz.XXXXXX";
-    if (mkdtemp(&templ[0]) == nullptr) {
-        perror("mkdtemp");
-        abort();
-    }
-    g_dir = templ;
-    g_path = g_dir + "/combo.json";
-    atexit(&removeScratch);
-    g_mgr = new CPluginMgr;
+    // Removed with its content when the process exits.
+    static const kuvtest::TempDir scratch("kuvfuzz");
+    g_path = scratch.path() + "/combo.json";
+    static CPluginMgr mgr;
+    g_mgr = &mgr;
     return 0;
 }
 

@@ -3,11 +3,11 @@
 #pragma once
 
 #include <dlfcn.h>
-#include <stdlib.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,6 +18,7 @@
 #include "CLogDebug.h"
 #include "FakePlatform.h"
 #include "FileUtils.h"
+#include "Harness.h"
 
 // Reaches the manager's state (declared a friend by CContainerMgr).
 class CContainerMgrTest {
@@ -91,12 +92,8 @@ protected:
     void SetUp() override
     {
         fake::resetAll();
-        const char* base = getenv("TMPDIR");
-        std::string templ = std::string(base && *base ? base : "/tmp") + "/kuvbus.XXXXXX";
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back('\0');
-        ASSERT_NE(mkdtemp(buf.data()), nullptr);
-        root = buf.data();
+        tmp = std::make_unique<kuvtest::TempDir>("kuvbus");
+        root = tmp->path();
         installDir = root + "/";
         confFile = installDir + "etc/debug/gui_zell_debug.conf";
         fake::setInstallDir(installDir);
@@ -109,7 +106,7 @@ protected:
             LogUninit(CContainerMgr::g_pLogZell);
             CContainerMgr::g_pLogZell = nullptr;
         }
-        std::filesystem::remove_all(root);
+        tmp.reset();
         fake::resetAll();
     }
     void writeConf(const std::string& text) const { std::ofstream(confFile) << text; }
@@ -125,6 +122,7 @@ protected:
         return rc;
     }
 
+    std::unique_ptr<kuvtest::TempDir> tmp;
     std::string root;
     std::string installDir;
     std::string confFile;

@@ -1,8 +1,6 @@
 // Shared set-up of the plugin manager tests: an installation directory with a combo map directory.
 #pragma once
 
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -21,6 +19,7 @@
 #include "CPluginMgr.h"
 #include "FakePlatform.h"
 #include "FakePluginLoader.h"
+#include "Harness.h"
 
 // Reaches the manager's tables (declared a friend by CPluginMgr).
 class CPluginMgrTest {
@@ -46,23 +45,10 @@ inline void drainEvents()
 
 class InstallDir {
 public:
-    InstallDir()
+    InstallDir() : root(m_tmp.path()), dir(root + "/"), mapDir(dir + "/etc/plugins-gui/combo_plugin_map")
     {
-        const char* base = getenv("TMPDIR");
-        std::string templ = std::string(base && *base ? base : "/tmp") + "/kuvplug.XXXXXX";
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back('\0');
-        if (mkdtemp(buf.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp failed");
-        }
-        root = buf.data();
-        dir = root + "/";
-        mapDir = dir + "/etc/plugins-gui/combo_plugin_map";
         std::filesystem::create_directories(mapDir);
     }
-    ~InstallDir() { std::filesystem::remove_all(root); }
-    InstallDir(const InstallDir&) = delete;
-    InstallDir& operator=(const InstallDir&) = delete;
 
     // Writes a map file; returns the path under which the manager lists it.
     std::string write(const std::string& name, const std::string& content) const
@@ -81,6 +67,10 @@ public:
                                list + "]}");
     }
 
+private:
+    kuvtest::TempDir m_tmp{"kuvplug"};
+
+public:
     std::string root;   // without a final "/"
     std::string dir;    // the installation directory as the platform reports it, with a final "/"
     std::string mapDir; // as the manager builds it (with the doubled "/")

@@ -27,6 +27,7 @@ public:
     static void* module(const CContainerMgr& m) { return m.m_hModule; }
     static bool initialised(const CContainerMgr& m) { return m.m_bInit; }
     static int status(const CContainerMgr& m) { return m.m_nStatus; }
+    static void setProxy(CContainerMgr& m, IZellClientMgr* proxy) { m.m_pZellProxy = proxy; }
 };
 
 namespace bustest {

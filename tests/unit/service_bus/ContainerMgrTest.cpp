@@ -338,6 +338,37 @@ TEST_F(ContainerMgrTest, UninitTearsDownInOrder)
     EXPECT_EQ(messagesOf("destroyEndPoint"), std::vector<std::string>{"[CContainerMgr] m_pZellProxy is null."});
 }
 
+TEST_F(ContainerMgrTest, UninitWithoutABusInstanceStillClosesTheBusLog)
+{
+    writeConf("{}");
+    CContainerMgr mgr(&tag);
+    std::string out;
+    ASSERT_EQ(initCapturing(mgr, out), 1);
+    IZellClientMgr* proxy = CContainerMgrTest::proxy(mgr);
+    void* module = CContainerMgrTest::module(mgr);
+    CContainerMgrTest::setProxy(mgr, nullptr);
+    fake::resetLog();
+    fake::clearEvents();
+
+    EXPECT_EQ(mgr.uninit(), 1);
+    EXPECT_EQ(messagesOf("uninit"), (std::vector<std::string>{"[CContainerMgr] start uninit",
+                                                              "[CContainerMgr] m_pZellProxy is null",
+                                                              "[LogInfoX] end uninit"}));
+    EXPECT_EQ(fake::logLines()[1].level, 2);
+    EXPECT_EQ(fake::events(), std::vector<std::string>{"log.uninit"});
+    EXPECT_EQ(CContainerMgr::g_pLogZell, nullptr);
+    EXPECT_FALSE(CContainerMgrTest::initialised(mgr));
+
+    // Give the instance back by hand, as the manager would have.
+    auto destroy = reinterpret_cast<PFN_DestoryInstance>(dlsym(module, "DestoryInstance"));
+    ASSERT_NE(destroy, nullptr);
+    proxy->stop();
+    proxy->release();
+    destroy(kGuid, proxy);
+    dlclose(module);
+    EXPECT_FALSE(moduleLoaded());
+}
+
 TEST_F(ContainerMgrTest, UninitWithoutInitRefuses)
 {
     CContainerMgr mgr(&tag);

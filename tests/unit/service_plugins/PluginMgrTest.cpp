@@ -1,4 +1,6 @@
 // Plugin install and uninstall with their endpoints, and the state update against the map files.
+#include <thread>
+
 #include <QMetaType>
 
 #include "PluginTestSupport.h"
@@ -99,6 +101,19 @@ TEST_F(PluginMgrTest, UninstallAsksTheLoaderAndTheQueuedSlotGivesTheEndpointBack
     EXPECT_EQ(slot, (std::vector<std::string>{"start destroy scan endpoint", "destroy endpoint end"}));
     EXPECT_TRUE(fake::logContains("destroy endpoint end", 2));
     EXPECT_EQ(fake::conMgrLiveEndpoints(), 0);
+}
+
+TEST_F(PluginMgrTest, ACompletionFromAnotherThreadIsHandledInTheManagersThread)
+{
+    ASSERT_EQ(mgr.installPlugin("scan"), 0);
+    std::thread loaderThread([] { fake::loaderEmitUnloadComplete("scan", 0); });
+    loaderThread.join();
+    // Nothing ran on the emitting thread; the manager's own event loop gives the endpoint back.
+    EXPECT_TRUE(fake::conMgrDestroyed().empty());
+    EXPECT_EQ(Tables::endpoints(mgr).size(), 1);
+    drainEvents();
+    EXPECT_EQ(fake::conMgrDestroyed(), std::vector<std::string>{"ep1"});
+    EXPECT_TRUE(Tables::endpoints(mgr).isEmpty());
 }
 
 TEST_F(PluginMgrTest, UnloadCompletionForAnUnknownPluginOnlyLogs)

@@ -4,10 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 namespace {
@@ -300,15 +303,80 @@ TEST(DesktopAutostart, StartsBrokerAndServiceWhenNoneRuns)
     EXPECT_TRUE(waitUntil([&] { return access((inst.runtime + "/kuv/kuv-gui").c_str(), F_OK) == 0; }, 30000));
     EXPECT_EQ(ctrlCount(inst.journal, 0), 0) << "a start at login must not be a show-window request";
 
-    // Quit through the command channel; the service and its guard end, then stop the broker.
+    // The unit's ExecCondition and ExecStop helpers against this instance.
+    const std::string session = inst.prefix + "/libexec/kuvgui-session";
+    EXPECT_EQ(run({session, "not-running"}, inst.env()).status, 1);
     const std::vector<pid_t> services = processesWithArg(service);
-    EXPECT_EQ(services.size(), 1u);
-    run({service, "quit"}, inst.env(), 30000);
-    EXPECT_TRUE(waitUntil([&] { return processesWithArg(service).empty(); }, 60000)) << "kuvgui did not quit";
+    ASSERT_EQ(services.size(), 1u);
+    // Without a pid (after a restart inside the unit) stop finds the published one, and it
+    // returns only once the service has gone through its quit.
+    const RunResult stop = run({session, "stop"}, inst.env(), 60000);
+    EXPECT_EQ(stop.status, 0) << stop.err;
+    EXPECT_FALSE(processAlive(services[0])) << "kuvgui-session stop returned while kuvgui still ran";
+    EXPECT_TRUE(fileContains(inst.journal, "{\"event\":\"exec-end\"}")) << "kuvgui did not quit through its own path";
+    EXPECT_EQ(run({session, "not-running"}, inst.env()).status, 0);
     for (pid_t pid : processesWithArg(broker)) {
         kill(pid, SIGTERM);
     }
     EXPECT_TRUE(waitUntil([&] { return processesWithArg(broker).empty(); }, 30000)) << "kuv-zelld did not stop";
+}
+
+// A systemctl stand-in first on PATH: answers is-enabled with $FAKE_UNIT_STATE and records its
+// arguments, one call per line, in $FAKE_SYSTEMCTL_LOG.
+std::string fakeSystemctl(const PrivateInstall& inst)
+{
+    const std::string dir = inst.root() + "/fakebin";
+    mkdir(dir.c_str(), 0755);
+    const std::string path = dir + "/systemctl";
+    writeFile(path, "#!/bin/sh\n"
+                    "printf '%s\\n' \"$*\" >> \"$FAKE_SYSTEMCTL_LOG\"\n"
+                    "case \"$*\" in\n"
+                    "*is-enabled*) echo \"$FAKE_UNIT_STATE\"; [ \"$FAKE_UNIT_STATE\" = enabled ] ;;\n"
+                    "*) exit 0 ;;\n"
+                    "esac\n");
+    chmod(path.c_str(), 0755);
+    return dir;
+}
+
+TEST(DesktopAutostart, HandsTheStartToAnEnabledUserUnit)
+{
+    PrivateInstall inst;
+    const std::string fake = fakeSystemctl(inst);
+    const std::string log = inst.root() + "/systemctl.log";
+    std::vector<std::string> env = inst.env();
+    env.push_back("PATH=" + fake + ":" + std::string(std::getenv("PATH")));
+    env.push_back("FAKE_SYSTEMCTL_LOG=" + log);
+    env.push_back("FAKE_UNIT_STATE=enabled");
+    env.push_back("DISPLAY=:7");
+    const RunResult r = run({inst.prefix + "/libexec/kuvgui-session", "autostart"}, env, 30000);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(readFile(log), "--user is-enabled kuvgui.service\n"
+                             "--user import-environment DISPLAY\n"
+                             "--user start --no-block kuvgui.service\n");
+    // systemd starts it, not the autostart entry.
+    EXPECT_TRUE(processesWithArg(inst.bin("kuvgui")).empty());
+    EXPECT_FALSE(fileContains(inst.journal, "init"));
+}
+
+TEST(DesktopAutostart, DoesNothingWhenTheUnitIsTurnedOff)
+{
+    PrivateInstall inst;
+    const std::string fake = fakeSystemctl(inst);
+    const std::string log = inst.root() + "/systemctl.log";
+    for (const char* state : {"disabled", "masked"}) {
+        std::remove(log.c_str());
+        std::vector<std::string> env = inst.env();
+        env.push_back("PATH=" + fake + ":" + std::string(std::getenv("PATH")));
+        env.push_back("FAKE_SYSTEMCTL_LOG=" + log);
+        env.push_back(std::string("FAKE_UNIT_STATE=") + state);
+        const RunResult r = run({inst.prefix + "/libexec/kuvgui-session", "autostart"}, env, 30000);
+        EXPECT_EQ(r.status, 0) << state << ": " << r.err;
+        EXPECT_EQ(readFile(log), "--user is-enabled kuvgui.service\n") << state;
+        EXPECT_TRUE(processesWithArg(inst.bin("kuvgui")).empty()) << state;
+        EXPECT_TRUE(processesWithArg(inst.bin("kuv-zelld")).empty()) << state;
+    }
+    const RunResult usage = run({inst.prefix + "/libexec/kuvgui-session", "bogus"}, inst.env());
+    EXPECT_EQ(usage.status, 2);
 }
 
 TEST(DesktopUserIntegration, InstallAllAndRemove)

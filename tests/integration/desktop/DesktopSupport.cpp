@@ -73,6 +73,9 @@ std::vector<std::string> PrivateInstall::env() const
         "DBUS_SESSION_BUS_ADDRESS=unix:path=" + m_tmp.path() + "/no-bus",
         "DISPLAY=",
         "WAYLAND_DISPLAY=",
+        "XAUTHORITY=",
+        "XDG_CURRENT_DESKTOP=",
+        "XDG_SESSION_TYPE=",
     };
     env.insert(env.end(), extraEnv.begin(), extraEnv.end());
     return env;
@@ -239,6 +242,16 @@ std::vector<pid_t> processesWithArg(const std::string& arg)
     }
     closedir(proc);
     return pids;
+}
+
+bool processAlive(pid_t pid)
+{
+    if (kill(pid, 0) != 0) {
+        return false;
+    }
+    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t close = stat.rfind(')');
+    return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
 }
 
 std::string visible(const std::string& text)

@@ -68,6 +68,9 @@ KeyFile readKeyFile(const std::string& path);
 // Processes (of any owner) one of whose command-line words equals arg.
 std::vector<pid_t> processesWithArg(const std::string& arg);
 
+// Whether pid runs (a zombie does not).
+bool processAlive(pid_t pid);
+
 // Text for messages: control characters shown as \xHH.
 std::string visible(const std::string& text);
 std::string visible(const std::vector<std::string>& list);

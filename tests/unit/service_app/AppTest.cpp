@@ -185,7 +185,8 @@ TEST_F(AppFixture, LogLinesNameTheirSourceFunctionAndLine)
     ASSERT_NE(marker, nullptr);
     EXPECT_EQ(marker->function, "startBackand");
     app.exit();
-    const fake::LogLine* exitLine = findLog(fake::logLines(), "====== not stop backend ======\n");
+    const auto afterExit = fake::logLines();
+    const fake::LogLine* exitLine = findLog(afterExit, "====== not stop backend ======\n");
     ASSERT_NE(exitLine, nullptr);
     EXPECT_EQ(exitLine->function, "exit");
 }

@@ -20,19 +20,24 @@ int g_uninstallAllCount = 0;
 PFN_MSG_CALLBACK g_callback = nullptr;
 void* g_context = nullptr;
 IMRReceiveComplete* g_receiver = nullptr;
-// Objects a failed start leaves behind stay reachable, as in a process that is about to end.
-std::set<const void*> g_live;
+// Objects a failed start leaves behind stay reachable, as in a process that is about to end. Never
+// destroyed, so they are still reachable when the leak check runs after static destructors.
+std::set<const void*>& live()
+{
+    static auto* objects = new std::set<const void*>;
+    return *objects;
+}
 
 void born(const void* object)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
-    g_live.insert(object);
+    live().insert(object);
 }
 
 void gone(const void* object)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
-    g_live.erase(object);
+    live().erase(object);
 }
 
 std::string guidText(const GUID& g)
@@ -175,7 +180,7 @@ IZellMREndPoint4* CContainerMgr::createEndPoint()
         return nullptr;
     }
     auto* endPoint = new FakeEndPoint;
-    g_live.insert(endPoint);
+    live().insert(endPoint);
     return endPoint;
 }
 

@@ -92,7 +92,7 @@ void Router::registerGuid(const std::string& peerId, Peer& peer, const Message& 
                           Decision& decision)
 {
     uint32_t status = kRegOk;
-    const std::string key = guidKey(msg.dest);
+    const GuidKey key = guidKey(msg.dest);
     if (guidIsZero(msg.dest)) {
         status = kRegInvalid;
     } else {
@@ -135,7 +135,7 @@ void Router::registerGuid(const std::string& peerId, Peer& peer, const Message& 
 
 void Router::unregisterGuid(const std::string& peerId, Peer& peer, const GUID& guid)
 {
-    const std::string key = guidKey(guid);
+    const GuidKey key = guidKey(guid);
     auto owner = m_owners.find(key);
     if (owner != m_owners.end() && owner->second == peerId) {
         m_owners.erase(owner);
@@ -149,7 +149,7 @@ void Router::dropPeer(const std::string& peerId)
     if (found == m_peers.end()) {
         return;
     }
-    for (const std::string& key : found->second.guids) {
+    for (const GuidKey& key : found->second.guids) {
         auto owner = m_owners.find(key);
         if (owner != m_owners.end() && owner->second == peerId) {
             m_owners.erase(owner);

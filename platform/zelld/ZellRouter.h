@@ -86,7 +86,7 @@ private:
     struct Peer {
         PeerCred cred;
         int64_t lastSeen = 0;
-        std::unordered_set<std::string> guids;
+        std::unordered_set<wire::GuidKey, wire::GuidKeyHash> guids;
     };
 
     void registerGuid(const std::string& peerId, Peer& peer, const wire::Message& msg, int64_t nowMs,
@@ -101,7 +101,7 @@ private:
     Limits m_limits;
     std::function<bool(int32_t)> m_alive;
     std::unordered_map<std::string, Peer> m_peers;
-    std::unordered_map<std::string, std::string> m_owners; // guid key -> peer id
+    std::unordered_map<wire::GuidKey, std::string, wire::GuidKeyHash> m_owners; // guid -> peer id
     Counters m_counters;
 };
 

@@ -125,7 +125,8 @@ public:
     ~Dispatcher();
     void start();
     void stop(); // joins; queued deliveries are dropped
-    void push(Delivery&& delivery);
+    // Moves every delivery of batch to this thread's queue (one lock, at most one wake-up).
+    void pushBatch(std::vector<Delivery>& batch);
     bool onThisThread() const { return std::this_thread::get_id() == m_threadId.load(); }
 
 private:
@@ -167,14 +168,16 @@ public:
 
     // Endpoint table, used by endpoints and the I/O thread.
     std::mutex& tableMutex() { return m_mutex; }
-    bool bindLocked(const std::string& key, const std::shared_ptr<EndPoint>& endpoint);
-    void unbindLocked(const std::string& key, const EndPoint* endpoint);
+    bool bindLocked(const wire::GuidKey& key, const std::shared_ptr<EndPoint>& endpoint);
+    void unbindLocked(const wire::GuidKey& key, const EndPoint* endpoint);
     std::shared_ptr<EndPoint> findByGuid(const GUID& guid);
     std::vector<std::shared_ptr<EndPoint>> boundEndPoints();
     std::shared_ptr<EndPoint> self(EndPoint* endpoint);
 
-    // I/O thread: hands a received message to the dispatch thread of its endpoint.
-    void deliver(Delivery&& delivery);
+    // I/O thread: received messages go to the dispatch thread of their endpoint, a batch at a time.
+    size_t shardCount() const { return m_dispatchers.size(); }
+    size_t shardOf(const EndPoint* endpoint) const;
+    void deliverBatch(size_t shard, std::vector<Delivery>& batch);
     // Messages and bytes waiting for dispatch threads; the I/O thread stops reading above the limits.
     std::atomic<uint64_t> backlogMessages{0};
     std::atomic<uint64_t> backlogBytes{0};
@@ -195,7 +198,7 @@ private:
     Logger m_log;
     // Keyed by the pointer handed out, which is never dereferenced before it is found here.
     std::unordered_map<const IZellMREndPoint4*, std::shared_ptr<EndPoint>> m_endpoints;
-    std::unordered_map<std::string, std::shared_ptr<EndPoint>> m_byGuid;
+    std::unordered_map<wire::GuidKey, std::shared_ptr<EndPoint>, wire::GuidKeyHash> m_byGuid;
     std::unique_ptr<Io> m_io;
     std::atomic<Io*> m_ioPtr{nullptr};
     std::vector<std::unique_ptr<Dispatcher>> m_dispatchers;
@@ -245,6 +248,7 @@ private:
     void readSocket();
     void readMonitor();
     void handle(zmq::message_t* frames, size_t count);
+    void flushOutbox();
     void sessionUp(uint64_t instance);
     void sessionDown(const char* why);
     void completeVerdict(const GUID& src, uint64_t sequence, int result);
@@ -274,7 +278,7 @@ private:
     std::mutex m_verdictMutex;
     std::condition_variable m_verdictCv;
     std::unordered_map<std::string, Verdict> m_verdicts;
-    std::unordered_map<std::string, Verdict> m_unregistered; // by GUID
+    std::unordered_map<wire::GuidKey, Verdict, wire::GuidKeyHash> m_unregistered;
 
     // I/O thread only.
     bool m_session = false;
@@ -285,6 +289,10 @@ private:
     int64_t m_nextPing = 0;
     int64_t m_nextRetry = 0;
     bool m_paused = false;
+    std::vector<std::vector<Delivery>> m_outbox; // per dispatch thread, filled while reading a batch
+    wire::GuidKey m_lastDest;                    // the last destination looked up in this batch
+    std::shared_ptr<EndPoint> m_lastEndpoint;
+    uint64_t m_lastGeneration = 0;
     uint64_t m_errorsLogged = 0;
     uint64_t m_undelivered = 0;
     int64_t m_errorWindow = 0;

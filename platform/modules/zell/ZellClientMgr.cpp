@@ -74,14 +74,17 @@ void Dispatcher::stop()
     m_mgr.backlogDrained(dropped.size(), bytes);
 }
 
-void Dispatcher::push(Delivery&& delivery)
+void Dispatcher::pushBatch(std::vector<Delivery>& batch)
 {
     bool notify = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_queue.push_back(std::move(delivery));
+        for (auto& delivery : batch) {
+            m_queue.push_back(std::move(delivery));
+        }
         notify = m_waiting;
     }
+    batch.clear();
     if (notify) {
         m_cv.notify_one();
     }
@@ -310,12 +313,12 @@ void ClientMgr::release()
     m_log.setCallback(nullptr);
 }
 
-bool ClientMgr::bindLocked(const std::string& key, const std::shared_ptr<EndPoint>& endpoint)
+bool ClientMgr::bindLocked(const GuidKey& key, const std::shared_ptr<EndPoint>& endpoint)
 {
     return m_byGuid.emplace(key, endpoint).second;
 }
 
-void ClientMgr::unbindLocked(const std::string& key, const EndPoint* endpoint)
+void ClientMgr::unbindLocked(const GuidKey& key, const EndPoint* endpoint)
 {
     auto found = m_byGuid.find(key);
     if (found != m_byGuid.end() && found->second.get() == endpoint) {
@@ -341,16 +344,25 @@ std::vector<std::shared_ptr<EndPoint>> ClientMgr::boundEndPoints()
     return out;
 }
 
-void ClientMgr::deliver(Delivery&& delivery)
+size_t ClientMgr::shardOf(const EndPoint* endpoint) const
 {
-    if (m_dispatchers.empty()) {
+    // By endpoint, so one endpoint's messages stay in order on one thread.
+    return m_dispatchers.empty() ? 0 : (reinterpret_cast<uintptr_t>(endpoint) >> 4) % m_dispatchers.size();
+}
+
+void ClientMgr::deliverBatch(size_t shard, std::vector<Delivery>& batch)
+{
+    if (batch.empty() || shard >= m_dispatchers.size()) {
+        batch.clear();
         return;
     }
-    // By endpoint, so one endpoint's messages stay in order on one thread.
-    const size_t shard = (reinterpret_cast<uintptr_t>(delivery.endpoint.get()) >> 4) % m_dispatchers.size();
-    backlogMessages.fetch_add(1, std::memory_order_relaxed);
-    backlogBytes.fetch_add(delivery.body.size(), std::memory_order_relaxed);
-    m_dispatchers[shard]->push(std::move(delivery));
+    uint64_t bytes = 0;
+    for (const auto& delivery : batch) {
+        bytes += delivery.body.size();
+    }
+    backlogMessages.fetch_add(batch.size(), std::memory_order_relaxed);
+    backlogBytes.fetch_add(bytes, std::memory_order_relaxed);
+    m_dispatchers[shard]->pushBatch(batch);
 }
 
 bool ClientMgr::backlogFull() const

@@ -221,7 +221,7 @@ void Io::postUnregister(const GUID& guid, bool expectAnswer)
 
 bool Io::awaitUnregistered(const GUID& guid, int timeoutMs)
 {
-    const std::string key = guidKey(guid);
+    const GuidKey key = guidKey(guid);
     std::unique_lock<std::mutex> lock(m_verdictMutex);
     m_verdictCv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
         auto found = m_unregistered.find(key);
@@ -238,7 +238,7 @@ bool Io::awaitUnregistered(const GUID& guid, int timeoutMs)
 
 std::string Io::verdictKey(const GUID& src, uint64_t sequence)
 {
-    std::string key = guidKey(src);
+    std::string key(reinterpret_cast<const char*>(&src), sizeof(GUID));
     key.append(reinterpret_cast<const char*>(&sequence), sizeof(sequence));
     return key;
 }
@@ -288,14 +288,16 @@ void Io::completeVerdict(const GUID& src, uint64_t sequence, int result)
 void Io::failAllVerdicts()
 {
     std::lock_guard<std::mutex> lock(m_verdictMutex);
-    for (auto* table : {&m_verdicts, &m_unregistered}) {
-        for (auto& entry : *table) {
+    auto fail = [](auto& table) {
+        for (auto& entry : table) {
             if (!entry.second.done) {
                 entry.second.done = true;
                 entry.second.result = ZELL_SEND_NO_BROKER;
             }
         }
-    }
+    };
+    fail(m_verdicts);
+    fail(m_unregistered);
     m_verdictCv.notify_all();
 }
 
@@ -441,8 +443,20 @@ void Io::readMonitor()
     }
 }
 
+void Io::flushOutbox()
+{
+    for (size_t shard = 0; shard < m_outbox.size(); ++shard) {
+        m_mgr.deliverBatch(shard, m_outbox[shard]);
+    }
+    m_lastEndpoint.reset();
+}
+
 void Io::readSocket()
 {
+    struct Flush {
+        Io& io;
+        ~Flush() { io.flushOutbox(); }
+    } flushAtEnd{*this};
     std::array<zmq::message_t, kMaxFrames> frames;
     for (int n = 0; n < kReadBatch && !m_mgr.backlogFull(); ++n) {
         size_t count = 0;
@@ -522,21 +536,34 @@ void Io::handle(zmq::message_t* frames, size_t count)
         break;
     }
     case Cmd::Deliver: {
-        auto endpoint = m_mgr.findByGuid(msg.dest);
-        uint64_t generation = 0;
-        if (!endpoint || !endpoint->acceptFor(msg.dest, generation)) {
+        // Runs of messages for one endpoint are common; the dispatch thread checks the generation again.
+        const GuidKey dest = guidKey(msg.dest);
+        if (!m_lastEndpoint || !(dest == m_lastDest)) {
+            m_lastEndpoint = m_mgr.findByGuid(msg.dest);
+            m_lastDest = dest;
+            if (m_lastEndpoint && !m_lastEndpoint->acceptFor(msg.dest, m_lastGeneration)) {
+                m_lastEndpoint.reset();
+            }
+        }
+        if (!m_lastEndpoint) {
             ZLOG(m_log, kLogDebug, ZELL_LOG_TRAFFIC, "dropped a message for %s type %lld: no such endpoint here",
                  guidText(msg.dest).c_str(), static_cast<long long>(msg.meta.type));
             break;
         }
         Delivery delivery;
-        delivery.endpoint = std::move(endpoint);
-        delivery.generation = generation;
+        delivery.endpoint = m_lastEndpoint;
+        delivery.generation = m_lastGeneration;
         delivery.src = msg.src;
         delivery.type = msg.meta.type;
         delivery.sequence = msg.meta.sequence;
         delivery.body = std::move(frames[4]);
-        m_mgr.deliver(std::move(delivery));
+        const size_t shard = m_mgr.shardOf(m_lastEndpoint.get());
+        if (m_outbox.size() < m_mgr.shardCount()) {
+            m_outbox.resize(m_mgr.shardCount());
+        }
+        if (shard < m_outbox.size()) {
+            m_outbox[shard].push_back(std::move(delivery));
+        }
         break;
     }
     case Cmd::Ack:

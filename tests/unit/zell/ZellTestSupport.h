@@ -3,13 +3,17 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -86,7 +90,81 @@ inline bool socketAccepts(const std::string& path)
     return ok;
 }
 
-// kuv-zelld in the foreground, as a child process.
+// A child that dies with the test process, even when the test crashes, so no broker is left behind.
+class Child {
+public:
+    Child(const std::vector<std::string>& argv, const std::string& errFile)
+    {
+        std::vector<std::string> args = argv;
+        std::vector<char*> raw;
+        for (auto& arg : args) {
+            raw.push_back(&arg[0]);
+        }
+        raw.push_back(nullptr);
+        const pid_t parent = getpid();
+        m_pid = fork();
+        if (m_pid < 0) {
+            throw std::runtime_error("fork failed");
+        }
+        if (m_pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent) {
+                _exit(127);
+            }
+            const int err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+            const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+            if (err >= 0 && null >= 0) {
+                dup2(null, 0);
+                dup2(null, 1);
+                dup2(err, 2);
+            }
+            execv(raw[0], raw.data());
+            _exit(127);
+        }
+    }
+    ~Child()
+    {
+        signal(SIGKILL);
+        wait(20000);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    void signal(int sig)
+    {
+        if (!m_done) {
+            ::kill(m_pid, sig);
+        }
+    }
+    bool running() { return !wait(0); }
+    // true once the child ended (within timeoutMs).
+    bool wait(int timeoutMs)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (!m_done) {
+            int status = 0;
+            const pid_t rc = waitpid(m_pid, &status, WNOHANG);
+            if (rc == m_pid || (rc < 0 && errno != EINTR)) {
+                m_done = true;
+                m_status = rc == m_pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+                break;
+            }
+            if (std::chrono::steady_clock::now() >= deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return true;
+    }
+    int exitStatus() const { return m_status; }
+
+private:
+    pid_t m_pid = -1;
+    bool m_done = false;
+    int m_status = -1;
+};
+
+// kuv-zelld in the foreground, as a child process; its stderr collects in err().
 class Broker {
 public:
     Broker(std::string program, const RuntimeDir& runtime, std::vector<std::string> extra = {})
@@ -99,15 +177,18 @@ public:
     {
         std::vector<std::string> argv = {m_program, "--foreground", "--log-level", "1"};
         argv.insert(argv.end(), m_extra.begin(), m_extra.end());
-        m_process = std::make_unique<kuvtest::Process>(argv, std::vector<std::string>{m_runtime.env()});
+        m_process.reset();
+        m_process = std::make_unique<Child>(argv, m_runtime.path() + "/broker.err");
         const std::string path = m_runtime.socketPath();
         if (!kuvtest::waitUntil([&] { return socketAccepts(path) || !m_process->running(); }, 30000)) {
             throw std::runtime_error("kuv-zelld did not come up");
         }
         if (!m_process->running()) {
-            throw std::runtime_error("kuv-zelld exited: " + m_process->err());
+            throw std::runtime_error("kuv-zelld exited: " + err());
         }
     }
+
+    std::string err() const { return kuvtest::readFile(m_runtime.path() + "/broker.err"); }
 
     void kill9()
     {
@@ -123,13 +204,13 @@ public:
         return m_process->exitStatus();
     }
 
-    kuvtest::Process& process() { return *m_process; }
+    Child& process() { return *m_process; }
 
 private:
     std::string m_program;
     const RuntimeDir& m_runtime;
     std::vector<std::string> m_extra;
-    std::unique_ptr<kuvtest::Process> m_process;
+    std::unique_ptr<Child> m_process;
 };
 
 // The module, opened with dlopen as the service does.

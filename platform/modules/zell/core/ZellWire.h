@@ -129,7 +129,22 @@ inline bool guidIsZero(const GUID& guid)
 void putGuid(uint8_t out[kGuidSize], const GUID& guid);
 GUID getGuid(const uint8_t in[kGuidSize]);
 
-inline std::string guidKey(const GUID& guid) { return std::string(reinterpret_cast<const char*>(&guid), kGuidSize); }
+// A GUID as a hashable table key (no allocation per lookup).
+struct GuidKey {
+    uint64_t a = 0;
+    uint64_t b = 0;
+    bool operator==(const GuidKey& other) const { return a == other.a && b == other.b; }
+};
+struct GuidKeyHash {
+    size_t operator()(const GuidKey& key) const { return static_cast<size_t>(key.a * 0x9E3779B97F4A7C15ull ^ key.b); }
+};
+inline GuidKey guidKey(const GUID& guid)
+{
+    GuidKey key;
+    memcpy(&key.a, &guid, 8);
+    memcpy(&key.b, reinterpret_cast<const char*>(&guid) + 8, 8);
+    return key;
+}
 
 // "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX", upper case.
 std::string guidText(const GUID& guid);

@@ -146,7 +146,8 @@ void Router::unregisterGuid(const std::string& peerId, Peer& peer, const GUID& g
 void Router::dropPeer(const std::string& peerId)
 {
     auto found = m_peers.find(peerId);
-    if (found == m_peers.end()) {
+    const bool fresh = found == m_peers.end();
+    if (fresh) {
         return;
     }
     for (const GuidKey& key : found->second.guids) {
@@ -193,7 +194,8 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
     }
 
     auto found = m_peers.find(peerId);
-    if (found == m_peers.end()) {
+    const bool fresh = found == m_peers.end();
+    if (fresh) {
         if (decision.msg.cmd == Cmd::Bye) {
             return decision;
         }
@@ -213,6 +215,19 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
 
     uint8_t buffer[12];
     switch (msg.cmd) {
+    case Cmd::Ping:
+        if (!fresh) {
+            decision.action = Action::Reply;
+            decision.reply.resize(2);
+            putHeader(buffer, Cmd::Pong);
+            decision.reply[0].assign(reinterpret_cast<char*>(buffer), kHeaderSize);
+            putU64(buffer, m_instance);
+            decision.reply[1].assign(reinterpret_cast<char*>(buffer), 8);
+            break;
+        }
+        // A ping from a client we do not know (expired while it was stopped, say): a Welcome makes it
+        // register its endpoints again.
+        [[fallthrough]];
     case Cmd::Hello:
         decision.action = Action::Reply;
         decision.reply.resize(2);
@@ -221,14 +236,6 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
         putU64(buffer, m_instance);
         putU32(buffer + 8, static_cast<uint32_t>(kMaxBody));
         decision.reply[1].assign(reinterpret_cast<char*>(buffer), 12);
-        break;
-    case Cmd::Ping:
-        decision.action = Action::Reply;
-        decision.reply.resize(2);
-        putHeader(buffer, Cmd::Pong);
-        decision.reply[0].assign(reinterpret_cast<char*>(buffer), kHeaderSize);
-        putU64(buffer, m_instance);
-        decision.reply[1].assign(reinterpret_cast<char*>(buffer), 8);
         break;
     case Cmd::Register:
         registerGuid(peerId, peer, msg, nowMs, decision);

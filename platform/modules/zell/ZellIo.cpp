@@ -374,6 +374,7 @@ void Io::flush()
 void Io::sessionUp(uint64_t instance)
 {
     const bool restarted = m_instance != 0 && instance != m_instance;
+    const bool again = m_session && !restarted;
     m_instance = instance;
     m_session = true;
     m_lastHeard = monotonicMs();
@@ -395,7 +396,8 @@ void Io::sessionUp(uint64_t instance)
     }
     m_connected.store(true);
     ZLOG(m_log, kLogInfo, ZELL_LOG_CONNECTION, "connected to the broker at %s%s; registering %zu endpoint(s)",
-         m_endpoint.c_str(), restarted ? " (the broker was restarted)" : "", count);
+         m_endpoint.c_str(),
+         restarted ? " (the broker was restarted)" : (again ? " (the broker had forgotten this client)" : ""), count);
     flush();
 }
 
@@ -501,9 +503,8 @@ void Io::handle(zmq::message_t* frames, size_t count)
     m_lastHeard = monotonicMs();
     switch (msg.cmd) {
     case Cmd::Welcome:
-        if (!m_session || msg.instance != m_instance) {
-            sessionUp(msg.instance);
-        }
+        // An answer to our Hello, or the broker no longer knows us: either way, register everything.
+        sessionUp(msg.instance);
         break;
     case Cmd::Pong:
         if (m_session && msg.instance != m_instance) {

@@ -235,6 +235,11 @@ TEST_F(RouterTest, HelloAndPingCarryTheInstance)
     EXPECT_EQ(getU64(reinterpret_cast<const uint8_t*>(d.reply[1].data())), 77u);
     d = send("peerA", {header(Cmd::Ping)});
     EXPECT_EQ(d.reply[0], header(Cmd::Pong));
+    EXPECT_EQ(getU64(reinterpret_cast<const uint8_t*>(d.reply[1].data())), 77u);
+    // A client that expired (it was stopped for a while) is welcomed again so that it re-registers.
+    EXPECT_EQ(router.expire(100000), 1u);
+    d = send("peerA", {header(Cmd::Ping)}, 100000);
+    EXPECT_EQ(d.reply[0], header(Cmd::Welcome));
     d = send("peerA", {header(Cmd::Send)});
     EXPECT_EQ(d.error, ParseError::BadFrameCount);
     EXPECT_EQ(router.counters().malformed, 1u);

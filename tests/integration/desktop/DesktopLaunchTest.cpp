@@ -306,7 +306,11 @@ TEST(DesktopAutostart, StartsBrokerAndServiceWhenNoneRuns)
     // The unit's ExecCondition and ExecStop helpers against this instance.
     const std::string session = inst.prefix + "/libexec/kuvgui-session";
     EXPECT_EQ(run({session, "not-running"}, inst.env()).status, 1);
-    const std::vector<pid_t> services = processesWithArg(service);
+    // Exactly one service; a moment after its start a fork of it may still be on its way to
+    // exec the guard script, so look until that has passed.
+    std::vector<pid_t> services;
+    EXPECT_TRUE(waitUntil([&] { return (services = processesWithArg(service)).size() == 1; }, 30000))
+        << services.size() << " processes run " << service;
     ASSERT_EQ(services.size(), 1u);
     // Without a pid (after a restart inside the unit) stop finds the published one, and it
     // returns only once the service has gone through its quit.

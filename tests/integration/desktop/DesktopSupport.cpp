@@ -76,6 +76,7 @@ std::vector<std::string> PrivateInstall::env() const
         "XAUTHORITY=",
         "XDG_CURRENT_DESKTOP=",
         "XDG_SESSION_TYPE=",
+        kNoLeakCheck,
     };
     env.insert(env.end(), extraEnv.begin(), extraEnv.end());
     return env;

@@ -343,6 +343,24 @@ TEST_F(DebianPackage, UserUnitsVerify)
     EXPECT_NE(broken.out + broken.err, "") << "systemd-analyze verify missed a bad Restart= value";
 }
 
+TEST_F(DebianPackage, ManualPagesFormatCleanly)
+{
+    const std::string man = findProgram("man");
+    if (man.empty()) {
+        std::printf("man is not installed (package man-db): pages not formatted\n");
+        return;
+    }
+    for (const char* page : {"kuvgui", "kuvctl"}) {
+        const std::string path = at(std::string("/usr/share/man/man1/") + page + ".1.gz");
+        const RunResult r = run({man, "--warnings", "-l", path}, {"MANWIDTH=80", "LC_ALL=C.UTF-8", "MANPAGER=cat",
+                                                                  "PAGER=cat"});
+        EXPECT_EQ(r.status, 0) << page << ": " << r.err;
+        EXPECT_EQ(r.err, "") << page << " has troff warnings";
+        EXPECT_NE(r.out.find("EXIT STATUS"), std::string::npos) << page;
+        EXPECT_NE(r.out.find("SYNOPSIS"), std::string::npos) << page;
+    }
+}
+
 TEST_F(DebianPackage, MaintainerScriptsAndChecksums)
 {
     EXPECT_EQ(readFile(s_control + "/conffiles"), "/etc/xdg/autostart/kuvgui-autostart.desktop\n");

@@ -58,6 +58,16 @@ PrivateInstall::~PrivateInstall()
     if (running()) {
         stop();
     }
+    // Whatever a launcher started from this installation and a failed test left running (a
+    // daemonised broker, a service started by the autostart entry): the guard first, so it
+    // cannot start the service again. The paths are this installation's alone.
+    const std::vector<std::string> programs = {prefix + "/script/kuvgui_guard.sh", bin("kuvgui"), bin("kuv-zelld")};
+    for (const std::string& program : programs) {
+        for (pid_t pid : processesWithArg(program)) {
+            kill(pid, SIGKILL);
+        }
+        waitUntil([&] { return processesWithArg(program).empty(); }, 10000);
+    }
 }
 
 std::vector<std::string> PrivateInstall::env() const

@@ -1,5 +1,7 @@
 // The client manager: settings, the module log, the endpoint table, and the life cycle of the I/O and
 // dispatch threads.
+#include <pthread.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -92,6 +94,9 @@ void Dispatcher::pushBatch(std::vector<Delivery>& batch)
 
 void Dispatcher::run()
 {
+    char name[16];
+    snprintf(name, sizeof(name), "zell-disp-%d", m_index);
+    pthread_setname_np(pthread_self(), name);
     m_threadId.store(std::this_thread::get_id());
     tl_dispatchOwner = &m_mgr;
     std::deque<Delivery> batch;

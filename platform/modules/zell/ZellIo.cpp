@@ -1,6 +1,7 @@
 // The I/O thread: the only user of the DEALER socket. It keeps the session with the broker (hello,
 // pings, re-registration after a reconnect), sends what endpoints queued and hands received messages to
 // the dispatch threads.
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -596,6 +597,7 @@ void Io::handle(zmq::message_t* frames, size_t count)
 
 void Io::run()
 {
+    pthread_setname_np(pthread_self(), "zell-io");
     m_nextHello = 0;
     bool stop = false;
     while (!stop && !m_stop.load()) {

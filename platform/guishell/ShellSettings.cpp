@@ -1,8 +1,10 @@
 #include "ShellSettings.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
+#include <vector>
 
 #include "CLogDebug.h"
 #include "ConfigModule.h"
@@ -90,10 +92,25 @@ void journal(const Json::Value& record)
     if (path == nullptr || *path == '\0') {
         return;
     }
-    std::string line;
-    if (!CppJson::WriteJsonToString(record, line, true)) {
-        return;
+    // Keys in the documented order ("event", "code", then the rest), not JsonCpp's sorted order, so
+    // a journal line reads exactly as the seam describes it.
+    std::string line = "{";
+    std::vector<std::string> keys = record.getMemberNames();
+    std::stable_sort(keys.begin(), keys.end(), [](const std::string& a, const std::string& b) {
+        auto rank = [](const std::string& k) { return k == "event" ? 0 : k == "code" ? 1 : 2; };
+        return rank(a) < rank(b);
+    });
+    for (const std::string& key : keys) {
+        std::string value;
+        if (!CppJson::WriteJsonToString(record[key], value, true)) {
+            return;
+        }
+        if (line.size() > 1) {
+            line += ',';
+        }
+        line += Json::valueToQuotedString(key.c_str()) + ":" + value;
     }
+    line += '}';
     std::lock_guard<std::mutex> lock(g_journalMutex);
     std::ofstream out(path, std::ios::out | std::ios::app | std::ios::binary);
     if (!out) {

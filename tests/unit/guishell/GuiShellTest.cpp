@@ -144,6 +144,19 @@ TEST_F(GuiShellTest, ControlCodesFromAnotherThreadAndTheirJournal)
     EXPECT_EQ("exec-end", j[6]["event"].asString());
     EXPECT_EQ(0, j[7]["code"].asInt());
     EXPECT_EQ(2, j[8]["code"].asInt());
+
+    // The lines themselves read as documented: "event" first, then "code", then the rest.
+    std::ifstream raw(m_box.journalPath);
+    std::vector<std::string> lines;
+    for (std::string l; std::getline(raw, l);) {
+        lines.push_back(l);
+    }
+    ASSERT_EQ(9u, lines.size());
+    EXPECT_EQ("{\"event\":\"init\"}", lines[0]);
+    EXPECT_EQ("{\"event\":\"ctrl\",\"code\":0}", lines[1]);
+    EXPECT_EQ(0u, lines[2].find("{\"event\":\"ctrl\",\"code\":1,\"paths\":[\"/a b\","));
+    EXPECT_EQ("{\"event\":\"ctrl\",\"code\":2,\"answer\":false}", lines[3]);
+    EXPECT_EQ("{\"event\":\"exec-end\"}", lines[6]);
 }
 
 TEST_F(GuiShellTest, QuitWaitsUntilEveryPendingUnloadIsReported)

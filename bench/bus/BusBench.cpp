@@ -1,7 +1,7 @@
 // Message-bus throughput and latency through a real kuv-zelld, with clients loaded from
 // libZellClientMgr.so. Prints a table; options: --messages N (per throughput row), --rtt N.
 // The throughput rows send as fast as sendMsg() returns; when the receiving client cannot keep up, the
-// broker drops what overflows its queue for it (--hwm, 50000 by default) and "recv" shows it.
+// broker drops what overflows its queue for it (--hwm, 100000 by default) and "recv" shows it.
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -58,6 +58,13 @@ struct Waiter : IMRReceiveComplete {
 void row(const char* what, const std::string& value, const std::string& extra)
 {
     printf("| %-44s | %16s | %-34s |\n", what, value.c_str(), extra.c_str());
+}
+
+long rssKb(pid_t pid)
+{
+    const std::string status = kuvtest::readFile("/proc/" + std::to_string(pid) + "/status");
+    const size_t at = status.find("VmRSS:");
+    return at == std::string::npos ? -1 : atol(status.c_str() + at + 6);
 }
 
 std::string fmt(const char* format, double value)
@@ -154,6 +161,31 @@ int main(int argc, char** argv)
         const double mean = std::accumulate(micros.begin(), micros.end(), 0.0) / static_cast<double>(micros.size());
         row("round trip (4 B, through the broker twice)", fmt("%.1f us p50", micros[micros.size() / 2]),
             fmt("p99 %.1f us", micros[micros.size() * 99 / 100]) + fmt(", mean %.1f us", mean));
+
+        // Memory the broker holds for a client that stopped reading: its queue fills to --hwm.
+        {
+            struct Stalled : IMRReceiveComplete {
+                std::atomic<bool> open{false};
+                void ReceiveCallback(uint64_t, int64_t, const char*, int, uint64_t, uint64_t) override
+                {
+                    while (!open.load()) {
+                        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                    }
+                }
+            } stalled;
+            const pid_t brokerPid = atoi(kuvtest::readFile(runtime.socketPath() + ".lock").c_str());
+            const long before = rssKb(brokerPid);
+            rx->registerRecvNotify(4, &stalled, 0);
+            const std::string body(64, 's');
+            for (int i = 0; i < 400000; ++i) {
+                tx->sendMsg(kA, 4, body.data(), static_cast<int>(body.size()));
+            }
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+            const long full = rssKb(brokerPid);
+            stalled.open = true;
+            row("broker memory, one stalled client", fmt("%.1f MiB", static_cast<double>(full - before) / 1024.0),
+                "64 B bodies, queue full (--hwm)");
+        }
 
         // Resume after kill -9: time from the new broker's start until a message is routed again.
         const auto killStart = Clock::now();

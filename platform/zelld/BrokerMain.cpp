@@ -50,7 +50,7 @@ constexpr const char* kUsage =
     "  --foreground      stay in the foreground and log to stderr (default: run as a daemon)\n"
     "  --log FILE        log file of the daemon (default DIR/log/kuv-zelld.log)\n"
     "  --log-level N     lowest level logged: 0 trace, 1 debug, 2 info (default), 3 warning, 4 error\n"
-    "  --hwm N           messages queued per client before further ones are dropped (default 50000)\n"
+    "  --hwm N           messages queued per client before further ones are dropped (default 100000)\n"
     "  --help            this text\n"
     "\n"
     "SIGTERM or SIGINT stops the broker cleanly.\n"
@@ -62,7 +62,7 @@ struct Options {
     bool foreground = false;
     std::string logFile;
     int logLevel = 2;
-    int hwm = 50000;
+    int hwm = 100000;
 };
 
 class Fd {
@@ -368,21 +368,21 @@ public:
 
 private:
     bool receiveOne();
-    void sendSmall(const std::string& peer, const std::vector<std::string>& frames);
+    void sendSmall(const std::string& peer, const std::string& message);
     void forward(const std::string& sender, Router::Decision& decision);
 
     void* m_socket;
     int m_signalFd;
     Router m_router;
-    // Routing id + at most kMaxFrames frames; a longer message is drained and dropped.
-    std::array<ZmqMsg, kMaxFrames + 1> m_frames;
+    // Routing id + the message; a few more are kept only to report them (a message is one frame).
+    std::array<ZmqMsg, 4> m_frames;
     RateLimit m_badLimit;
     RateLimit m_dropLimit;
 };
 
-void Broker::sendSmall(const std::string& peer, const std::vector<std::string>& frames)
+void Broker::sendSmall(const std::string& peer, const std::string& message)
 {
-    if (frames.empty()) {
+    if (message.empty()) {
         return;
     }
     if (zmq_send(m_socket, peer.data(), peer.size(), ZMQ_SNDMORE | ZMQ_DONTWAIT) < 0) {
@@ -391,10 +391,7 @@ void Broker::sendSmall(const std::string& peer, const std::vector<std::string>& 
         }
         return; // a client that does not read its replies only loses them
     }
-    for (size_t i = 0; i < frames.size(); ++i) {
-        const int flags = ZMQ_DONTWAIT | (i + 1 < frames.size() ? ZMQ_SNDMORE : 0);
-        zmq_send(m_socket, frames[i].data(), frames[i].size(), flags);
-    }
+    zmq_send(m_socket, message.data(), message.size(), ZMQ_DONTWAIT);
 }
 
 void Broker::forward(const std::string& sender, Router::Decision& decision)
@@ -411,13 +408,9 @@ void Broker::forward(const std::string& sender, Router::Decision& decision)
             failure = kErrCongested;
         }
     } else {
-        uint8_t header[kHeaderSize];
-        putHeader(header, Cmd::Deliver);
-        zmq_send(m_socket, header, kHeaderSize, ZMQ_SNDMORE | ZMQ_DONTWAIT);
-        // Frames 2..5 (dest, src, meta, body) go on unchanged and without a copy.
-        for (size_t i = 2; i <= 5; ++i) {
-            zmq_msg_send(&m_frames[i].msg, m_socket, ZMQ_DONTWAIT | (i < 5 ? ZMQ_SNDMORE : 0));
-        }
+        // The Send goes on as it came, without a copy; only its command byte changes.
+        static_cast<uint8_t*>(zmq_msg_data(&m_frames[1].msg))[3] = static_cast<uint8_t>(Cmd::Deliver);
+        zmq_msg_send(&m_frames[1].msg, m_socket, ZMQ_DONTWAIT);
     }
     if (failure == 0) {
         sendSmall(sender, m_router.routed(decision.msg));
@@ -428,7 +421,7 @@ void Broker::forward(const std::string& sender, Router::Decision& decision)
              guidText(decision.msg.dest).c_str(), static_cast<long long>(decision.msg.meta.type),
              failure == kErrCongested ? "destination congested" : "destination gone");
     }
-    sendSmall(sender, m_router.notRouted(decision.msg, failure));
+    sendSmall(sender, m_router.notRouted(sender, decision.msg, failure, nowMs()));
 }
 
 // Reads one whole multipart message; false when none is waiting.
@@ -462,7 +455,7 @@ bool Broker::receiveOne()
     PeerCred cred;
     parsePeerAddress(zmq_msg_gets(&m_frames[0].msg, "Peer-Address"), cred);
 
-    std::array<FrameView, kMaxFrames + 1> views;
+    std::array<FrameView, 4> views;
     size_t viewCount = 0;
     if (!tooLong) {
         for (size_t i = 1; i < count; ++i) {
@@ -491,10 +484,9 @@ bool Broker::receiveOne()
         break;
     case Router::Action::Reply:
         if (decision.msg.cmd == Cmd::Register) {
-            LOGT(1, "register %s by pid %d: %s", guidText(decision.msg.dest).c_str(), cred.pid,
-                 decision.reply.size() == 3 && getU32(reinterpret_cast<const uint8_t*>(decision.reply[2].data())) == 0
-                     ? "ok"
-                     : "refused");
+            const bool ok = decision.reply.size() == kHeaderSize + kGuidSize + 4 &&
+                            getU32(reinterpret_cast<const uint8_t*>(decision.reply.data()) + kHeaderSize + kGuidSize) == kRegOk;
+            LOGT(1, "register %s by pid %d: %s", guidText(decision.msg.dest).c_str(), cred.pid, ok ? "ok" : "refused");
         }
         sendSmall(peer, decision.reply);
         break;
@@ -640,7 +632,9 @@ int main(int argc, char** argv)
         zmq_setsockopt(router.sock, ZMQ_ROUTER_HANDOVER, &one, sizeof(one));
         zmq_setsockopt(router.sock, ZMQ_LINGER, &zero, sizeof(zero));
         zmq_setsockopt(router.sock, ZMQ_SNDHWM, &options.hwm, sizeof(options.hwm));
-        zmq_setsockopt(router.sock, ZMQ_RCVHWM, &options.hwm, sizeof(options.hwm));
+        // Inbound, a short queue is enough: a sender that outruns us waits in its own client.
+        const int inbound = 10000;
+        zmq_setsockopt(router.sock, ZMQ_RCVHWM, &inbound, sizeof(inbound));
         zmq_setsockopt(router.sock, ZMQ_MAXMSGSIZE, &maxSize, sizeof(maxSize));
         const mode_t oldMask = ::umask(0077);
         const int bound = zmq_bind(router.sock, address.endpoint.c_str());

@@ -42,42 +42,31 @@ Router::Router(uint32_t ownUid, uint64_t instance, Limits limits, std::function<
 {
 }
 
-std::vector<std::string> Router::routedFrames(Cmd cmd, const Message& msg, bool withCode, uint32_t code)
-{
-    std::vector<std::string> frames(withCode ? 5 : 4);
-    uint8_t buffer[kMetaSize];
-    putHeader(buffer, cmd);
-    frames[0].assign(reinterpret_cast<char*>(buffer), kHeaderSize);
-    putGuid(buffer, msg.dest);
-    frames[1].assign(reinterpret_cast<char*>(buffer), kGuidSize);
-    putGuid(buffer, msg.src);
-    frames[2].assign(reinterpret_cast<char*>(buffer), kGuidSize);
-    putMeta(buffer, msg.meta);
-    frames[3].assign(reinterpret_cast<char*>(buffer), kMetaSize);
-    if (withCode) {
-        putU32(buffer, code);
-        frames[4].assign(reinterpret_cast<char*>(buffer), 4);
-    }
-    return frames;
-}
-
-std::vector<std::string> Router::routed(const Message& msg)
+std::string Router::routed(const Message& msg)
 {
     ++m_counters.routed;
     if ((msg.meta.flags & kFlagWantAck) == 0) {
-        return {};
+        return std::string();
     }
-    return routedFrames(Cmd::Ack, msg, false, 0);
+    return encodeRouted(Cmd::Ack, msg);
 }
 
-std::vector<std::string> Router::notRouted(const Message& msg, uint32_t code)
+std::string Router::notRouted(const std::string& sender, const Message& msg, uint32_t code, int64_t nowMs)
 {
-    if (code == kErrCongested) {
-        ++m_counters.congested;
-    } else if (code == kErrUnknownDest) {
+    if (code == kErrUnknownDest) {
         ++m_counters.unknownDest;
     }
-    return routedFrames(Cmd::Error, msg, true, code);
+    if (code == kErrCongested) {
+        ++m_counters.congested;
+        if ((msg.meta.flags & kFlagWantAck) == 0) {
+            auto peer = m_peers.find(sender);
+            if (peer == m_peers.end() || nowMs - peer->second.lastCongestionNotice < 1000) {
+                return std::string();
+            }
+            peer->second.lastCongestionNotice = nowMs;
+        }
+    }
+    return encodeError(msg, code);
 }
 
 bool Router::ownerGone(const Peer& owner, int64_t nowMs) const
@@ -122,15 +111,8 @@ void Router::registerGuid(const std::string& peerId, Peer& peer, const Message& 
     } else {
         ++m_counters.refused;
     }
-    uint8_t buffer[kGuidSize];
     decision.action = Action::Reply;
-    decision.reply.resize(3);
-    putHeader(buffer, Cmd::RegisterAck);
-    decision.reply[0].assign(reinterpret_cast<char*>(buffer), kHeaderSize);
-    putGuid(buffer, msg.dest);
-    decision.reply[1].assign(reinterpret_cast<char*>(buffer), kGuidSize);
-    putU32(buffer, status);
-    decision.reply[2].assign(reinterpret_cast<char*>(buffer), 4);
+    decision.reply = encodeRegisterAck(msg.dest, status);
 }
 
 void Router::unregisterGuid(const std::string& peerId, Peer& peer, const GUID& guid)
@@ -184,7 +166,11 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
         decision.foreign = true;
         return decision;
     }
-    decision.error = parse(frames, count, Direction::ToBroker, decision.msg);
+    if (count != 1 || frames == nullptr) {
+        decision.error = count == 0 ? ParseError::NoFrames : ParseError::BadFrameCount;
+    } else {
+        decision.error = parse(frames[0].data, frames[0].size, Direction::ToBroker, decision.msg);
+    }
     if (decision.error != ParseError::None || peerId.empty()) {
         if (decision.error == ParseError::None) {
             decision.error = ParseError::NoFrames;
@@ -213,16 +199,11 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
     peer.lastSeen = nowMs;
     const Message& msg = decision.msg;
 
-    uint8_t buffer[12];
     switch (msg.cmd) {
     case Cmd::Ping:
         if (!fresh) {
             decision.action = Action::Reply;
-            decision.reply.resize(2);
-            putHeader(buffer, Cmd::Pong);
-            decision.reply[0].assign(reinterpret_cast<char*>(buffer), kHeaderSize);
-            putU64(buffer, m_instance);
-            decision.reply[1].assign(reinterpret_cast<char*>(buffer), 8);
+            decision.reply = encodeInstance(Cmd::Pong, m_instance);
             break;
         }
         // A ping from a client we do not know (expired while it was stopped, say): a Welcome makes it
@@ -230,27 +211,16 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
         [[fallthrough]];
     case Cmd::Hello:
         decision.action = Action::Reply;
-        decision.reply.resize(2);
-        putHeader(buffer, Cmd::Welcome);
-        decision.reply[0].assign(reinterpret_cast<char*>(buffer), kHeaderSize);
-        putU64(buffer, m_instance);
-        putU32(buffer + 8, static_cast<uint32_t>(kMaxBody));
-        decision.reply[1].assign(reinterpret_cast<char*>(buffer), 12);
+        decision.reply = encodeInstance(Cmd::Welcome, m_instance);
         break;
     case Cmd::Register:
         registerGuid(peerId, peer, msg, nowMs, decision);
         break;
-    case Cmd::Unregister: {
+    case Cmd::Unregister:
         unregisterGuid(peerId, peer, msg.dest);
-        uint8_t guid[kGuidSize];
         decision.action = Action::Reply;
-        decision.reply.resize(2);
-        putHeader(buffer, Cmd::Unregistered);
-        decision.reply[0].assign(reinterpret_cast<char*>(buffer), kHeaderSize);
-        putGuid(guid, msg.dest);
-        decision.reply[1].assign(reinterpret_cast<char*>(guid), kGuidSize);
+        decision.reply = encodeGuid(Cmd::Unregistered, msg.dest);
         break;
-    }
     case Cmd::Bye:
         dropPeer(peerId);
         break;
@@ -261,13 +231,13 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
         if (srcOwner != m_owners.end() && srcOwner->second != peerId) {
             ++m_counters.sourceTaken;
             decision.action = Action::Reply;
-            decision.reply = routedFrames(Cmd::Error, msg, true, kErrSourceTaken);
+            decision.reply = encodeError(msg, kErrSourceTaken);
             break;
         }
         auto destOwner = m_owners.find(guidKey(msg.dest));
         if (destOwner == m_owners.end()) {
             decision.action = Action::Reply;
-            decision.reply = notRouted(msg, kErrUnknownDest);
+            decision.reply = notRouted(peerId, msg, kErrUnknownDest, nowMs);
             break;
         }
         decision.action = Action::Forward;

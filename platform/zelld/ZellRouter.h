@@ -2,6 +2,7 @@
 // message. Transport-free, so the frame handling can be driven by tests and the fuzzer.
 #pragma once
 
+#include <climits>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -49,14 +50,14 @@ public:
     enum class Action {
         Drop,    // nothing to send (see lastError for malformed input)
         Reply,   // send `reply` back to the sender
-        Forward, // send the message as Deliver to `forwardTo`; then call routed() or notRouted()
+        Forward, // send the message, its command byte made Deliver, to `forwardTo`; then routed() or notRouted()
     };
 
     struct Decision {
         Action action = Action::Drop;
         wire::Message msg;
         std::string forwardTo;
-        std::vector<std::string> reply;
+        std::string reply; // one message
         wire::ParseError error = wire::ParseError::None;
         bool foreign = false; // dropped because the peer runs as another user
     };
@@ -64,12 +65,14 @@ public:
     // alive(pid) tells whether a process still exists; it decides GUID take-over from dead clients.
     Router(uint32_t ownUid, uint64_t instance, Limits limits, std::function<bool(int32_t)> alive);
 
+    // frames: what followed the routing id; a valid message is exactly one frame.
     Decision handle(const std::string& peer, const PeerCred& cred, const wire::FrameView* frames, size_t count,
                     int64_t nowMs);
-    // After a Forward went out: the Ack frames for the sender when it asked for one (else empty).
-    std::vector<std::string> routed(const wire::Message& msg);
-    // After a Forward could not go out: the Error frames for the sender.
-    std::vector<std::string> notRouted(const wire::Message& msg, uint32_t code);
+    // After a Forward went out: the Ack for the sender when it asked for one (else empty).
+    std::string routed(const wire::Message& msg);
+    // After a Forward could not go out: the Error for the sender. For congestion it is sent only when the
+    // sender asked for a verdict, or once a second otherwise: a flood of notices would only add to the load.
+    std::string notRouted(const std::string& sender, const wire::Message& msg, uint32_t code, int64_t nowMs);
     // Frees the GUIDs of clients silent for longer than the expiry. Returns how many peers went.
     size_t expire(int64_t nowMs);
     // The destination connection vanished (the transport said so): forget it.
@@ -86,6 +89,7 @@ private:
     struct Peer {
         PeerCred cred;
         int64_t lastSeen = 0;
+        int64_t lastCongestionNotice = INT64_MIN / 2;
         std::unordered_set<wire::GuidKey, wire::GuidKeyHash> guids;
     };
 
@@ -93,8 +97,6 @@ private:
                       Decision& decision);
     void unregisterGuid(const std::string& peerId, Peer& peer, const GUID& guid);
     bool ownerGone(const Peer& owner, int64_t nowMs) const;
-    static std::vector<std::string> routedFrames(wire::Cmd cmd, const wire::Message& msg, bool withCode,
-                                                 uint32_t code);
 
     uint32_t m_uid;
     uint64_t m_instance;

@@ -69,7 +69,7 @@ struct Delivery {
     GUID src{};
     int64_t type = 0;
     uint64_t sequence = 0;
-    zmq::message_t body;
+    zmq::message_t message; // the whole Deliver; the body starts at wire::kRoutedSize
 };
 
 class EndPoint final : public IZellMREndPoint4, public std::enable_shared_from_this<EndPoint> {
@@ -216,7 +216,7 @@ public:
     bool connected() const { return m_connected.load(); }
 
     // From any thread. 0 queued; 1 stopped; 2 the queue stayed full for waitMs.
-    int postData(std::vector<zmq::message_t>&& frames, size_t bytes, int waitMs);
+    int postData(zmq::message_t&& message, int waitMs);
     void postRegister(const GUID& guid);
     // expectAnswer: the caller will awaitUnregistered() for the broker's confirmation.
     void postUnregister(const GUID& guid, bool expectAnswer = false);
@@ -234,8 +234,7 @@ private:
         int result = ZELL_SEND_NO_BROKER;
     };
     struct Outgoing {
-        std::vector<zmq::message_t> frames;
-        size_t bytes = 0;
+        zmq::message_t message; // one frame
         bool data = false;
     };
 
@@ -243,11 +242,11 @@ private:
     void loopOnce(bool& stop);
     void setupSocket();
     bool trySend(Outgoing& out);
-    void sendControl(wire::Cmd cmd, const GUID* guid);
+    void sendControl(const std::string& message);
     void flush();
     void readSocket();
     void readMonitor();
-    void handle(zmq::message_t* frames, size_t count);
+    void handle(zmq::message_t& message);
     void flushOutbox();
     void sessionUp(uint64_t instance);
     void sessionDown(const char* why);

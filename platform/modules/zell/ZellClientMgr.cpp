@@ -71,7 +71,7 @@ void Dispatcher::stop()
     }
     uint64_t bytes = 0;
     for (const auto& delivery : dropped) {
-        bytes += delivery.body.size();
+        bytes += delivery.message.size();
     }
     m_mgr.backlogDrained(dropped.size(), bytes);
 }
@@ -116,7 +116,7 @@ void Dispatcher::run()
         uint64_t bytes = 0;
         const uint64_t count = batch.size();
         for (auto& delivery : batch) {
-            bytes += delivery.body.size();
+            bytes += delivery.message.size();
             delivery.endpoint->dispatch(delivery);
         }
         batch.clear();
@@ -363,7 +363,7 @@ void ClientMgr::deliverBatch(size_t shard, std::vector<Delivery>& batch)
     }
     uint64_t bytes = 0;
     for (const auto& delivery : batch) {
-        bytes += delivery.body.size();
+        bytes += delivery.message.size();
     }
     backlogMessages.fetch_add(batch.size(), std::memory_order_relaxed);
     backlogBytes.fetch_add(bytes, std::memory_order_relaxed);

@@ -184,22 +184,16 @@ int EndPoint::send(const GUID& dest, int64_t msgType, const char* body, int leng
     meta.type = msgType;
     meta.sequence = sequence;
     meta.flags = wantAck ? kFlagWantAck : 0;
-    uint8_t raw[kMetaSize];
-    std::vector<zmq::message_t> frames;
-    frames.reserve(5);
-    putHeader(raw, Cmd::Send);
-    frames.emplace_back(raw, kHeaderSize);
-    putGuid(raw, dest);
-    frames.emplace_back(raw, kGuidSize);
-    putGuid(raw, src);
-    frames.emplace_back(raw, kGuidSize);
-    putMeta(raw, meta);
-    frames.emplace_back(raw, kMetaSize);
-    frames.emplace_back(body, static_cast<size_t>(length));
+    zmq::message_t message(kRoutedSize + static_cast<size_t>(length));
+    auto* out = static_cast<uint8_t*>(message.data());
+    putRouted(out, Cmd::Send, dest, src, meta);
+    if (length > 0) {
+        memcpy(out + kRoutedSize, body, static_cast<size_t>(length));
+    }
     if (wantAck) {
         io->expectVerdict(src, sequence);
     }
-    const int rc = io->postData(std::move(frames), static_cast<size_t>(length) + 64, kQueueWaitMs);
+    const int rc = io->postData(std::move(message), kQueueWaitMs);
     if (rc != 0) {
         if (wantAck) {
             io->forgetVerdict(src, sequence);
@@ -302,12 +296,13 @@ void EndPoint::dispatch(Delivery& delivery)
         ++m_running;
     }
     static const char empty[1] = {0};
-    const char* content = delivery.body.size() > 0 ? static_cast<const char*>(delivery.body.data()) : empty;
+    const size_t length = delivery.message.size() > kRoutedSize ? delivery.message.size() - kRoutedSize : 0;
+    const char* content = length > 0 ? static_cast<const char*>(delivery.message.data()) + kRoutedSize : empty;
     const EndPoint* outer = tl_inCallback;
     tl_inCallback = this;
     try {
         receiver->ReceiveCallback(reinterpret_cast<uint64_t>(static_cast<IZellMREndPoint4*>(this)), delivery.type,
-                                  content, static_cast<int>(delivery.body.size()),
+                                  content, static_cast<int>(length),
                                   reinterpret_cast<uint64_t>(&delivery.src), delivery.sequence);
     } catch (...) {
         ZLOG(m_mgr.log(), kLogError, ZELL_LOG_INTERNAL, "a receiver of type %lld threw; ignored",

@@ -28,21 +28,7 @@ constexpr int64_t kSilenceMs = 5000;
 constexpr int64_t kRetryRefusedMs = 5000;
 constexpr int kReadBatch = 1024;
 
-zmq::message_t smallFrame(const void* data, size_t size) { return zmq::message_t(data, size); }
-
-zmq::message_t headerFrame(Cmd cmd)
-{
-    uint8_t header[kHeaderSize];
-    putHeader(header, cmd);
-    return smallFrame(header, sizeof(header));
-}
-
-zmq::message_t guidFrame(const GUID& guid)
-{
-    uint8_t raw[kGuidSize];
-    putGuid(raw, guid);
-    return smallFrame(raw, sizeof(raw));
-}
+zmq::message_t frameOf(const std::string& bytes) { return zmq::message_t(bytes.data(), bytes.size()); }
 
 int verdictFor(uint32_t code)
 {
@@ -166,8 +152,9 @@ void Io::wake()
     }
 }
 
-int Io::postData(std::vector<zmq::message_t>&& frames, size_t bytes, int waitMs)
+int Io::postData(zmq::message_t&& message, int waitMs)
 {
+    const size_t bytes = message.size();
     std::unique_lock<std::mutex> lock(m_outMutex);
     auto room = [&] {
         return m_stop.load() || (m_data.size() < kMaxQueuedMessages && m_dataBytes + bytes <= kMaxQueuedBytes) ||
@@ -185,7 +172,7 @@ int Io::postData(std::vector<zmq::message_t>&& frames, size_t bytes, int waitMs)
         return 1;
     }
     const bool wasEmpty = m_data.empty() && m_control.empty();
-    m_data.push_back(Outgoing{std::move(frames), bytes, true});
+    m_data.push_back(Outgoing{std::move(message), true});
     m_dataBytes += bytes;
     lock.unlock();
     if (wasEmpty) {
@@ -196,11 +183,9 @@ int Io::postData(std::vector<zmq::message_t>&& frames, size_t bytes, int waitMs)
 
 void Io::postRegister(const GUID& guid)
 {
-    std::vector<zmq::message_t> frames;
-    frames.push_back(headerFrame(Cmd::Register));
-    frames.push_back(guidFrame(guid));
+    zmq::message_t message = frameOf(encodeGuid(Cmd::Register, guid));
     std::unique_lock<std::mutex> lock(m_outMutex);
-    m_control.push_back(Outgoing{std::move(frames), 0, false});
+    m_control.push_back(Outgoing{std::move(message), false});
     lock.unlock();
     wake();
 }
@@ -211,11 +196,9 @@ void Io::postUnregister(const GUID& guid, bool expectAnswer)
         std::lock_guard<std::mutex> lock(m_verdictMutex);
         m_unregistered[guidKey(guid)] = Verdict{};
     }
-    std::vector<zmq::message_t> frames;
-    frames.push_back(headerFrame(Cmd::Unregister));
-    frames.push_back(guidFrame(guid));
+    zmq::message_t message = frameOf(encodeGuid(Cmd::Unregister, guid));
     std::unique_lock<std::mutex> lock(m_outMutex);
-    m_control.push_back(Outgoing{std::move(frames), 0, false});
+    m_control.push_back(Outgoing{std::move(message), false});
     lock.unlock();
     wake();
 }
@@ -304,24 +287,13 @@ void Io::failAllVerdicts()
 
 bool Io::trySend(Outgoing& out)
 {
-    for (size_t i = 0; i < out.frames.size(); ++i) {
-        const auto flags = i + 1 < out.frames.size() ? zmq::send_flags::dontwait | zmq::send_flags::sndmore
-                                                     : zmq::send_flags::dontwait;
-        if (!m_socket->send(out.frames[i], flags)) {
-            // Only the first part can be refused: ZMQ takes the rest of a message it has started.
-            return false;
-        }
-    }
-    return true;
+    // On success ZMQ takes the content; on EAGAIN the message stays as it was for the next try.
+    return static_cast<bool>(m_socket->send(out.message, zmq::send_flags::dontwait));
 }
 
-void Io::sendControl(Cmd cmd, const GUID* guid)
+void Io::sendControl(const std::string& message)
 {
-    Outgoing out;
-    out.frames.push_back(headerFrame(cmd));
-    if (guid != nullptr) {
-        out.frames.push_back(guidFrame(*guid));
-    }
+    Outgoing out{frameOf(message), false};
     trySend(out); // when the socket is full this is dropped; the timers send it again
 }
 
@@ -357,12 +329,13 @@ void Io::flush()
                 break;
             }
         }
+        const size_t bytes = m_stalled->message.size();
         if (!trySend(*m_stalled)) {
             break; // wait for POLLOUT
         }
         if (m_stalled->data) {
             ++sentData;
-            sentBytes += m_stalled->bytes;
+            sentBytes += bytes;
         }
         m_stalled.reset();
         if (sentData >= 256) {
@@ -387,11 +360,9 @@ void Io::sessionUp(uint64_t instance)
     for (const auto& endpoint : m_mgr.boundEndPoints()) {
         GUID guid;
         if (endpoint->currentGuid(guid)) {
-            std::vector<zmq::message_t> frames;
-            frames.push_back(headerFrame(Cmd::Register));
-            frames.push_back(guidFrame(guid));
+            zmq::message_t message = frameOf(encodeGuid(Cmd::Register, guid));
             std::lock_guard<std::mutex> lock(m_outMutex);
-            m_control.push_front(Outgoing{std::move(frames), 0, false});
+            m_control.push_front(Outgoing{std::move(message), false});
             ++count;
         }
     }
@@ -428,14 +399,13 @@ void Io::readMonitor()
         if (event.size() >= 2) {
             memcpy(&id, event.data(), sizeof(id));
         }
-        while (event.more()) {
+        // The event's second frame (the address) is not needed.
+        for (bool more = event.more(); more;) {
             zmq::message_t rest;
             if (!m_monitor->recv(rest, zmq::recv_flags::dontwait)) {
                 break;
             }
-            if (!rest.more()) {
-                break;
-            }
+            more = rest.more();
         }
         if (id == ZMQ_EVENT_DISCONNECTED) {
             sessionDown("connection closed");
@@ -460,42 +430,28 @@ void Io::readSocket()
         Io& io;
         ~Flush() { io.flushOutbox(); }
     } flushAtEnd{*this};
-    std::array<zmq::message_t, kMaxFrames> frames;
+    zmq::message_t message;
     for (int n = 0; n < kReadBatch && !m_mgr.backlogFull(); ++n) {
-        size_t count = 0;
-        bool tooLong = false;
-        for (;;) {
-            zmq::message_t spill;
-            zmq::message_t& target = count < frames.size() ? frames[count] : spill;
-            const auto flags = count == 0 ? zmq::recv_flags::dontwait : zmq::recv_flags::none;
-            if (!m_socket->recv(target, flags)) {
-                if (count == 0) {
-                    return;
-                }
-                break;
-            }
-            tooLong = tooLong || count >= frames.size();
-            ++count;
-            if (!target.more()) {
-                break;
-            }
+        if (!m_socket->recv(message, zmq::recv_flags::dontwait)) {
+            return;
         }
-        if (tooLong) {
-            ZLOG(m_log, kLogWarn, ZELL_LOG_INTERNAL, "dropped a message of %zu frames from the broker", count);
+        if (message.more()) {
+            // Not ours: every message of the protocol is one frame. Skip the rest of it.
+            size_t parts = 1;
+            while (message.more() && m_socket->recv(message, zmq::recv_flags::none)) {
+                ++parts;
+            }
+            ZLOG(m_log, kLogWarn, ZELL_LOG_INTERNAL, "dropped a message of %zu frames from the broker", parts);
             continue;
         }
-        handle(frames.data(), count);
+        handle(message);
     }
 }
 
-void Io::handle(zmq::message_t* frames, size_t count)
+void Io::handle(zmq::message_t& message)
 {
-    std::array<FrameView, kMaxFrames> views;
-    for (size_t i = 0; i < count; ++i) {
-        views[i] = FrameView{frames[i].data(), frames[i].size()};
-    }
     Message msg;
-    const ParseError error = parse(views.data(), count, Direction::ToClient, msg);
+    const ParseError error = parse(message.data(), message.size(), Direction::ToClient, msg);
     if (error != ParseError::None) {
         ZLOG(m_log, kLogWarn, ZELL_LOG_INTERNAL, "dropped a malformed message from the broker: %s",
              parseErrorText(error));
@@ -558,7 +514,7 @@ void Io::handle(zmq::message_t* frames, size_t count)
         delivery.src = msg.src;
         delivery.type = msg.meta.type;
         delivery.sequence = msg.meta.sequence;
-        delivery.body = std::move(frames[4]);
+        delivery.message = std::move(message);
         const size_t shard = m_mgr.shardOf(m_lastEndpoint.get());
         if (m_outbox.size() < m_mgr.shardCount()) {
             m_outbox.resize(m_mgr.shardCount());
@@ -615,7 +571,7 @@ void Io::run()
     try {
         if (m_session) {
             m_stalled.reset();
-            sendControl(Cmd::Bye, nullptr);
+            sendControl(encodeEmpty(Cmd::Bye));
         }
     } catch (const zmq::error_t&) {
         // Leaving anyway.
@@ -631,14 +587,14 @@ void Io::loopOnce(bool& stop)
 {
     const int64_t now = monotonicMs();
     if (!m_session && now >= m_nextHello) {
-        sendControl(Cmd::Hello, nullptr);
+        sendControl(encodeEmpty(Cmd::Hello));
         m_nextHello = now + kHelloEveryMs;
     }
     if (m_session && now - m_lastHeard > kSilenceMs) {
         sessionDown("no answer to pings");
     }
     if (m_session && now >= m_nextPing) {
-        sendControl(Cmd::Ping, nullptr);
+        sendControl(encodeEmpty(Cmd::Ping));
         m_nextPing = now + kPingEveryMs;
     }
     if (m_session && now >= m_nextRetry) {
@@ -646,7 +602,7 @@ void Io::loopOnce(bool& stop)
         for (const auto& endpoint : m_mgr.boundEndPoints()) {
             GUID guid;
             if (endpoint->currentGuid(guid, true)) {
-                sendControl(Cmd::Register, &guid);
+                sendControl(encodeGuid(Cmd::Register, guid));
             }
         }
         m_nextRetry = now + kRetryRefusedMs;

@@ -39,19 +39,25 @@ std::string metaBytes(int64_t type, uint64_t sequence, uint32_t flags = 0)
     return std::string(reinterpret_cast<char*>(raw), kMetaSize);
 }
 
-std::vector<FrameView> views(const std::vector<std::string>& frames)
+// A message is one frame: its fields joined.
+std::string join(const std::vector<std::string>& fields)
 {
-    std::vector<FrameView> out;
-    for (const auto& f : frames) {
-        out.push_back(FrameView{f.data(), f.size()});
+    std::string out;
+    for (const auto& f : fields) {
+        out += f;
     }
     return out;
 }
 
-ParseError parseUp(const std::vector<std::string>& frames, Message& msg)
+// The message keeps views into the bytes, so callers keep them alive.
+ParseError parseUp(const std::string& bytes, Message& msg)
 {
-    auto v = views(frames);
-    return parse(v.data(), v.size(), Direction::ToBroker, msg);
+    return parse(bytes.data(), bytes.size(), Direction::ToBroker, msg);
+}
+
+uint32_t u32At(const std::string& bytes, size_t at)
+{
+    return bytes.size() >= at + 4 ? getU32(reinterpret_cast<const uint8_t*>(bytes.data()) + at) : 999;
 }
 
 struct Sink {
@@ -64,23 +70,23 @@ protected:
         : router(1000, 77, Router::Limits{}, [this](int32_t pid) { return sink.dead.count(pid) == 0; })
     {
     }
-    Router::Decision send(const std::string& peer, const std::vector<std::string>& frames, int64_t now = 0,
+    Router::Decision send(const std::string& peer, const std::vector<std::string>& fields, int64_t now = 0,
                           PeerCred cred = PeerCred{true, 1000, 10})
     {
-        auto v = views(frames);
-        return router.handle(peer, cred, v.data(), v.size(), now);
+        m_bytes = join(fields);
+        const FrameView frame{m_bytes.data(), m_bytes.size()};
+        return router.handle(peer, cred, &frame, 1, now);
     }
     uint32_t registerStatus(const std::string& peer, uint32_t guid, int64_t now = 0,
                             PeerCred cred = PeerCred{true, 1000, 10})
     {
         auto d = send(peer, {header(Cmd::Register), guidBytes(guid)}, now, cred);
         EXPECT_EQ(d.action, Router::Action::Reply);
-        if (d.reply.size() != 3) {
-            return 999;
-        }
-        return getU32(reinterpret_cast<const uint8_t*>(d.reply[2].data()));
+        EXPECT_EQ(d.reply.substr(0, kHeaderSize), header(Cmd::RegisterAck));
+        return u32At(d.reply, kHeaderSize + kGuidSize);
     }
 
+    std::string m_bytes;
     Sink sink;
     Router router;
 };
@@ -91,10 +97,8 @@ TEST(ZellWire, SendRoundTrip)
 {
     const std::string body("a\0b", 3);
     Message msg;
-    // The message keeps views into the frames, so they outlive it here.
-    const std::vector<std::string> frames = {header(Cmd::Send), guidBytes(1), guidBytes(2),
-                                             metaBytes(1003, 9, kFlagWantAck), body};
-    ASSERT_EQ(parseUp(frames, msg), ParseError::None);
+    const std::string bytes = join({header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(1003, 9, kFlagWantAck), body});
+    ASSERT_EQ(parseUp(bytes, msg), ParseError::None);
     EXPECT_EQ(msg.cmd, Cmd::Send);
     EXPECT_EQ(msg.dest.Data1, 1u);
     EXPECT_EQ(msg.src.Data1, 2u);
@@ -102,25 +106,54 @@ TEST(ZellWire, SendRoundTrip)
     EXPECT_EQ(msg.meta.sequence, 9u);
     EXPECT_EQ(msg.meta.flags, kFlagWantAck);
     EXPECT_EQ(std::string(static_cast<const char*>(msg.body.data), msg.body.size), body);
+
+    // What the broker forwards: the same bytes with the command byte changed.
+    std::string forwarded = bytes;
+    forwarded[3] = static_cast<char>(Cmd::Deliver);
+    Message delivered;
+    ASSERT_EQ(parse(forwarded.data(), forwarded.size(), Direction::ToClient, delivered), ParseError::None);
+    EXPECT_EQ(delivered.cmd, Cmd::Deliver);
+    EXPECT_EQ(delivered.body.size, 3u);
+
+    // The encoders produce what the parser accepts.
+    Message parsed;
+    for (const std::string& up : {encodeEmpty(Cmd::Hello), encodeEmpty(Cmd::Ping), encodeEmpty(Cmd::Bye),
+                                  encodeGuid(Cmd::Register, msg.dest), encodeGuid(Cmd::Unregister, msg.dest)}) {
+        EXPECT_EQ(parse(up.data(), up.size(), Direction::ToBroker, parsed), ParseError::None);
+    }
+    for (const std::string& down :
+         {encodeInstance(Cmd::Welcome, 5), encodeInstance(Cmd::Pong, 5), encodeRegisterAck(msg.dest, kRegTaken),
+          encodeGuid(Cmd::Unregistered, msg.dest), encodeRouted(Cmd::Ack, msg), encodeError(msg, kErrCongested)}) {
+        EXPECT_EQ(parse(down.data(), down.size(), Direction::ToClient, parsed), ParseError::None);
+    }
+    const std::string error = encodeError(msg, kErrCongested);
+    ASSERT_EQ(parse(error.data(), error.size(), Direction::ToClient, parsed), ParseError::None);
+    EXPECT_EQ(parsed.code, kErrCongested);
+    EXPECT_EQ(parsed.meta.sequence, 9u);
 }
 
-TEST(ZellWire, RejectsMalformedFrames)
+TEST(ZellWire, RejectsMalformedMessages)
 {
     Message msg;
     EXPECT_EQ(parse(nullptr, 0, Direction::ToBroker, msg), ParseError::NoFrames);
-    EXPECT_EQ(parseUp({"KZ"}, msg), ParseError::BadHeader);
-    EXPECT_EQ(parseUp({std::string("XY\x01\x01", 4)}, msg), ParseError::BadHeader);
-    EXPECT_EQ(parseUp({std::string("KZ\x02\x01", 4)}, msg), ParseError::BadVersion);
-    EXPECT_EQ(parseUp({std::string("KZ\x01\x00", 4)}, msg), ParseError::BadCommand);
-    EXPECT_EQ(parseUp({std::string("KZ\x01\x63", 4)}, msg), ParseError::BadCommand);
-    EXPECT_EQ(parseUp({header(Cmd::Welcome), std::string(12, 'x')}, msg), ParseError::BadCommand)
+    EXPECT_EQ(parseUp("KZ", msg), ParseError::BadHeader);
+    EXPECT_EQ(parseUp(std::string("XY\x01\x01", 4), msg), ParseError::BadHeader);
+    EXPECT_EQ(parseUp(std::string("KZ\x02\x01", 4), msg), ParseError::BadVersion);
+    EXPECT_EQ(parseUp(std::string("KZ\x01\x00", 4), msg), ParseError::BadCommand);
+    EXPECT_EQ(parseUp(std::string("KZ\x01\x63", 4), msg), ParseError::BadCommand);
+    EXPECT_EQ(parseUp(join({header(Cmd::Welcome), std::string(12, 'x')}), msg), ParseError::BadCommand)
         << "broker-only commands are refused from clients";
-    EXPECT_EQ(parseUp({header(Cmd::Hello), "x"}, msg), ParseError::BadFrameCount);
-    EXPECT_EQ(parseUp({header(Cmd::Register)}, msg), ParseError::BadFrameCount);
-    EXPECT_EQ(parseUp({header(Cmd::Register), "short"}, msg), ParseError::BadFrameSize);
-    EXPECT_EQ(parseUp({header(Cmd::Send), guidBytes(1), guidBytes(2), "meta", ""}, msg), ParseError::BadFrameSize);
-    EXPECT_EQ(parseUp({header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(1, 1)}, msg),
-              ParseError::BadFrameCount);
+    EXPECT_EQ(parseUp(join({header(Cmd::Hello), "x"}), msg), ParseError::BadFrameSize);
+    EXPECT_EQ(parseUp(header(Cmd::Register), msg), ParseError::BadFrameSize);
+    EXPECT_EQ(parseUp(join({header(Cmd::Register), "short"}), msg), ParseError::BadFrameSize);
+    EXPECT_EQ(parseUp(join({header(Cmd::Register), guidBytes(1), "x"}), msg), ParseError::BadFrameSize);
+    EXPECT_EQ(parseUp(join({header(Cmd::Send), guidBytes(1), guidBytes(2), "meta"}), msg), ParseError::BadFrameSize);
+    const std::string tooBig = join({header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(1, 1),
+                                     std::string(kMaxBody + 1, 'x')});
+    EXPECT_EQ(parseUp(tooBig, msg), ParseError::BadFrameSize);
+    std::string justRight = tooBig;
+    justRight.pop_back();
+    EXPECT_EQ(parseUp(justRight, msg), ParseError::None);
 }
 
 TEST(ZellWire, GuidText)
@@ -165,19 +198,31 @@ TEST_F(RouterTest, RoutesToTheOwnerAndReportsUnknownDestinations)
 
     d = send("peerB", {header(Cmd::Send), guidBytes(9), guidBytes(2), metaBytes(1003, 2), "body"});
     ASSERT_EQ(d.action, Router::Action::Reply);
-    ASSERT_EQ(d.reply.size(), 5u);
-    EXPECT_EQ(d.reply[0], header(Cmd::Error));
-    EXPECT_EQ(getU32(reinterpret_cast<const uint8_t*>(d.reply[4].data())), kErrUnknownDest);
+    ASSERT_EQ(d.reply.size(), kRoutedSize + 4);
+    EXPECT_EQ(d.reply.substr(0, kHeaderSize), header(Cmd::Error));
+    EXPECT_EQ(u32At(d.reply, kRoutedSize), kErrUnknownDest);
     EXPECT_EQ(router.counters().unknownDest, 1u);
 
     d = send("peerB", {header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(5, 3, kFlagWantAck), ""});
     ASSERT_EQ(d.action, Router::Action::Forward);
-    const auto ack = router.routed(d.msg);
-    ASSERT_EQ(ack.size(), 4u);
-    EXPECT_EQ(ack[0], header(Cmd::Ack));
-    const auto error = router.notRouted(d.msg, kErrCongested);
+    const std::string ack = router.routed(d.msg);
+    ASSERT_EQ(ack.size(), kRoutedSize);
+    EXPECT_EQ(ack.substr(0, kHeaderSize), header(Cmd::Ack));
+    const std::string error = router.notRouted("peerB", d.msg, kErrCongested, 0);
     EXPECT_EQ(router.counters().congested, 1u);
-    EXPECT_EQ(error[0], header(Cmd::Error));
+    EXPECT_EQ(error.substr(0, kHeaderSize), header(Cmd::Error));
+    // Without a request for a verdict, congestion is reported at most once a second.
+    d = send("peerB", {header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(5, 4), ""});
+    EXPECT_FALSE(router.notRouted("peerB", d.msg, kErrCongested, 10).empty());
+    EXPECT_TRUE(router.notRouted("peerB", d.msg, kErrCongested, 500).empty());
+    EXPECT_FALSE(router.notRouted("peerB", d.msg, kErrCongested, 1100).empty());
+    EXPECT_EQ(router.counters().congested, 4u);
+
+    // More than one frame is not a message of ours.
+    const std::string part = header(Cmd::Hello);
+    const FrameView two[2] = {{part.data(), part.size()}, {part.data(), part.size()}};
+    d = router.handle("peerB", PeerCred{true, 1000, 10}, two, 2, 0);
+    EXPECT_EQ(d.error, ParseError::BadFrameCount);
 }
 
 TEST_F(RouterTest, SecondLiveRegistrationIsRefusedUntilTheHolderIsGone)
@@ -194,7 +239,7 @@ TEST_F(RouterTest, SecondLiveRegistrationIsRefusedUntilTheHolderIsGone)
     // Unregister frees it at once and is confirmed.
     d = send("peerB", {header(Cmd::Unregister), guidBytes(1)}, 0, PeerCred{true, 1000, 11});
     ASSERT_EQ(d.action, Router::Action::Reply);
-    EXPECT_EQ(d.reply[0], header(Cmd::Unregistered));
+    EXPECT_EQ(d.reply, encodeGuid(Cmd::Unregistered, getGuid(reinterpret_cast<const uint8_t*>(guidBytes(1).data()))));
     EXPECT_EQ(registerStatus("peerC", 1, 0, PeerCred{true, 1000, 12}), kRegOk);
 }
 
@@ -224,24 +269,21 @@ TEST_F(RouterTest, ForeignUsersAndStolenSourcesAreRefused)
     EXPECT_EQ(registerStatus("peerA", 2), kRegOk);
     d = send("peerB", {header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(1, 1), "x"});
     ASSERT_EQ(d.action, Router::Action::Reply);
-    EXPECT_EQ(getU32(reinterpret_cast<const uint8_t*>(d.reply[4].data())), kErrSourceTaken);
+    EXPECT_EQ(u32At(d.reply, kRoutedSize), kErrSourceTaken);
 }
 
 TEST_F(RouterTest, HelloAndPingCarryTheInstance)
 {
     auto d = send("peerA", {header(Cmd::Hello)});
-    ASSERT_EQ(d.reply.size(), 2u);
-    EXPECT_EQ(d.reply[0], header(Cmd::Welcome));
-    EXPECT_EQ(getU64(reinterpret_cast<const uint8_t*>(d.reply[1].data())), 77u);
+    EXPECT_EQ(d.reply, encodeInstance(Cmd::Welcome, 77));
     d = send("peerA", {header(Cmd::Ping)});
-    EXPECT_EQ(d.reply[0], header(Cmd::Pong));
-    EXPECT_EQ(getU64(reinterpret_cast<const uint8_t*>(d.reply[1].data())), 77u);
+    EXPECT_EQ(d.reply, encodeInstance(Cmd::Pong, 77));
     // A client that expired (it was stopped for a while) is welcomed again so that it re-registers.
     EXPECT_EQ(router.expire(100000), 1u);
     d = send("peerA", {header(Cmd::Ping)}, 100000);
-    EXPECT_EQ(d.reply[0], header(Cmd::Welcome));
+    EXPECT_EQ(d.reply, encodeInstance(Cmd::Welcome, 77));
     d = send("peerA", {header(Cmd::Send)});
-    EXPECT_EQ(d.error, ParseError::BadFrameCount);
+    EXPECT_EQ(d.error, ParseError::BadFrameSize);
     EXPECT_EQ(router.counters().malformed, 1u);
 }
 

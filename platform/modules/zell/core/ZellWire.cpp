@@ -7,10 +7,6 @@ namespace zell::wire {
 
 namespace {
 
-bool frameIs(const FrameView& frame, size_t size) { return frame.size == size && (size == 0 || frame.data != nullptr); }
-
-const uint8_t* bytes(const FrameView& frame) { return static_cast<const uint8_t*>(frame.data); }
-
 Meta getMeta(const uint8_t* in)
 {
     Meta meta;
@@ -21,17 +17,7 @@ Meta getMeta(const uint8_t* in)
     return meta;
 }
 
-// dest | src | meta, the common start of Send, Deliver, Ack and Error.
-ParseError parseRouted(const FrameView* frames, Message& out)
-{
-    if (!frameIs(frames[0], kGuidSize) || !frameIs(frames[1], kGuidSize) || !frameIs(frames[2], kMetaSize)) {
-        return ParseError::BadFrameSize;
-    }
-    out.dest = getGuid(bytes(frames[0]));
-    out.src = getGuid(bytes(frames[1]));
-    out.meta = getMeta(bytes(frames[2]));
-    return ParseError::None;
-}
+std::string bytesOf(const uint8_t* data, size_t size) { return std::string(reinterpret_cast<const char*>(data), size); }
 
 } // namespace
 
@@ -107,12 +93,12 @@ const char* parseErrorText(ParseError error)
 {
     switch (error) {
     case ParseError::None: return "ok";
-    case ParseError::NoFrames: return "no frames";
-    case ParseError::BadHeader: return "bad header frame";
+    case ParseError::NoFrames: return "empty message";
+    case ParseError::BadHeader: return "bad header";
     case ParseError::BadVersion: return "unsupported protocol version";
     case ParseError::BadCommand: return "unknown command";
-    case ParseError::BadFrameCount: return "wrong number of frames";
-    case ParseError::BadFrameSize: return "wrong frame size";
+    case ParseError::BadFrameCount: return "more than one frame";
+    case ParseError::BadFrameSize: return "wrong length for its command";
     }
     return "?";
 }
@@ -137,122 +123,164 @@ const char* cmdName(Cmd cmd)
     return "?";
 }
 
-ParseError parse(const FrameView* frames, size_t count, Direction direction, Message& out)
+ParseError parse(const void* data, size_t size, Direction direction, Message& out)
 {
-    if (frames == nullptr || count == 0) {
+    if (data == nullptr || size == 0) {
         return ParseError::NoFrames;
     }
-    const FrameView& header = frames[0];
-    if (!frameIs(header, kHeaderSize) || bytes(header)[0] != kMagic0 || bytes(header)[1] != kMagic1) {
+    const auto* in = static_cast<const uint8_t*>(data);
+    if (size < kHeaderSize || in[0] != kMagic0 || in[1] != kMagic1) {
         return ParseError::BadHeader;
     }
-    if (bytes(header)[2] != kVersion) {
+    if (in[2] != kVersion) {
         return ParseError::BadVersion;
     }
-    const uint8_t raw = bytes(header)[3];
-    if (raw < static_cast<uint8_t>(Cmd::Hello) || raw > static_cast<uint8_t>(Cmd::Unregistered)) {
+    if (in[3] < static_cast<uint8_t>(Cmd::Hello) || in[3] > static_cast<uint8_t>(Cmd::Unregistered)) {
         return ParseError::BadCommand;
     }
-    const Cmd cmd = static_cast<Cmd>(raw);
+    const Cmd cmd = static_cast<Cmd>(in[3]);
     const bool toBroker = direction == Direction::ToBroker;
-    const FrameView* rest = frames + 1;
-    const size_t restCount = count - 1;
-    out = Message{};
-    out.cmd = cmd;
-
-    auto expect = [&](bool forBroker, size_t frameCount) -> ParseError {
-        if (forBroker != toBroker) {
-            return ParseError::BadCommand;
-        }
-        return restCount == frameCount ? ParseError::None : ParseError::BadFrameCount;
-    };
-
-    ParseError error = ParseError::None;
+    bool forBroker = false;
+    size_t expected = kHeaderSize; // exact length; Send and Deliver give the minimum
     switch (cmd) {
     case Cmd::Hello:
     case Cmd::Ping:
     case Cmd::Bye:
-        return expect(true, 0);
-    case Cmd::Welcome:
-        if ((error = expect(false, 1)) != ParseError::None) {
-            return error;
-        }
-        if (!frameIs(rest[0], 12)) {
-            return ParseError::BadFrameSize;
-        }
-        out.instance = getU64(bytes(rest[0]));
-        out.maxBody = getU32(bytes(rest[0]) + 8);
-        return ParseError::None;
-    case Cmd::Pong:
-        if ((error = expect(false, 1)) != ParseError::None) {
-            return error;
-        }
-        if (!frameIs(rest[0], 8)) {
-            return ParseError::BadFrameSize;
-        }
-        out.instance = getU64(bytes(rest[0]));
-        return ParseError::None;
+        forBroker = true;
+        break;
     case Cmd::Register:
     case Cmd::Unregister:
-        if ((error = expect(true, 1)) != ParseError::None) {
-            return error;
-        }
-        if (!frameIs(rest[0], kGuidSize)) {
-            return ParseError::BadFrameSize;
-        }
-        out.dest = getGuid(bytes(rest[0]));
-        return ParseError::None;
+        forBroker = true;
+        expected += kGuidSize;
+        break;
+    case Cmd::Send:
+        forBroker = true;
+        expected = kRoutedSize;
+        break;
+    case Cmd::Welcome:
+        expected += 12;
+        break;
+    case Cmd::Pong:
+        expected += 8;
+        break;
     case Cmd::Unregistered:
-        if ((error = expect(false, 1)) != ParseError::None) {
-            return error;
-        }
-        if (!frameIs(rest[0], kGuidSize)) {
-            return ParseError::BadFrameSize;
-        }
-        out.dest = getGuid(bytes(rest[0]));
-        return ParseError::None;
+        expected += kGuidSize;
+        break;
     case Cmd::RegisterAck:
-        if ((error = expect(false, 2)) != ParseError::None) {
-            return error;
-        }
-        if (!frameIs(rest[0], kGuidSize) || !frameIs(rest[1], 4)) {
-            return ParseError::BadFrameSize;
-        }
-        out.dest = getGuid(bytes(rest[0]));
-        out.code = getU32(bytes(rest[1]));
-        return ParseError::None;
+        expected += kGuidSize + 4;
+        break;
+    case Cmd::Deliver:
+    case Cmd::Ack:
+        expected = kRoutedSize;
+        break;
+    case Cmd::Error:
+        expected = kRoutedSize + 4;
+        break;
+    }
+    if (forBroker != toBroker) {
+        return ParseError::BadCommand;
+    }
+    const bool withBody = cmd == Cmd::Send || cmd == Cmd::Deliver;
+    if (withBody ? (size < expected || size - expected > kMaxBody) : size != expected) {
+        return ParseError::BadFrameSize;
+    }
+
+    out = Message{};
+    out.cmd = cmd;
+    const uint8_t* fields = in + kHeaderSize;
+    switch (cmd) {
+    case Cmd::Welcome:
+        out.instance = getU64(fields);
+        out.maxBody = getU32(fields + 8);
+        break;
+    case Cmd::Pong:
+        out.instance = getU64(fields);
+        break;
+    case Cmd::Register:
+    case Cmd::Unregister:
+    case Cmd::Unregistered:
+        out.dest = getGuid(fields);
+        break;
+    case Cmd::RegisterAck:
+        out.dest = getGuid(fields);
+        out.code = getU32(fields + kGuidSize);
+        break;
     case Cmd::Send:
     case Cmd::Deliver:
-        if ((error = expect(cmd == Cmd::Send, 4)) != ParseError::None) {
-            return error;
-        }
-        if ((error = parseRouted(rest, out)) != ParseError::None) {
-            return error;
-        }
-        if (rest[3].size > kMaxBody || (rest[3].size > 0 && rest[3].data == nullptr)) {
-            return ParseError::BadFrameSize;
-        }
-        out.body = rest[3];
-        return ParseError::None;
     case Cmd::Ack:
-        if ((error = expect(false, 3)) != ParseError::None) {
-            return error;
-        }
-        return parseRouted(rest, out);
     case Cmd::Error:
-        if ((error = expect(false, 4)) != ParseError::None) {
-            return error;
+        out.dest = getGuid(fields);
+        out.src = getGuid(fields + kGuidSize);
+        out.meta = getMeta(fields + 2 * kGuidSize);
+        if (withBody) {
+            out.body = FrameView{in + kRoutedSize, size - kRoutedSize};
+        } else if (cmd == Cmd::Error) {
+            out.code = getU32(in + kRoutedSize);
         }
-        if ((error = parseRouted(rest, out)) != ParseError::None) {
-            return error;
-        }
-        if (!frameIs(rest[3], 4)) {
-            return ParseError::BadFrameSize;
-        }
-        out.code = getU32(bytes(rest[3]));
-        return ParseError::None;
+        break;
+    default:
+        break;
     }
-    return ParseError::BadCommand;
+    return ParseError::None;
+}
+
+std::string encodeEmpty(Cmd cmd)
+{
+    uint8_t raw[kHeaderSize];
+    putHeader(raw, cmd);
+    return bytesOf(raw, sizeof(raw));
+}
+
+std::string encodeGuid(Cmd cmd, const GUID& guid)
+{
+    uint8_t raw[kHeaderSize + kGuidSize];
+    putHeader(raw, cmd);
+    putGuid(raw + kHeaderSize, guid);
+    return bytesOf(raw, sizeof(raw));
+}
+
+std::string encodeRegisterAck(const GUID& guid, uint32_t status)
+{
+    uint8_t raw[kHeaderSize + kGuidSize + 4];
+    putHeader(raw, Cmd::RegisterAck);
+    putGuid(raw + kHeaderSize, guid);
+    putU32(raw + kHeaderSize + kGuidSize, status);
+    return bytesOf(raw, sizeof(raw));
+}
+
+std::string encodeInstance(Cmd cmd, uint64_t instance)
+{
+    uint8_t raw[kHeaderSize + 12];
+    putHeader(raw, cmd);
+    putU64(raw + kHeaderSize, instance);
+    if (cmd == Cmd::Welcome) {
+        putU32(raw + kHeaderSize + 8, static_cast<uint32_t>(kMaxBody));
+        return bytesOf(raw, kHeaderSize + 12);
+    }
+    return bytesOf(raw, kHeaderSize + 8);
+}
+
+void putRouted(uint8_t out[kRoutedSize], Cmd cmd, const GUID& dest, const GUID& src, const Meta& meta)
+{
+    putHeader(out, cmd);
+    putGuid(out + kHeaderSize, dest);
+    putGuid(out + kHeaderSize + kGuidSize, src);
+    putMeta(out + kHeaderSize + 2 * kGuidSize, meta);
+}
+
+std::string encodeRouted(Cmd cmd, const Message& msg)
+{
+    uint8_t raw[kRoutedSize];
+    putRouted(raw, cmd, msg.dest, msg.src, msg.meta);
+    return bytesOf(raw, sizeof(raw));
+}
+
+std::string encodeError(const Message& msg, uint32_t code)
+{
+    uint8_t raw[kRoutedSize + 4];
+    putRouted(raw, Cmd::Error, msg.dest, msg.src, msg.meta);
+    putU32(raw + kRoutedSize, code);
+    return bytesOf(raw, sizeof(raw));
 }
 
 std::string guidText(const GUID& guid)

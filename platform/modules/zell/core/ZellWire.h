@@ -10,32 +10,35 @@
 
 namespace zell::wire {
 
-// Every message starts with a 4-byte header frame: 'K' 'Z' version command.
+// Every message is one ZMQ frame (a multipart message can be cut in half when a reconnecting socket
+// replaces its pipe, which libzmq 4.3 answers with an abort). It starts with a 4-byte header:
+// 'K' 'Z' version command, followed by the fields of the command (integers little endian).
 constexpr uint8_t kMagic0 = 'K';
 constexpr uint8_t kMagic1 = 'Z';
 constexpr uint8_t kVersion = 1;
 constexpr size_t kHeaderSize = 4;
 constexpr size_t kGuidSize = 16;
-constexpr size_t kMetaSize = 24; // type i64, sequence u64, flags u32, reserved u32 (all little endian)
-constexpr size_t kMaxFrames = 5; // the longest message (Send/Deliver) has five frames
+constexpr size_t kMetaSize = 24; // type i64, sequence u64, flags u32, reserved u32
+// dest | src | meta: the start of Send, Deliver, Ack and Error.
+constexpr size_t kRoutedSize = kHeaderSize + 2 * kGuidSize + kMetaSize;
 // Largest body a message may carry; ZMQ_MAXMSGSIZE is set a little above it on both ends.
 constexpr size_t kMaxBody = 16u * 1024u * 1024u;
-constexpr int64_t kMaxFrameSize = static_cast<int64_t>(kMaxBody) + 4096;
+constexpr int64_t kMaxFrameSize = static_cast<int64_t>(kRoutedSize + kMaxBody) + 64;
 
-// Frames of each command after the header (client to broker: C>B, broker to client: B>C):
-//   Hello       C>B  -                                  asks for Welcome
-//   Welcome     B>C  instance u64 | max body u32        (one 12-byte frame)
-//   Register    C>B  guid                               asks for RegisterAck
-//   RegisterAck B>C  guid | status u32                  (two frames)
-//   Unregister  C>B  guid                               asks for Unregistered
-//   Send        C>B  dest | src | meta | body
-//   Deliver     B>C  dest | src | meta | body
-//   Ack         B>C  dest | src | meta                  sent for Send with kFlagWantAck once routed
-//   Error       B>C  dest | src | meta | code u32       the message was not routed
-//   Ping        C>B  -
-//   Pong        B>C  instance u64
-//   Bye         C>B  -                                  the client leaves; its GUIDs are freed
-//   Unregistered B>C guid                               the GUID is free on the bus
+// Fields after the header (client to broker: C>B, broker to client: B>C):
+//   Hello        C>B  -                                   asks for Welcome
+//   Welcome      B>C  instance u64 | max body u32
+//   Register     C>B  guid                                asks for RegisterAck
+//   RegisterAck  B>C  guid | status u32
+//   Unregister   C>B  guid                                asks for Unregistered
+//   Send         C>B  dest | src | meta | body
+//   Deliver      B>C  dest | src | meta | body            a Send with the command byte changed
+//   Ack          B>C  dest | src | meta                   for a Send with kFlagWantAck, once routed
+//   Error        B>C  dest | src | meta | code u32        the message was not routed
+//   Ping         C>B  -
+//   Pong         B>C  instance u64
+//   Bye          C>B  -                                   the client leaves; its GUIDs are freed
+//   Unregistered B>C  guid                                the GUID is free on the bus
 enum class Cmd : uint8_t {
     Hello = 1,
     Welcome = 2,
@@ -73,12 +76,12 @@ enum class Direction { ToBroker, ToClient };
 
 enum class ParseError {
     None = 0,
-    NoFrames,
-    BadHeader,     // wrong size or magic
+    NoFrames, // empty message
+    BadHeader, // too short for a header, or wrong magic
     BadVersion,
-    BadCommand,    // unknown, or not valid in this direction
-    BadFrameCount,
-    BadFrameSize,
+    BadCommand, // unknown, or not valid in this direction
+    BadFrameCount, // more than one frame
+    BadFrameSize,  // wrong length for the command
 };
 
 const char* parseErrorText(ParseError error);
@@ -91,7 +94,7 @@ struct Meta {
     uint32_t reserved = 0;
 };
 
-// A view of one received frame; the parser never copies bodies.
+// A view of received bytes; the parser never copies bodies.
 struct FrameView {
     const void* data = nullptr;
     size_t size = 0;
@@ -99,19 +102,29 @@ struct FrameView {
 
 struct Message {
     Cmd cmd = Cmd::Hello;
-    GUID dest{}; // Register/RegisterAck/Unregister: the GUID; Send/Deliver/Ack/Error: destination
+    GUID dest{}; // Register/RegisterAck/Unregister/Unregistered: the GUID; Send/Deliver/Ack/Error: destination
     GUID src{};
     Meta meta;
-    FrameView body;
-    uint32_t code = 0;       // RegisterAck status or Error code
-    uint64_t instance = 0;   // Welcome/Pong: the broker's instance
-    uint32_t maxBody = 0;    // Welcome
+    FrameView body;        // Send/Deliver: into the parsed bytes
+    uint32_t code = 0;     // RegisterAck status or Error code
+    uint64_t instance = 0; // Welcome/Pong: the broker's instance
+    uint32_t maxBody = 0;  // Welcome
 };
 
-// Validates frames (header first) for the given direction and fills out. Bodies stay in the frames.
-ParseError parse(const FrameView* frames, size_t count, Direction direction, Message& out);
+// Validates one message for the given direction and fills out. The body stays in data.
+ParseError parse(const void* data, size_t size, Direction direction, Message& out);
 
-// Encoding helpers for the small frames.
+// Encoders. The small messages as bytes; Send/Deliver/Ack/Error as their fixed start (kRoutedSize bytes)
+// written to out, the body (or the Error code) following it.
+std::string encodeEmpty(Cmd cmd);                                   // Hello, Ping, Bye
+std::string encodeGuid(Cmd cmd, const GUID& guid);                 // Register, Unregister, Unregistered
+std::string encodeRegisterAck(const GUID& guid, uint32_t status);
+std::string encodeInstance(Cmd cmd, uint64_t instance);            // Pong; Welcome adds kMaxBody
+std::string encodeRouted(Cmd cmd, const Message& msg);             // Ack
+std::string encodeError(const Message& msg, uint32_t code);
+void putRouted(uint8_t out[kRoutedSize], Cmd cmd, const GUID& dest, const GUID& src, const Meta& meta);
+
+// Field helpers.
 void putHeader(uint8_t out[kHeaderSize], Cmd cmd);
 void putMeta(uint8_t out[kMetaSize], const Meta& meta);
 void putU32(uint8_t* out, uint32_t value);

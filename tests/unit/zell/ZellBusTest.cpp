@@ -632,3 +632,40 @@ TEST_F(ZellBus, ASlowClientLosesMessagesButNeverStallsTheBroker)
     EXPECT_EQ(broker->terminate(), 0);
     EXPECT_NE(broker->err().find("destination congested"), std::string::npos);
 }
+
+TEST_F(ZellBus, ClientsSurviveTheBrokerKilledInTheMiddleOfTraffic)
+{
+    Client a(*module, "A");
+    Client b(*module, "B");
+    ASSERT_EQ(a.init(settingsJson()), 0);
+    ASSERT_EQ(b.init(settingsJson()), 0);
+    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(b.waitConnected());
+    IZellMREndPoint4* rx = a->createEndPoint();
+    IZellMREndPoint4* tx = b->createEndPoint();
+    struct Count : IMRReceiveComplete {
+        std::atomic<uint64_t> n{0};
+        void ReceiveCallback(uint64_t, int64_t, const char*, int, uint64_t, uint64_t) override { ++n; }
+    } count;
+    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
+    ASSERT_EQ(rx->registerRecvNotify(5, &count, 0), 0);
+    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    std::atomic<bool> flooding{true};
+    std::thread flood([&] {
+        const std::string body(512, 'f');
+        while (flooding.load()) {
+            if (tx->sendMsg(guidOf(kAppGuid), 5, body.data(), static_cast<int>(body.size())) != 0) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
+    });
+    for (int round = 0; round < 4; ++round) {
+        const uint64_t before = count.n.load();
+        ASSERT_TRUE(kuvtest::waitUntil([&] { return count.n.load() > before + 1000; }, 60000)) << "round " << round;
+        broker->kill9(); // while messages stream in both clients
+        broker->start();
+        ASSERT_TRUE(kuvtest::waitUntil([&] { return a->isConnected() == 1 && rx->isRegistered() == 1; }, 60000));
+    }
+    flooding = false;
+    flood.join();
+}

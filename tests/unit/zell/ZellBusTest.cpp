@@ -288,6 +288,7 @@ TEST_F(ZellBus, HundredThousandMessagesInARowNoneLost)
     EXPECT_EQ(counter.count.load(), kCount);
     EXPECT_EQ(counter.outOfOrder.load(), 0u);
     EXPECT_EQ(counter.badBody.load(), 0u);
+    EXPECT_EQ(a->destroyEndPoint(rx), 0);
 }
 
 TEST_F(ZellBus, GarbageFramesLeaveTheBrokerServing)
@@ -569,13 +570,6 @@ TEST_F(ZellBus, ASlowClientLosesMessagesButNeverStallsTheBroker)
     // A broker with a small queue per client, so a stalled client is reached quickly.
     broker.reset();
     broker = std::make_unique<Broker>(KUV_ZELLD_PATH, *runtime, std::vector<std::string>{"--hwm", "500"});
-    Client slow(*module, "slow");
-    Client fast(*module, "fast");
-    Client sender(*module, "sender");
-    for (Client* c : {&slow, &fast, &sender}) {
-        ASSERT_EQ(c->init(settingsJson()), 0);
-        ASSERT_TRUE(c->waitConnected());
-    }
     struct Blocked : IMRReceiveComplete {
         std::mutex mutex;
         std::condition_variable cv;
@@ -594,11 +588,25 @@ TEST_F(ZellBus, ASlowClientLosesMessagesButNeverStallsTheBroker)
             cv.notify_all();
         }
     } blocked;
+    // Receivers outlive the clients (declared first), and the stalled one is let go on every way out.
+    struct Release {
+        Blocked& blocked;
+        ~Release() { blocked.release(); }
+    };
+    Recorder recorder;
+    Recorder marker;
+    Client slow(*module, "slow");
+    Release releaseOnExit{blocked};
+    Client fast(*module, "fast");
+    Client sender(*module, "sender");
+    for (Client* c : {&slow, &fast, &sender}) {
+        ASSERT_EQ(c->init(settingsJson()), 0);
+        ASSERT_TRUE(c->waitConnected());
+    }
     IZellMREndPoint4* stalled = slow->createEndPoint();
     ASSERT_EQ(stalled->init(guidOf(kAppGuid)), 0);
     ASSERT_EQ(stalled->registerRecvNotify(1, &blocked, 0), 0);
     IZellMREndPoint4* quick = fast->createEndPoint();
-    Recorder recorder;
     ASSERT_EQ(quick->init(guidOf(kOtherGuid)), 0);
     ASSERT_EQ(quick->registerRecvNotify(1, &recorder, 0), 0);
     IZellMREndPoint4* tx = sender->createEndPoint();
@@ -622,13 +630,13 @@ TEST_F(ZellBus, ASlowClientLosesMessagesButNeverStallsTheBroker)
 
     blocked.release();
     // It catches up with what it had queued (a marker sent after it arrives last); the rest was dropped.
-    Recorder marker;
     ASSERT_EQ(stalled->registerRecvNotify(2, &marker, 0), 0);
     EXPECT_TRUE(kuvtest::waitUntil(
         [&] { return tx->sendMsgWait(guidOf(kAppGuid), 2, "marker", 6, 10000) == ZELL_SEND_ROUTED; }, 120000, 50));
     ASSERT_TRUE(marker.waitFor(1, 120000));
     EXPECT_GT(blocked.calls.load(), 0u);
     EXPECT_LT(blocked.calls.load(), sent) << "some messages to the stalled client were dropped";
+    EXPECT_EQ(slow->destroyEndPoint(stalled), 0);
     EXPECT_EQ(broker->terminate(), 0);
     EXPECT_NE(broker->err().find("destination congested"), std::string::npos);
 }
@@ -668,4 +676,6 @@ TEST_F(ZellBus, ClientsSurviveTheBrokerKilledInTheMiddleOfTraffic)
     }
     flooding = false;
     flood.join();
+    // The receiver lives on this stack: no call may reach it once the test returns.
+    EXPECT_EQ(a->destroyEndPoint(rx), 0);
 }

@@ -15,36 +15,14 @@
 
 #include "CppJson.h"
 #include "FileUtils.h"
+#include "UniqueFd.h"
 
 namespace {
 
 constexpr size_t kMaxName = 200;
 constexpr off_t kMaxAttributeFile = 64 * 1024;
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : m_fd(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return m_fd; }
-    void reset(int fd = -1)
-    {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-        m_fd = fd;
-    }
-    int release()
-    {
-        const int fd = m_fd;
-        m_fd = -1;
-        return fd;
-    }
-
-private:
-    int m_fd;
-};
+using Fd = kuv::UniqueFd;
 
 bool validName(const std::string& name)
 {

@@ -25,6 +25,7 @@
 #include "CLogDebug.h"
 #include "FileUtils.h"
 #include "PipeWire.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -46,33 +47,7 @@ constexpr int kBacklog = 512;
         }                                                                                                  \
     } while (0)
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : m_fd(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    Fd(Fd&& o) noexcept : m_fd(o.m_fd) { o.m_fd = -1; }
-    Fd& operator=(Fd&& o) noexcept
-    {
-        if (this != &o) {
-            reset(o.m_fd);
-            o.m_fd = -1;
-        }
-        return *this;
-    }
-    int get() const { return m_fd; }
-    void reset(int fd = -1)
-    {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-        m_fd = fd;
-    }
-
-private:
-    int m_fd;
-};
+using Fd = kuv::UniqueFd;
 
 // At most one warning a minute of one kind.
 class RateLimit {

@@ -28,6 +28,7 @@
 #include "ZellAddress.h"
 #include "ZellLogFile.h"
 #include "ZellRouter.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -65,24 +66,7 @@ struct Options {
     int hwm = 100000;
 };
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : m_fd(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return m_fd; }
-    void reset(int fd = -1)
-    {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-        m_fd = fd;
-    }
-
-private:
-    int m_fd;
-};
+using Fd = kuv::UniqueFd;
 
 // Levels as in the project log: 0 trace .. 4 error.
 class Log {

@@ -2,6 +2,7 @@
 
 #include "ConstConfig.h"
 #include "FileUtils.h"
+#include "UniqueFd.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -25,36 +26,7 @@ constexpr size_t kChunk = 64 * 1024;
 // inotify may miss a rename across file systems or a file on NFS: look anyway this often.
 constexpr int kRecheckMs = 500;
 
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : m_fd(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    UniqueFd(UniqueFd&& other) noexcept : m_fd(other.m_fd) { other.m_fd = -1; }
-    UniqueFd& operator=(UniqueFd&& other) noexcept
-    {
-        if (this != &other) {
-            reset();
-            m_fd = other.m_fd;
-            other.m_fd = -1;
-        }
-        return *this;
-    }
-    int get() const { return m_fd; }
-    bool valid() const { return m_fd >= 0; }
-    void reset(int fd = -1)
-    {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-        m_fd = fd;
-    }
-
-private:
-    int m_fd = -1;
-};
+using UniqueFd = kuv::UniqueFd;
 
 volatile sig_atomic_t g_stop = 0;
 void onStopSignal(int) { g_stop = 1; }

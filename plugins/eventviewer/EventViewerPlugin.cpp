@@ -127,24 +127,13 @@ EventViewerPlugin::~EventViewerPlugin()
 
 int EventViewerPlugin::init(const QVariant& paras)
 {
-    m_page = new EventViewerPage();
-    EventViewerPage* page = m_page;
-    m_receiver = std::make_unique<kuvsdk::GuiThreadReceiver>(
-        page, [page](const kuvsdk::BusMessage& m) { page->addMessage(m); });
-    const int rc = m_bus.open(paras, QString::fromLatin1(kEventViewerGuid));
-    if (m_bus.state() == kuvsdk::PluginEndpoint::ON_BUS && m_bus.listen(kEventMessageType, m_receiver.get()) != 0) {
-        qWarning("eventviewer: cannot register for message type %lld", static_cast<long long>(kEventMessageType));
-    }
-    page->setBus(m_bus.state(), m_bus.guidText(), rc);
-    return 0;
+    return m_plugin.open(paras, kEventViewerGuid, kEventMessageType,
+                         [](EventViewerPage* page, const kuvsdk::BusMessage& m) { page->addMessage(m); }, "eventviewer");
 }
 
 void EventViewerPlugin::uninit()
 {
-    // Leave the bus first: after it no receiver runs, so the page can go.
-    m_bus.close();
-    delete m_page.data();
-    m_receiver.reset();
+    m_plugin.close();
 }
 
 QString EventViewerPlugin::title() const

@@ -52,13 +52,11 @@ public:
     ~EventViewerPlugin() override;
     int init(const QVariant& paras) override;
     void uninit() override;
-    QWidget* page() override { return m_page; }
+    QWidget* page() override { return m_plugin.page(); }
     QString title() const override;
 
 private:
-    kuvsdk::PluginEndpoint m_bus;
-    std::unique_ptr<kuvsdk::GuiThreadReceiver> m_receiver;
-    QPointer<EventViewerPage> m_page;
+    kuvsdk::PageOnBus<EventViewerPage> m_plugin;
 };
 
 } // namespace kuvplugin

@@ -244,23 +244,13 @@ NotifierPlugin::~NotifierPlugin()
 
 int NotifierPlugin::init(const QVariant& paras)
 {
-    m_page = new NotifierPage();
-    NotifierPage* page = m_page;
-    m_receiver = std::make_unique<kuvsdk::GuiThreadReceiver>(
-        page, [page](const kuvsdk::BusMessage& m) { page->raiseAlert(parseAlert(m.body)); });
-    const int rc = m_bus.open(paras, QString::fromLatin1(kNotifierGuid));
-    if (m_bus.state() == kuvsdk::PluginEndpoint::ON_BUS && m_bus.listen(kAlertMessageType, m_receiver.get()) != 0) {
-        qWarning("notifier: cannot register for message type %lld", static_cast<long long>(kAlertMessageType));
-    }
-    page->setBus(m_bus.state(), m_bus.guidText(), rc);
-    return 0;
+    return m_plugin.open(paras, kNotifierGuid, kAlertMessageType,
+                         [](NotifierPage* page, const kuvsdk::BusMessage& m) { page->raiseAlert(parseAlert(m.body)); }, "notifier");
 }
 
 void NotifierPlugin::uninit()
 {
-    m_bus.close();
-    delete m_page.data();
-    m_receiver.reset();
+    m_plugin.close();
 }
 
 QString NotifierPlugin::title() const

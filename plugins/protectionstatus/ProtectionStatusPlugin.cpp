@@ -187,23 +187,13 @@ ProtectionStatusPlugin::~ProtectionStatusPlugin()
 
 int ProtectionStatusPlugin::init(const QVariant& paras)
 {
-    m_page = new ProtectionStatusPage();
-    ProtectionStatusPage* page = m_page;
-    m_receiver = std::make_unique<kuvsdk::GuiThreadReceiver>(
-        page, [page](const kuvsdk::BusMessage& m) { page->apply(m); });
-    const int rc = m_bus.open(paras, QString::fromLatin1(kProtectionStatusGuid));
-    if (m_bus.state() == kuvsdk::PluginEndpoint::ON_BUS && m_bus.listen(kStatusMessageType, m_receiver.get()) != 0) {
-        qWarning("protectionstatus: cannot register for message type %lld", static_cast<long long>(kStatusMessageType));
-    }
-    page->setBus(m_bus.state(), m_bus.guidText(), rc);
-    return 0;
+    return m_plugin.open(paras, kProtectionStatusGuid, kStatusMessageType,
+                         [](ProtectionStatusPage* page, const kuvsdk::BusMessage& m) { page->apply(m); }, "protectionstatus");
 }
 
 void ProtectionStatusPlugin::uninit()
 {
-    m_bus.close();
-    delete m_page.data();
-    m_receiver.reset();
+    m_plugin.close();
 }
 
 QString ProtectionStatusPlugin::title() const

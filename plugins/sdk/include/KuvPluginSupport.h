@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <utility>
 #include <vector>
 
 #include <QByteArray>
 #include <QDateTime>
 #include <QMetaObject>
+#include <QPointer>
 #include <QObject>
 #include <QRegularExpression>
 #include <QString>
@@ -211,6 +213,53 @@ private:
     State m_state = NO_ENDPOINT;
     QString m_guidText;
     std::vector<int64_t> m_types;
+};
+
+// The usual shape of a GUI plugin: one page, the plugin's own endpoint, and one message type whose
+// messages are handed to the page on its thread. Page needs a default constructor and
+// setBus(PluginEndpoint::State, const QString& guid, int error).
+template <typename Page>
+class PageOnBus {
+public:
+    using Handler = std::function<void(Page*, const BusMessage&)>;
+
+    PageOnBus() = default;
+    PageOnBus(const PageOnBus&) = delete;
+    PageOnBus& operator=(const PageOnBus&) = delete;
+    ~PageOnBus() { close(); }
+
+    // Builds the page and joins the bus; a refused or missing endpoint leaves the page working off the bus
+    // (it is told which). name only labels the warning when the type cannot be registered. Returns 0.
+    int open(const QVariant& paras, const char* fallbackGuid, int64_t type, Handler onMessage, const char* name)
+    {
+        close();
+        Page* page = new Page();
+        m_page = page;
+        m_receiver = std::make_unique<GuiThreadReceiver>(
+            page, [page, onMessage](const BusMessage& m) { onMessage(page, m); });
+        const int rc = m_bus.open(paras, QString::fromLatin1(fallbackGuid));
+        if (m_bus.state() == PluginEndpoint::ON_BUS && m_bus.listen(type, m_receiver.get()) != 0) {
+            qWarning("%s: cannot register for message type %lld", name, static_cast<long long>(type));
+        }
+        page->setBus(m_bus.state(), m_bus.guidText(), rc);
+        return 0;
+    }
+
+    // Leaves the bus first: after it no receiver runs, so the page can go.
+    void close()
+    {
+        m_bus.close();
+        delete m_page.data();
+        m_receiver.reset();
+    }
+
+    Page* page() const { return m_page; }
+    PluginEndpoint& bus() { return m_bus; }
+
+private:
+    PluginEndpoint m_bus;
+    std::unique_ptr<GuiThreadReceiver> m_receiver;
+    QPointer<Page> m_page;
 };
 
 } // namespace kuvsdk

@@ -1,0 +1,58 @@
+// Bus messages of the back end kuv-scand: message types, the back end's GUID and the JSON body keys.
+#pragma once
+
+#include <cstdint>
+
+// Every body is one compact JSON object in UTF-8. A path that is not valid UTF-8 travels as an object
+// {"b64": "<base64 of the exact bytes>"} wherever a path string may stand, so no name is ever changed.
+// Unknown keys are ignored; a body that cannot be used is answered with KUV_SCAN_MSG_ERROR.
+namespace kuvscan {
+
+// The back end's endpoint, one per user bus.
+constexpr const char* kScandGuid = "5CA4D0E1-7B2F-4E8A-9C31-0F6B2D8E4A17";
+
+// Caps on what the back end accepts in one request.
+constexpr int kMaxRequestBytes = 4 * 1024 * 1024;
+constexpr int kMaxRequestPaths = 100000;
+constexpr int kMaxJobIdBytes = 128;
+
+enum _KUV_SCAN_MSG : int64_t {
+    // client -> back end: {"job": "<client-chosen id>", "paths": [path, ...],
+    //   "options": {"report_clean": bool (default false), "max_file_size": bytes (0 = setting),
+    //               "scan_archives": bool, "quarantine": bool, "exclude": [path, ...]}}
+    // Jobs run one after another per back end; a request while one runs is queued, never lost.
+    KUV_SCAN_MSG_REQUEST = 4001,
+    // back end -> requester: {"job", "position": 0 running now / N waiting}
+    KUV_SCAN_MSG_ACCEPTED = 4002,
+    // back end -> requester, at most every 100 ms while a job runs:
+    // {"job", "state": "counting" | "scanning", "files_total": N (-1 while still counting),
+    //  "files_scanned", "bytes_scanned", "bytes_total" (-1 while counting), "threats", "current": path,
+    //  "elapsed_ms"}
+    KUV_SCAN_MSG_PROGRESS = 4003,
+    // back end -> requester, batched: {"job", "results": [{"path", "verdict", "signature", "reason"}]}
+    // verdict: "infected" | "clean" (only with report_clean) | "error" (reason: "permission denied",
+    // "vanished", ...) | "skipped" (reason: "fifo", "socket", "device", "excluded", ...) |
+    // "partial" (reason: "not fully scanned: <limit>") | "quarantined" | "deleted"
+    KUV_SCAN_MSG_RESULTS = 4004,
+    // back end -> requester, always the last message of a job:
+    // {"job", "state": "done" | "cancelled" | "failed", "reason", "files", "bytes", "infected", "errors",
+    //  "skipped", "partial", "duration_ms"}
+    KUV_SCAN_MSG_JOB_END = 4005,
+    // client -> back end: {"job"}; the job ends as "cancelled" within 200 ms (queued jobs at once).
+    KUV_SCAN_MSG_CANCEL = 4006,
+    // client -> back end: {} or {"subscribe": bool}; the answer is one KUV_SCAN_MSG_STATUS, and with
+    // subscribe true the sender receives every later status and event until it leaves the bus.
+    KUV_SCAN_MSG_STATUS_REQUEST = 4007,
+    // back end -> subscribers: {"state": "starting" | "ready" | "reloading" | "error" | "stopping",
+    //  "engine": "libclamav" | "clamd", "engine_version", "db_version", "signatures", "db_time" (unix s),
+    //  "db_dirs": [...], "db_error", "last_scan": {"job", "state", "end_time", "files", "infected"},
+    //  "jobs_running", "jobs_queued", "pid"}
+    KUV_SCAN_MSG_STATUS = 4008,
+    // back end -> subscribers: {"time" (unix ms), "kind": "detection" | "action" | "engine" | "job",
+    //  "severity": "info" | "warning" | "critical", "path", "signature", "action", "detail", "job"}
+    KUV_SCAN_MSG_EVENT = 4009,
+    // back end -> sender of a request it cannot use: {"request_type", "job" (when known), "error", "detail"}
+    KUV_SCAN_MSG_ERROR = 4010,
+};
+
+} // namespace kuvscan

@@ -17,7 +17,7 @@
 #include <sstream>
 
 #include "FileUtils.h"
-#include "ZellModule.h"
+#include "BusModule.h"
 #include "ZellWire.h"
 
 namespace kuvctl {
@@ -237,7 +237,7 @@ int runSend(const std::vector<std::string>& args)
         return usageError("the body is larger than 16 MiB", "send");
     }
 
-    ZellClient client;
+    kuv::BusModule client;
     if (!client.open(opt.socket, opt.verbose, error)) {
         fprintf(stderr, "kuvctl: %s\n", error.c_str());
         return kNotDelivered;
@@ -340,7 +340,7 @@ int runListen(const std::vector<std::string>& args)
     signal(SIGPIPE, SIG_IGN);
 
     std::string error;
-    ZellClient client;
+    kuv::BusModule client;
     if (!client.open(opt.socket, opt.verbose, error)) {
         fprintf(stderr, "kuvctl: %s\n", error.c_str());
         return kNotDelivered;

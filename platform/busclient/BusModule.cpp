@@ -1,4 +1,4 @@
-#include "ZellModule.h"
+#include "BusModule.h"
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -11,21 +11,21 @@
 
 #include "ConstConfig.h"
 
-namespace kuvctl {
+namespace kuv {
 
 namespace {
 
 void verboseLog(int level, const char* text, int)
 {
     static const char* const names[] = {"error", "warning", "info", "debug", "trace"};
-    fprintf(stderr, "kuvctl: bus %s: %s\n", names[level < 0 ? 0 : (level > 4 ? 4 : level)], text);
+    fprintf(stderr, "bus %s: %s\n", names[level < 0 ? 0 : (level > 4 ? 4 : level)], text);
 }
 
 } // namespace
 
-std::string ZellClient::modulePath() { return ConstConfig::singleInstance()->getInstallDir() + "lib/modules/libZellClientMgr.so"; }
+std::string BusModule::modulePath() { return ConstConfig::singleInstance()->getInstallDir() + "lib/modules/libZellClientMgr.so"; }
 
-bool ZellClient::open(const std::string& socketAddr, bool verbose, std::string& error)
+bool BusModule::open(const std::string& socketAddr, bool verbose, std::string& error, const std::string& name)
 {
     const std::string path = modulePath();
     m_handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -40,7 +40,7 @@ bool ZellClient::open(const std::string& socketAddr, bool verbose, std::string& 
         error = path + " does not export CreateInstance and DestoryInstance";
         return false;
     }
-    m_instance = "kuvctl-" + std::to_string(getpid());
+    m_instance = name + "-" + std::to_string(getpid());
     m_mgr = create(m_instance.c_str());
     if (m_mgr == nullptr) {
         error = "the bus module refused to create a client";
@@ -56,7 +56,7 @@ bool ZellClient::open(const std::string& socketAddr, bool verbose, std::string& 
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "";
     const std::string text = Json::writeString(writer, settings);
-    const int rc = m_mgr->init(text.c_str(), "kuvctl");
+    const int rc = m_mgr->init(text.c_str(), name.c_str());
     if (rc != 0) {
         error = "the bus module refused its settings (" + std::to_string(rc) + "); is the runtime directory usable?";
         return false;
@@ -64,7 +64,7 @@ bool ZellClient::open(const std::string& socketAddr, bool verbose, std::string& 
     return true;
 }
 
-bool ZellClient::waitConnected(int timeoutMs)
+bool BusModule::waitConnected(int timeoutMs)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (m_mgr->isConnected() != 1) {
@@ -76,7 +76,7 @@ bool ZellClient::waitConnected(int timeoutMs)
     return true;
 }
 
-ZellClient::~ZellClient()
+BusModule::~BusModule()
 {
     if (m_mgr != nullptr) {
         m_mgr->stop();
@@ -88,4 +88,4 @@ ZellClient::~ZellClient()
     }
 }
 
-} // namespace kuvctl
+} // namespace kuv

@@ -26,8 +26,8 @@ void clamMessage(enum cl_msg severity, const char* fullmsg, const char* msg, voi
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) {
         text.pop_back();
     }
-    if (severity == CL_MSG_ERROR) {
-        t_lastClamMessage = text;
+    if (severity == CL_MSG_ERROR && t_lastClamMessage.size() < 512) {
+        t_lastClamMessage += (t_lastClamMessage.empty() ? "" : "; ") + text;
     }
     std::lock_guard<std::mutex> lock(g_sinkMutex);
     if (g_sink) {

@@ -256,7 +256,10 @@ ScanResult ClamEngine::scanFd(int fd, const std::string& path, const ScanLimits&
         result.reason = std::string("engine: ") + strerror(errno);
         return result;
     }
-    if (limits.maxFileSize != 0 && static_cast<uint64_t>(st.st_size) > limits.maxFileSize) {
+    // libclamav passes over a file above its size limit in silence; here that is never "clean".
+    const uint64_t maxSize = limits.maxFileSize != 0 ? std::min(limits.maxFileSize, m_settings.maxFileSize)
+                                                     : m_settings.maxFileSize;
+    if (maxSize != 0 && static_cast<uint64_t>(st.st_size) > maxSize) {
         result.verdict = Verdict::Partial;
         result.reason = "not fully scanned: MaxFileSize";
         return result;

@@ -137,6 +137,12 @@ bool JobManager::cancel(const std::string& jobId)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_running && m_running->request.job == jobId) {
+            {
+                std::lock_guard<std::mutex> jobLock(m_running->mutex);
+                if (m_running->ended) {
+                    return false; // its end went out already
+                }
+            }
             m_running->requestEnd("cancelled", std::string(), false);
             m_spaceCv.notify_all();
             return true;

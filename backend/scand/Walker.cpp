@@ -166,7 +166,9 @@ bool Walker::walkDir(const std::string& root, const Visit& visit)
         }
         const std::string dir = std::move(stack.back());
         stack.pop_back();
-        kuv::UniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
+        // The root was named by the user and may be a link; nothing below it is followed.
+        const int follow = dir.size() == root.size() && dir == root ? 0 : O_NOFOLLOW;
+        kuv::UniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | follow | O_CLOEXEC | O_NOCTTY));
         if (!fd.valid()) {
             WalkEntry entry;
             entry.path = dir;

@@ -106,6 +106,15 @@ bool Walker::walk(const std::vector<std::string>& roots, const Visit& visit)
         }
         WalkEntry entry;
         entry.path = root;
+        if (root.empty() || root[0] != '/') {
+            // The back end has no working directory of the requester's to resolve it against.
+            entry.kind = WalkEntry::Kind::Error;
+            entry.reason = "not an absolute path";
+            if (!visit(std::move(entry))) {
+                return false;
+            }
+            continue;
+        }
         if (excluded(root)) {
             entry.kind = WalkEntry::Kind::Skipped;
             entry.reason = "excluded";

@@ -97,7 +97,7 @@ TEST(Walker, RootsNamedByTheUser)
     t.file("d/inside");
     ASSERT_EQ(symlink((t.root + "/d").c_str(), (t.root + "/named-link").c_str()), 0);
     auto seen = walkAll({t.root + "/f", t.root + "/named-link/", t.root + "/missing", "/proc", "/proc/self/status",
-                         "/dev/null"});
+                         "/dev/null", "relative/name"});
     EXPECT_EQ(seen.at(t.root + "/f").kind, WalkEntry::Kind::Regular);
     EXPECT_EQ(seen.at(t.root + "/named-link/inside").kind, WalkEntry::Kind::Regular)
         << "a link named as a root is followed once";
@@ -106,7 +106,8 @@ TEST(Walker, RootsNamedByTheUser)
     EXPECT_EQ(seen.at("/proc").reason, "virtual file system");
     EXPECT_EQ(seen.at("/proc/self/status").reason, "virtual file system");
     EXPECT_EQ(seen.at("/dev/null").kind, WalkEntry::Kind::Skipped);
-    EXPECT_EQ(seen.size(), 6u);
+    EXPECT_EQ(seen.at("relative/name").reason, "not an absolute path");
+    EXPECT_EQ(seen.size(), 7u);
 }
 
 TEST(Walker, ExcludedSubtreesAndUnreadableFolders)

@@ -288,18 +288,26 @@ private:
         return true;
     }
 
+    static Io sendFailure()
+    {
+        if (errno == ETIMEDOUT) {
+            return Io::TimedOut;
+        }
+        return errno == EPIPE || errno == ECONNRESET ? Io::Closed : Io::Failed;
+    }
+
     // Sends name (with its NUL) and, for FILDES, the descriptor in a packet of its own; then reads one
     // NUL-terminated answer, without the session prefix.
     Io command(Conn& conn, const std::string& name, int passFd, Clock::time_point deadline,
                const std::atomic<bool>* cancel, std::string& reply) const
     {
         if (!sendAll(conn.fd.get(), name.c_str(), name.size() + 1, -1)) {
-            return errno == ETIMEDOUT ? Io::TimedOut : Io::Failed;
+            return sendFailure();
         }
         if (passFd >= 0) {
             static const char kDummy[1] = {'\0'};
             if (!sendAll(conn.fd.get(), kDummy, 1, passFd)) {
-                return errno == ETIMEDOUT ? Io::TimedOut : Io::Failed;
+                return sendFailure();
             }
         }
         const unsigned id = conn.nextId++;
@@ -332,7 +340,7 @@ private:
                 if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) {
                     continue;
                 }
-                return Io::Failed;
+                return errno == ECONNRESET ? Io::Closed : Io::Failed;
             }
             const void* nul = std::memchr(buf, '\0', static_cast<size_t>(n));
             const size_t take = nul != nullptr ? static_cast<size_t>(static_cast<const char*>(nul) - buf) + 1

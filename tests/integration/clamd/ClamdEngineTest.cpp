@@ -2,6 +2,7 @@
 // and against a small in-process fake for the answers a healthy clamd never gives (stalls, junk).
 #include <fcntl.h>
 #include <poll.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -71,24 +72,35 @@ UniqueFd openRead(const std::string& path)
 }
 
 // A clamd of our own: private config, socket, database, pid and log file in a temporary directory.
+// Started by root, it runs as "nobody", like a system clamd that does not share the user's rights.
 class RealClamd {
 public:
     RealClamd() : m_dir("kuvclamd")
     {
         const std::string d = m_dir.path();
-        ::mkdir((d + "/db").c_str(), 0700);
+        const passwd* nobody = ::geteuid() == 0 ? ::getpwnam("nobody") : nullptr;
+        m_otherUser = nobody != nullptr;
+        // clamd binds its socket and writes its log after giving up root.
+        ::mkdir((d + "/run").c_str(), 0700);
+        if (m_otherUser) {
+            EXPECT_EQ(::chmod(d.c_str(), 0755), 0);
+            EXPECT_EQ(::chown((d + "/run").c_str(), nobody->pw_uid, nobody->pw_gid), 0);
+        }
+        ::mkdir((d + "/db").c_str(), 0755);
         kuvtest::writeFile(d + "/db/kuvtest.ndb", "Kuv.Test.EICAR:0:*:" + hex(eicar()) + "\n");
+        ::chmod((d + "/db/kuvtest.ndb").c_str(), 0644);
         kuvtest::writeFile(d + "/clamd.conf",
                            "Foreground yes\n"
                            "LocalSocket " + socket() + "\n"
                            "DatabaseDirectory " + d + "/db\n"
-                           "PidFile " + d + "/clamd.pid\n"
-                           "LogFile " + d + "/clamd.log\n"
-                           "TemporaryDirectory " + d + "\n"
+                           "PidFile " + d + "/run/clamd.pid\n"
+                           "LogFile " + d + "/run/clamd.log\n"
+                           "TemporaryDirectory " + d + "/run\n"
                            "Bytecode no\n"
                            "MaxFileSize 1M\n"
                            "AlertExceedsMax yes\n"
-                           "MaxThreads 4\n");
+                           "MaxThreads 4\n" +
+                           (m_otherUser ? "User nobody\n" : ""));
         start();
     }
     ~RealClamd() { stop(); }
@@ -99,7 +111,7 @@ public:
             std::vector<std::string>{clamdBinary(), "-c", m_dir.path() + "/clamd.conf"});
         const bool up = kuvtest::waitUntil([&] { return canConnect(socket()); }, 60000, 20);
         ASSERT_TRUE(up) << "clamd did not come up; log:\n"
-                        << kuvtest::readFile(m_dir.path() + "/clamd.log") << m_proc->err();
+                        << kuvtest::readFile(m_dir.path() + "/run/clamd.log") << m_proc->err();
     }
     void stop()
     {
@@ -113,7 +125,8 @@ public:
         }
         ::unlink(socket().c_str());
     }
-    std::string socket() const { return m_dir.path() + "/clamd.sock"; }
+    std::string socket() const { return m_dir.path() + "/run/clamd.sock"; }
+    bool otherUser() const { return m_otherUser; }
     std::string file(const std::string& name, const std::string& content) const
     {
         const std::string p = m_dir.path() + "/" + name;
@@ -123,8 +136,31 @@ public:
 
 private:
     kuvtest::TempDir m_dir;
+    bool m_otherUser = false;
     std::unique_ptr<kuvtest::Process> m_proc;
 };
+
+// One command on a connection of its own, answer up to the NUL (or EOF).
+std::string rawCommand(const std::string& sock, const std::string& command)
+{
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, sock.c_str(), sizeof addr.sun_path - 1);
+    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        return "connect failed";
+    }
+    const std::string z = command + std::string(1, '\0');
+    if (::send(fd.get(), z.data(), z.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(z.size())) {
+        return "send failed";
+    }
+    std::string out;
+    char c;
+    while (out.size() < 4096 && ::recv(fd.get(), &c, 1, 0) == 1 && c != '\0') {
+        out += c;
+    }
+    return out;
+}
 
 std::unique_ptr<IScanEngine> engineFor(const std::string& sock, const ClamdOptions& opt = ClamdOptions())
 {
@@ -233,6 +269,26 @@ TEST_P(ClamdReal, ScansByDescriptorWhatClamdCannotOpenByPath)
     const std::string path = m_clamd.file("gone.com", "prefix " + eicar() + " suffix");
     UniqueFd fd = openRead(path);
     ASSERT_EQ(::unlink(path.c_str()), 0);
+    const ScanResult r = engine->scanFd(fd.get(), path, ScanLimits(), nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Infected) << r.reason;
+}
+
+TEST_P(ClamdReal, ScansByDescriptorInAFolderClamdCannotEnter)
+{
+    if (!m_clamd.otherUser()) {
+        GTEST_SKIP() << "clamd runs as this user here; only root can start it as another";
+    }
+    kuvtest::TempDir mine("kuvprivate"); // 0700, ours
+    const std::string path = mine.path() + "/inside.com";
+    kuvtest::writeFile(path, eicar());
+    // clamd itself is refused by path...
+    const std::string byPath = rawCommand(m_clamd.socket(), "zSCAN " + path);
+    EXPECT_NE(byPath.find("ERROR"), std::string::npos) << byPath;
+    EXPECT_EQ(byPath.find("FOUND"), std::string::npos) << byPath;
+    // ...and reads the file through the descriptor we opened.
+    auto engine = engineFor(m_clamd.socket(), options());
+    ASSERT_TRUE(engine);
+    UniqueFd fd = openRead(path);
     const ScanResult r = engine->scanFd(fd.get(), path, ScanLimits(), nullptr);
     EXPECT_EQ(r.verdict, Verdict::Infected) << r.reason;
 }

@@ -35,6 +35,7 @@
 #include "BusModule.h"
 #include "CLogDebug.h"
 #include "ClamEngine.h"
+#include "ClamdEngine.h"
 #include "ConstConfig.h"
 #include "FileUtils.h"
 #include "Jobs.h"
@@ -44,11 +45,6 @@
 #include "Settings.h"
 #include "UniqueFd.h"
 #include "ZellWire.h"
-
-#if __has_include("ClamdEngine.h")
-#include "ClamdEngine.h"
-#define KUV_HAVE_CLAMD 1
-#endif
 
 namespace {
 
@@ -201,13 +197,8 @@ bool Service::makeEngine(std::string& error)
     if (m_settings.engine == "clamd") {
         // The one place where the clamd engine is chosen: files go to the system's clamd by descriptor
         // passing instead of a libclamav engine of our own.
-#ifdef KUV_HAVE_CLAMD
         m_engine = kuv::scan::makeClamdEngine(m_settings.clamdSocket, error);
         return m_engine != nullptr;
-#else
-        error = "the clamd engine is not part of this build";
-        return false;
-#endif
     }
     kuv::scan::ClamSettings clam;
     if (!m_settings.systemDbDir.empty()) {

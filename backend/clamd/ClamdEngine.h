@@ -1,0 +1,28 @@
+// A scan engine that hands open files to the system's clamd over its Unix socket (descriptor passing).
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "ScanEngine.h"
+
+namespace kuv {
+namespace scan {
+
+struct ClamdOptions {
+    int connectTimeoutMs = 5000;  // connecting and the first answer of the version check
+    int scanTimeoutMs = 180000;   // longest wait for the verdict on one file
+    int idleReuseMs = 10000;      // a pooled session idle for longer is closed, not reused
+    unsigned maxPooled = 16;      // idle sessions kept open for reuse
+    bool sessions = true;         // reuse connections with IDSESSION; false: one connection per file
+};
+
+// ScanLimits::maxFileSize is applied before sending; archive handling and every other limit are
+// clamd's own configuration (it reports limits it hit when AlertExceedsMax is on).
+// Null and error set when clamd cannot be reached at socketPath or does not answer like clamd.
+std::unique_ptr<IScanEngine> makeClamdEngine(const std::string& socketPath, std::string& error);
+std::unique_ptr<IScanEngine> makeClamdEngine(const std::string& socketPath, const ClamdOptions& options,
+                                             std::string& error);
+
+} // namespace scan
+} // namespace kuv

@@ -1,0 +1,570 @@
+// The clamd engine against a real clamd started on a private socket with a test database written here,
+// and against a small in-process fake for the answers a healthy clamd never gives (stalls, junk).
+#include <fcntl.h>
+#include <poll.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ClamdEngine.h"
+#include "ClamdReply.h"
+#include "Harness.h"
+#include "UniqueFd.h"
+
+using namespace kuv::scan;
+using kuv::UniqueFd;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// Built at run time so that no file of the project is itself the test file.
+std::string eicar()
+{
+    return std::string("X5O!P%@AP[4\\PZX54(P^)7CC)7}$") + "EICAR-STANDARD-" + "ANTIVIRUS-TEST-FILE!$H+H*";
+}
+
+std::string hex(const std::string& s)
+{
+    static const char* d = "0123456789abcdef";
+    std::string out;
+    for (const unsigned char c : s) {
+        out += d[c >> 4];
+        out += d[c & 15];
+    }
+    return out;
+}
+
+std::string clamdBinary()
+{
+    const char* p = getenv("KUV_CLAMD");
+    return p && *p ? p : "/usr/sbin/clamd";
+}
+
+bool canConnect(const std::string& path)
+{
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    return ::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+}
+
+UniqueFd openRead(const std::string& path)
+{
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(fd.valid()) << path << ": " << strerror(errno);
+    return fd;
+}
+
+// A clamd of our own: private config, socket, database, pid and log file in a temporary directory.
+// Started by root, it runs as "nobody", like a system clamd that does not share the user's rights.
+class RealClamd {
+public:
+    RealClamd() : m_dir("kuvclamd")
+    {
+        const std::string d = m_dir.path();
+        const passwd* nobody = ::geteuid() == 0 ? ::getpwnam("nobody") : nullptr;
+        m_otherUser = nobody != nullptr;
+        // clamd binds its socket and writes its log after giving up root.
+        ::mkdir((d + "/run").c_str(), 0700);
+        if (m_otherUser) {
+            EXPECT_EQ(::chmod(d.c_str(), 0755), 0);
+            EXPECT_EQ(::chown((d + "/run").c_str(), nobody->pw_uid, nobody->pw_gid), 0);
+        }
+        ::mkdir((d + "/db").c_str(), 0755);
+        kuvtest::writeFile(d + "/db/kuvtest.ndb", "Kuv.Test.EICAR:0:*:" + hex(eicar()) + "\n");
+        ::chmod((d + "/db/kuvtest.ndb").c_str(), 0644);
+        kuvtest::writeFile(d + "/clamd.conf",
+                           "Foreground yes\n"
+                           "LocalSocket " + socket() + "\n"
+                           "DatabaseDirectory " + d + "/db\n"
+                           "PidFile " + d + "/run/clamd.pid\n"
+                           "LogFile " + d + "/run/clamd.log\n"
+                           "TemporaryDirectory " + d + "/run\n"
+                           "Bytecode no\n"
+                           "MaxFileSize 1M\n"
+                           "AlertExceedsMax yes\n"
+                           "MaxThreads 4\n" +
+                           (m_otherUser ? "User nobody\n" : ""));
+        start();
+    }
+    ~RealClamd() { stop(); }
+
+    void start()
+    {
+        m_proc = std::make_unique<kuvtest::Process>(
+            std::vector<std::string>{clamdBinary(), "-c", m_dir.path() + "/clamd.conf"});
+        const bool up = kuvtest::waitUntil([&] { return canConnect(socket()); }, 60000, 20);
+        ASSERT_TRUE(up) << "clamd did not come up; log:\n"
+                        << kuvtest::readFile(m_dir.path() + "/run/clamd.log") << m_proc->err();
+    }
+    void stop()
+    {
+        if (m_proc) {
+            m_proc->signal(SIGTERM);
+            if (!m_proc->wait(20000)) {
+                m_proc->signal(SIGKILL);
+                m_proc->wait(10000);
+            }
+            m_proc.reset();
+        }
+        ::unlink(socket().c_str());
+    }
+    std::string socket() const { return m_dir.path() + "/run/clamd.sock"; }
+    bool otherUser() const { return m_otherUser; }
+    std::string file(const std::string& name, const std::string& content) const
+    {
+        const std::string p = m_dir.path() + "/" + name;
+        kuvtest::writeFile(p, content);
+        return p;
+    }
+
+private:
+    kuvtest::TempDir m_dir;
+    bool m_otherUser = false;
+    std::unique_ptr<kuvtest::Process> m_proc;
+};
+
+// One command on a connection of its own, answer up to the NUL (or EOF).
+std::string rawCommand(const std::string& sock, const std::string& command)
+{
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, sock.c_str(), sizeof addr.sun_path - 1);
+    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        return "connect failed";
+    }
+    const std::string z = command + std::string(1, '\0');
+    if (::send(fd.get(), z.data(), z.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(z.size())) {
+        return "send failed";
+    }
+    std::string out;
+    char c;
+    while (out.size() < 4096 && ::recv(fd.get(), &c, 1, 0) == 1 && c != '\0') {
+        out += c;
+    }
+    return out;
+}
+
+std::unique_ptr<IScanEngine> engineFor(const std::string& sock, const ClamdOptions& opt = ClamdOptions())
+{
+    std::string error;
+    auto engine = makeClamdEngine(sock, opt, error);
+    EXPECT_TRUE(engine) << error;
+    return engine;
+}
+
+} // namespace
+
+// ---- answers ----
+
+TEST(ClamdReply, Verdicts)
+{
+    ScanResult r = clamd::parseScanReply("fd[11]: OK");
+    EXPECT_EQ(r.verdict, Verdict::Clean);
+    r = clamd::parseScanReply("fd[11]: Kuv.Test.EICAR.UNOFFICIAL FOUND");
+    EXPECT_EQ(r.verdict, Verdict::Infected);
+    EXPECT_EQ(r.signature, "Kuv.Test.EICAR.UNOFFICIAL");
+    r = clamd::parseScanReply("fd[11]: Heuristics.Limits.Exceeded.MaxScanSize FOUND");
+    EXPECT_EQ(r.verdict, Verdict::Partial);
+    EXPECT_EQ(r.reason, "not fully scanned: MaxScanSize");
+    r = clamd::parseScanReply("fd[11]: lstat() failed: No such file ERROR");
+    EXPECT_EQ(r.verdict, Verdict::Error);
+    EXPECT_EQ(r.reason, "engine: clamd: lstat() failed: No such file");
+    r = clamd::parseScanReply("UNKNOWN COMMAND");
+    EXPECT_EQ(r.verdict, Verdict::Error);
+    r = clamd::parseScanReply("fd[11]:  FOUND");
+    EXPECT_EQ(r.verdict, Verdict::Error);
+    r = clamd::parseScanReply("fd[11]: two words FOUND");
+    EXPECT_EQ(r.verdict, Verdict::Error);
+    r = clamd::parseScanReply("fd[11: OK");
+    EXPECT_EQ(r.verdict, Verdict::Error);
+    r = clamd::parseScanReply(std::string("fd[1]: \x01\xff OK", 13));
+    EXPECT_EQ(r.verdict, Verdict::Error);
+    EXPECT_EQ(r.reason.find('\x01'), std::string::npos);
+    r = clamd::parseScanReply("");
+    EXPECT_EQ(r.verdict, Verdict::Error);
+}
+
+TEST(ClamdReply, SessionPrefixAndVersion)
+{
+    std::string s = "3: fd[9]: OK";
+    EXPECT_TRUE(clamd::stripSessionId(s, 3));
+    EXPECT_EQ(s, "fd[9]: OK");
+    s = "4: fd[9]: OK";
+    EXPECT_FALSE(clamd::stripSessionId(s, 3));
+    s = "fd[9]: OK";
+    EXPECT_FALSE(clamd::stripSessionId(s, 1));
+
+    clamd::VersionInfo v;
+    ASSERT_TRUE(clamd::parseVersion("ClamAV 1.4.6", v));
+    EXPECT_EQ(v.engineVersion, "1.4.6");
+    EXPECT_EQ(v.dbVersion, "");
+    EXPECT_EQ(v.dbTime, 0);
+    ASSERT_TRUE(clamd::parseVersion("ClamAV 1.4.6/27100/Sun Nov 22 09:00:00 2026", v));
+    EXPECT_EQ(v.dbVersion, "27100");
+    EXPECT_GT(v.dbTime, 1700000000);
+    EXPECT_FALSE(clamd::parseVersion("hello", v));
+    EXPECT_FALSE(clamd::parseVersion("ClamAV 1.0/x7/", v));
+}
+
+// ---- a real clamd ----
+
+class ClamdReal : public ::testing::TestWithParam<bool> {
+protected:
+    ClamdOptions options() const
+    {
+        ClamdOptions o;
+        o.sessions = GetParam();
+        return o;
+    }
+    RealClamd m_clamd;
+};
+
+TEST_P(ClamdReal, InfoAndVerdicts)
+{
+    auto engine = engineFor(m_clamd.socket(), options());
+    ASSERT_TRUE(engine);
+    const EngineInfo info = engine->info();
+    EXPECT_EQ(info.engine, "clamd");
+    EXPECT_TRUE(std::regex_match(info.engineVersion, std::regex("[0-9]+\\.[0-9]+.*"))) << info.engineVersion;
+    EXPECT_EQ(info.dbError, "");
+
+    UniqueFd bad = openRead(m_clamd.file("eicar.com", eicar()));
+    ScanResult r = engine->scanFd(bad.get(), "eicar.com", ScanLimits(), nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Infected) << r.reason;
+    EXPECT_EQ(r.signature.rfind("Kuv.Test.EICAR", 0), 0u) << r.signature;
+
+    const std::string text = "just some text\n";
+    UniqueFd good = openRead(m_clamd.file("clean.txt", text));
+    r = engine->scanFd(good.get(), "clean.txt", ScanLimits(), nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Clean) << r.reason;
+    EXPECT_EQ(r.bytesScanned, text.size());
+
+    // The same session again, and the infected file once more after the clean one.
+    r = engine->scanFd(bad.get(), "eicar.com", ScanLimits(), nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Infected) << r.reason;
+}
+
+TEST_P(ClamdReal, ScansByDescriptorWhatClamdCannotOpenByPath)
+{
+    auto engine = engineFor(m_clamd.socket(), options());
+    ASSERT_TRUE(engine);
+    const std::string path = m_clamd.file("gone.com", "prefix " + eicar() + " suffix");
+    UniqueFd fd = openRead(path);
+    ASSERT_EQ(::unlink(path.c_str()), 0);
+    const ScanResult r = engine->scanFd(fd.get(), path, ScanLimits(), nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Infected) << r.reason;
+}
+
+TEST_P(ClamdReal, ScansByDescriptorInAFolderClamdCannotEnter)
+{
+    if (!m_clamd.otherUser()) {
+        GTEST_SKIP() << "clamd runs as this user here; only root can start it as another";
+    }
+    kuvtest::TempDir mine("kuvprivate"); // 0700, ours
+    const std::string path = mine.path() + "/inside.com";
+    kuvtest::writeFile(path, eicar());
+    // clamd itself is refused by path...
+    const std::string byPath = rawCommand(m_clamd.socket(), "zSCAN " + path);
+    EXPECT_NE(byPath.find("ERROR"), std::string::npos) << byPath;
+    EXPECT_EQ(byPath.find("FOUND"), std::string::npos) << byPath;
+    // ...and reads the file through the descriptor we opened.
+    auto engine = engineFor(m_clamd.socket(), options());
+    ASSERT_TRUE(engine);
+    UniqueFd fd = openRead(path);
+    const ScanResult r = engine->scanFd(fd.get(), path, ScanLimits(), nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Infected) << r.reason;
+}
+
+TEST_P(ClamdReal, LimitsAreReportedAsPartial)
+{
+    auto engine = engineFor(m_clamd.socket(), options());
+    ASSERT_TRUE(engine);
+    // Over clamd's own MaxFileSize (1M in its config).
+    UniqueFd big = openRead(m_clamd.file("big.bin", std::string(2 * 1024 * 1024, 'A')));
+    ScanResult r = engine->scanFd(big.get(), "big.bin", ScanLimits(), nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Partial);
+    EXPECT_EQ(r.reason, "not fully scanned: MaxFileSize");
+    // Over the job's own size limit.
+    UniqueFd small = openRead(m_clamd.file("small.txt", "0123456789abcdef"));
+    ScanLimits limits;
+    limits.maxFileSize = 10;
+    r = engine->scanFd(small.get(), "small.txt", limits, nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Partial);
+    EXPECT_EQ(r.reason, "not fully scanned: MaxFileSize");
+}
+
+TEST_P(ClamdReal, ManyThreadsAtOnce)
+{
+    auto engine = engineFor(m_clamd.socket(), options());
+    ASSERT_TRUE(engine);
+    const std::string bad = m_clamd.file("eicar.com", eicar());
+    const std::string good = m_clamd.file("clean.txt", "nothing to see\n");
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 40; ++i) {
+                const bool infected = (i + t) % 3 == 0;
+                UniqueFd fd(::open((infected ? bad : good).c_str(), O_RDONLY | O_CLOEXEC));
+                const ScanResult r = engine->scanFd(fd.get(), "f", ScanLimits(), nullptr);
+                if (r.verdict != (infected ? Verdict::Infected : Verdict::Clean)) {
+                    ++wrong;
+                }
+            }
+        });
+    }
+    for (auto& th : threads) {
+        th.join();
+    }
+    EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST_P(ClamdReal, RestartedClamdAndGoneClamd)
+{
+    auto engine = engineFor(m_clamd.socket(), options());
+    ASSERT_TRUE(engine);
+    UniqueFd bad = openRead(m_clamd.file("eicar.com", eicar()));
+    EXPECT_EQ(engine->scanFd(bad.get(), "e", ScanLimits(), nullptr).verdict, Verdict::Infected);
+
+    // Pooled sessions now point at a clamd that is gone; the next one must connect afresh.
+    m_clamd.stop();
+    m_clamd.start();
+    ScanResult r = engine->scanFd(bad.get(), "e", ScanLimits(), nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Infected) << r.reason;
+
+    m_clamd.stop();
+    auto pending = std::async(std::launch::async, [&] { return engine->scanFd(bad.get(), "e", ScanLimits(), nullptr); });
+    ASSERT_EQ(pending.wait_for(std::chrono::seconds(30)), std::future_status::ready) << "scan hangs without clamd";
+    r = pending.get();
+    EXPECT_EQ(r.verdict, Verdict::Error);
+    EXPECT_NE(r.reason.find("clamd unavailable"), std::string::npos) << r.reason;
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, ClamdReal, ::testing::Values(true, false),
+                         [](const ::testing::TestParamInfo<bool>& i) { return i.param ? "Sessions" : "PerFile"; });
+
+TEST(ClamdFactory, NoClamd)
+{
+    kuvtest::TempDir dir("kuvclamd");
+    std::string error;
+    auto engine = makeClamdEngine(dir.path() + "/none.sock", error);
+    EXPECT_FALSE(engine);
+    EXPECT_NE(error.find("none.sock"), std::string::npos) << error;
+}
+
+// ---- a fake clamd for the answers a healthy one never gives ----
+
+namespace {
+
+enum class FakeMode { NotClamd, Stall, LongReply, Junk, CloseAfterFd };
+
+// Serves one connection at a time on a private socket until destroyed.
+class FakeClamd {
+public:
+    explicit FakeClamd(FakeMode mode) : m_dir("kuvfake"), m_mode(mode)
+    {
+        int p[2];
+        if (::pipe2(p, O_CLOEXEC) != 0) {
+            throw std::runtime_error("pipe");
+        }
+        m_stopRead.reset(p[0]);
+        m_stopWrite.reset(p[1]);
+        m_listen.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, socket().c_str(), sizeof addr.sun_path - 1);
+        if (::bind(m_listen.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+            ::listen(m_listen.get(), 8) != 0) {
+            throw std::runtime_error("bind");
+        }
+        m_thread = std::thread([this] { serve(); });
+    }
+    ~FakeClamd()
+    {
+        const char c = 'x';
+        (void)!::write(m_stopWrite.get(), &c, 1);
+        m_thread.join();
+    }
+    std::string socket() const { return m_dir.path() + "/fake.sock"; }
+
+private:
+    bool waitReadable(int fd)
+    {
+        pollfd p[2] = {{fd, POLLIN, 0}, {m_stopRead.get(), POLLIN, 0}};
+        while (::poll(p, 2, -1) < 0) {
+        }
+        return (p[1].revents & POLLIN) == 0;
+    }
+    void serve()
+    {
+        while (waitReadable(m_listen.get())) {
+            UniqueFd conn(::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            if (conn.valid()) {
+                handle(conn.get());
+            }
+        }
+    }
+    static void sendText(int fd, const std::string& s) { ::send(fd, s.data(), s.size(), MSG_NOSIGNAL); }
+    void handle(int fd)
+    {
+        bool session = false;
+        unsigned id = 0;
+        std::string pending;
+        while (waitReadable(fd)) {
+            char buf[256];
+            alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))];
+            iovec iov = {buf, sizeof buf};
+            msghdr msg = {};
+            msg.msg_iov = &iov;
+            msg.msg_iovlen = 1;
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof control;
+            const ssize_t n = ::recvmsg(fd, &msg, MSG_CMSG_CLOEXEC);
+            if (n <= 0) {
+                return;
+            }
+            for (cmsghdr* cm = CMSG_FIRSTHDR(&msg); cm; cm = CMSG_NXTHDR(&msg, cm)) {
+                if (cm->cmsg_level == SOL_SOCKET && cm->cmsg_type == SCM_RIGHTS) {
+                    const size_t count = (cm->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+                    for (size_t i = 0; i < count; ++i) {
+                        int passed;
+                        std::memcpy(&passed, CMSG_DATA(cm) + i * sizeof(int), sizeof passed);
+                        ::close(passed);
+                    }
+                }
+            }
+            pending.append(buf, static_cast<size_t>(n));
+            size_t nul;
+            while ((nul = pending.find('\0')) != std::string::npos) {
+                const std::string cmd = pending.substr(0, nul);
+                pending.erase(0, nul + 1);
+                if (cmd.empty()) {
+                    continue;
+                }
+                if (cmd == "zIDSESSION") {
+                    session = true;
+                    continue;
+                }
+                const std::string prefix = session ? std::to_string(++id) + ": " : "";
+                if (cmd == "zVERSION") {
+                    sendText(fd, prefix + (m_mode == FakeMode::NotClamd ? "hello" : "ClamAV 9.9.9") +
+                                     std::string(1, '\0'));
+                } else if (cmd == "zFILDES") {
+                    switch (m_mode) {
+                    case FakeMode::Stall:
+                    case FakeMode::NotClamd:
+                        break;
+                    case FakeMode::LongReply:
+                        sendText(fd, prefix + std::string(20000, 'x'));
+                        break;
+                    case FakeMode::Junk:
+                        sendText(fd, prefix + "fd[3]: something odd" + std::string(1, '\0'));
+                        break;
+                    case FakeMode::CloseAfterFd:
+                        return;
+                    }
+                }
+                if (!session && m_mode != FakeMode::Stall) {
+                    return;
+                }
+            }
+        }
+    }
+
+    kuvtest::TempDir m_dir;
+    FakeMode m_mode;
+    UniqueFd m_listen, m_stopRead, m_stopWrite;
+    std::thread m_thread;
+};
+
+ScanResult scanVia(const std::string& sock, const ClamdOptions& opt, const std::atomic<bool>* cancel)
+{
+    auto engine = engineFor(sock, opt);
+    if (!engine) {
+        return ScanResult();
+    }
+    UniqueFd fd(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+    return engine->scanFd(fd.get(), "exe", ScanLimits(), cancel);
+}
+
+} // namespace
+
+TEST(ClamdFake, RefusesWhatIsNotClamd)
+{
+    FakeClamd fake(FakeMode::NotClamd);
+    std::string error;
+    EXPECT_FALSE(makeClamdEngine(fake.socket(), error));
+    EXPECT_NE(error.find("not a clamd"), std::string::npos) << error;
+}
+
+TEST(ClamdFake, CancelStopsTheWait)
+{
+    FakeClamd fake(FakeMode::Stall);
+    std::atomic<bool> cancel{false};
+    const auto start = Clock::now();
+    auto pending = std::async(std::launch::async, [&] { return scanVia(fake.socket(), ClamdOptions(), &cancel); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(pending.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+    cancel = true;
+    ASSERT_EQ(pending.wait_for(std::chrono::seconds(20)), std::future_status::ready) << "cancel ignored";
+    const ScanResult r = pending.get();
+    EXPECT_EQ(r.verdict, Verdict::Error);
+    EXPECT_EQ(r.reason, "cancelled");
+    // Well inside the default scan timeout: it was the flag, not the timeout, that ended the wait.
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(60));
+
+    std::atomic<bool> already{true};
+    EXPECT_EQ(scanVia(fake.socket(), ClamdOptions(), &already).reason, "cancelled");
+}
+
+TEST(ClamdFake, SilenceTimesOut)
+{
+    FakeClamd fake(FakeMode::Stall);
+    ClamdOptions opt;
+    opt.scanTimeoutMs = 300;
+    const ScanResult r = scanVia(fake.socket(), opt, nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Error);
+    EXPECT_NE(r.reason.find("did not answer"), std::string::npos) << r.reason;
+}
+
+TEST(ClamdFake, BadAnswers)
+{
+    {
+        FakeClamd fake(FakeMode::LongReply);
+        const ScanResult r = scanVia(fake.socket(), ClamdOptions(), nullptr);
+        EXPECT_EQ(r.verdict, Verdict::Error);
+        EXPECT_EQ(r.reason, "engine: clamd reply too long");
+    }
+    {
+        FakeClamd fake(FakeMode::Junk);
+        const ScanResult r = scanVia(fake.socket(), ClamdOptions(), nullptr);
+        EXPECT_EQ(r.verdict, Verdict::Error);
+        EXPECT_NE(r.reason.find("unexpected clamd reply"), std::string::npos) << r.reason;
+    }
+    for (const bool sessions : {true, false}) {
+        FakeClamd fake(FakeMode::CloseAfterFd);
+        ClamdOptions opt;
+        opt.sessions = sessions;
+        const ScanResult r = scanVia(fake.socket(), opt, nullptr);
+        EXPECT_EQ(r.verdict, Verdict::Error);
+        EXPECT_EQ(r.reason, "engine: clamd closed the connection");
+    }
+}

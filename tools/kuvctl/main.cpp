@@ -8,6 +8,7 @@
 #include "BusCommand.h"
 #include "FileUtils.h"
 #include "StatusCommand.h"
+#include "WriteSignals.h"
 #ifdef KUVCTL_HAVE_LOGS
 #include "LogsCommand.h"
 #endif
@@ -41,6 +42,7 @@ void usage(FILE* out)
 
 int main(int argc, char** argv)
 {
+    kuv::ignoreWriteSignals();
     if (argc < 2) {
         usage(stderr);
         return 2;

@@ -158,3 +158,41 @@ TEST(Session, FileSizeLimitCostsLogLinesNotTheService)
     EXPECT_EQ(s.service->termSignal(), 0);
     EXPECT_EQ(s.service->exitStatus(), 0) << s.service->err();
 }
+
+TEST(Session, FirstStartScansWhatItWasGiven)
+{
+    Service s;
+    s.startBroker();
+    s.startService({}, {"right", "/x", "/a b"});
+    ASSERT_TRUE(s.waitRunning()) << s.service->err() << s.log();
+    // The same request a forwarded "right /x" makes, once the shell is up.
+    const std::string request = "{\"event\":\"ctrl\",\"code\":1,\"paths\":[\"/x\",\"/a b\"]}";
+    ASSERT_TRUE(kuvtest::waitUntil([&] { return s.journal().find(request) != std::string::npos; }, 30000))
+        << s.journal();
+    EXPECT_LT(s.journal().find("{\"event\":\"init\"}"), s.journal().find(request));
+    EXPECT_EQ(s.journal().find("\"code\":0"), std::string::npos) << s.journal();
+}
+
+TEST(Session, FirstStartWithoutCommandShowsTheWindow)
+{
+    Service s;
+    s.startAll();
+    ASSERT_TRUE(kuvtest::waitUntil(
+        [&] { return s.journal().find("{\"event\":\"ctrl\",\"code\":0}") != std::string::npos; }, 30000))
+        << s.journal();
+    EXPECT_EQ(s.journal().find("\"code\":1"), std::string::npos) << s.journal();
+}
+
+TEST(Session, StartWithoutDisplaySaysWhyOnStandardError)
+{
+    Service s;
+    s.startBroker();
+    s.startService({"QT_QPA_PLATFORM=xcb", "DISPLAY=", svctest::noLeakCheck()});
+    ASSERT_TRUE(s.service->wait(60000));
+    EXPECT_EQ(s.service->exitStatus(), 255);
+    EXPECT_NE(s.service->err().find("no GUI: platform xcb but DISPLAY is not set\n"), std::string::npos)
+        << s.service->err();
+    EXPECT_TRUE(kuvtest::fileContains(s.inst.log(), "no GUI: platform xcb but DISPLAY is not set")) << s.log();
+    // Standard output keeps only its own lines.
+    EXPECT_EQ(s.service->out().find("no GUI"), std::string::npos) << s.service->out();
+}

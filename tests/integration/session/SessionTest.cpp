@@ -196,3 +196,19 @@ TEST(Session, StartWithoutDisplaySaysWhyOnStandardError)
     // Standard output keeps only its own lines.
     EXPECT_EQ(s.service->out().find("no GUI"), std::string::npos) << s.service->out();
 }
+
+TEST(Session, KuvctlHelpAndVersionCoverKuvgui)
+{
+    Service s;
+    const auto help = kuvtest::run({s.inst.bin("kuvctl"), "--help"}, s.env());
+    EXPECT_EQ(help.status, 0);
+    for (const char* text : {"kuvgui right FILE...", "kuvgui quit", "takes no options", "1 handed over",
+                             "255 the start failed", "man kuvgui", "version"}) {
+        EXPECT_NE(help.out.find(text), std::string::npos) << text << "\n" << help.out;
+    }
+    kuvtest::writeFile(s.inst.dir + "VERSION", "7.6.5\n");
+    const auto version = kuvtest::run({s.inst.bin("kuvctl"), "version"}, s.env());
+    EXPECT_EQ(version.status, 0) << version.err;
+    EXPECT_NE(version.out.find("kuvgui 7.6.5 (" + s.inst.dir + "VERSION)\n"), std::string::npos) << version.out;
+    EXPECT_NE(version.out.find("kuvctl "), std::string::npos) << version.out;
+}

@@ -30,9 +30,11 @@ using shelltest::waitOnGui;
 
 namespace {
 
-int g_argc = 1;
+// A word that is no command: the shell starts without a first-start request of its own.
+int g_argc = 2;
 char g_arg0[] = "guishell_test";
-char* g_argv[] = {g_arg0, nullptr};
+char g_arg1[] = "no-command";
+char* g_argv[] = {g_arg0, g_arg1, nullptr};
 
 struct UninstallProbe {
     std::atomic<int> calls{0};

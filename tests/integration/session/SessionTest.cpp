@@ -212,3 +212,49 @@ TEST(Session, KuvctlHelpAndVersionCoverKuvgui)
     EXPECT_NE(version.out.find("kuvgui 7.6.5 (" + s.inst.dir + "VERSION)\n"), std::string::npos) << version.out;
     EXPECT_NE(version.out.find("kuvctl "), std::string::npos) << version.out;
 }
+
+namespace {
+
+// The language the shell chose, as its log says.
+std::string languageWith(const std::vector<std::string>& env, const std::string& userConf = std::string())
+{
+    Service s;
+    verboseLog(s);
+    if (!userConf.empty()) {
+        mkdir(s.inst.configHome().c_str(), 0700);
+        mkdir((s.inst.configHome() + "/kuv").c_str(), 0700);
+        kuvtest::writeFile(s.inst.configHome() + "/kuv/gui_shell.conf", userConf);
+    }
+    std::vector<std::string> e{"LANGUAGE=", "LC_ALL=", "LC_MESSAGES=", "LANG="};
+    e.insert(e.end(), env.begin(), env.end());
+    s.startBroker();
+    s.startService(e);
+    if (!s.waitRunning()) {
+        return "not running: " + s.log();
+    }
+    const std::string log = s.log();
+    const std::string key = "interface language ";
+    const size_t at = log.find(key);
+    return at == std::string::npos ? "none" : log.substr(at + key.size(), log.find(',', at) - at - key.size());
+}
+
+} // namespace
+
+TEST(Session, LanguageFollowsTheLocale)
+{
+    EXPECT_EQ(languageWith({"LANG=C.UTF-8"}), "en");
+    EXPECT_EQ(languageWith({"LANG=en_GB.UTF-8"}), "en");
+    EXPECT_EQ(languageWith({"LANG=zh_CN.UTF-8"}), "zh-CN");
+    EXPECT_EQ(languageWith({"LANG=POSIX", "LANGUAGE=zh_CN"}), "en");
+    EXPECT_EQ(languageWith({"LANG=de_DE.UTF-8", "LANGUAGE=fr:en_US"}), "en");
+    EXPECT_EQ(languageWith({"LANG=en_US.UTF-8", "LC_MESSAGES=zh_CN.UTF-8"}), "zh-CN");
+}
+
+TEST(Session, LanguageOfTheSettingsWinsAndTheServiceDecidesTheRest)
+{
+    // No catalog for German: the service's own choice.
+    EXPECT_EQ(languageWith({"LANG=de_DE.UTF-8"}), "zh-CN");
+    EXPECT_EQ(languageWith({}), "zh-CN");
+    EXPECT_EQ(languageWith({"LANG=zh_CN.UTF-8"}, "{\"language\":\"en\"}\n"), "en");
+    EXPECT_EQ(languageWith({"LANG=C.UTF-8"}, "{\"language\":\"zh-CN\"}\n"), "zh-CN");
+}

@@ -1,5 +1,6 @@
 #include "KuvGuiInterface.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <list>
@@ -11,6 +12,7 @@
 
 #include "CLogDebug.h"
 #include "FileUtils.h"
+#include "QuitSignals.h"
 #include "ShellCore.h"
 #include "ShellSettings.h"
 
@@ -60,6 +62,14 @@ bool guiPossible(int argc, char** argv, std::string& reason)
     return true;
 }
 
+// A start that ends here says why where the person who started it looks, not only in the log.
+void refuse(const std::string& reason)
+{
+    const std::string text = kuv::escapeControl(reason);
+    SH_LOG(LOG_LEVEL_ERROR, "no GUI: %s", text.c_str());
+    std::fprintf(stderr, "kuvgui: no GUI: %s\n", text.c_str());
+}
+
 // Runs fn on the GUI thread; false when the shell is not up.
 template <typename Fn>
 bool post(Fn fn)
@@ -83,7 +93,44 @@ Json::Value ctrlRecord(int code)
 
 } // namespace
 
+namespace {
+
+// The first start's own command line, as a later start would have forwarded it: "right PATHS" scans
+// them, nothing at all shows the window. Runs once the shell takes control requests.
+void runFirstStartCommand(int argc, char** argv)
+{
+    if (argc < 2 || argv == nullptr || argv[1] == nullptr) {
+        KuvGuiInterface::ctrl(GUI_CTR_SHOW_MAIN, nullptr);
+        return;
+    }
+    if (std::strcmp(argv[1], "right") == 0 && argc > 2) {
+        std::list<std::string> paths;
+        for (int i = 2; i < argc; ++i) {
+            if (argv[i] != nullptr) {
+                paths.emplace_back(argv[i]);
+            }
+        }
+        KuvGuiInterface::ctrl(GUI_CTR_CONTEXT_MENU_SCAN, &paths);
+    }
+}
+
+int initShell(int& argc, char** argv, sUninstallFunc uninstall, bool& firstStartCommand);
+
+} // namespace
+
 int KuvGuiInterface::init(int& argc, char** argv, sUninstallFunc uninstall)
+{
+    bool firstStartCommand = false;
+    const int rc = initShell(argc, argv, uninstall, firstStartCommand);
+    if (rc == 0 && firstStartCommand) {
+        runFirstStartCommand(argc, argv);
+    }
+    return rc;
+}
+
+namespace {
+
+int initShell(int& argc, char** argv, sUninstallFunc uninstall, bool& firstStartCommand)
 {
     Json::Value rec(Json::objectValue);
     rec["event"] = "init";
@@ -94,20 +141,22 @@ int KuvGuiInterface::init(int& argc, char** argv, sUninstallFunc uninstall)
         SH_LOG(LOG_LEVEL_WARN, "GUI shell already initialised");
         return 0;
     }
+    // From here on SIGTERM, SIGINT and SIGHUP wait for the event loop and then quit like `kuvgui quit`.
+    kuv::shell::installQuitSignals();
     if (QCoreApplication::instance() == nullptr) {
         std::string reason;
         if (!guiPossible(argc, argv, reason)) {
-            SH_LOG(LOG_LEVEL_ERROR, "no GUI: %s", kuv::escapeControl(reason).c_str());
+            refuse(reason);
             return 1;
         }
         // argc is kept by reference inside QApplication; the caller's lives as long as the process.
         g_app = new QApplication(argc, argv);
     } else if (qobject_cast<QApplication*>(QCoreApplication::instance()) == nullptr) {
-        SH_LOG(LOG_LEVEL_ERROR, "no GUI: a non-GUI application object exists already");
+        refuse("a non-GUI application object exists already");
         return 2;
     }
     if (QThread::currentThread() != QCoreApplication::instance()->thread()) {
-        SH_LOG(LOG_LEVEL_ERROR, "no GUI: init called outside the application's thread");
+        refuse("init called outside the application's thread");
         return 3;
     }
     QApplication::setQuitOnLastWindowClosed(false);
@@ -116,10 +165,14 @@ int KuvGuiInterface::init(int& argc, char** argv, sUninstallFunc uninstall)
         g_core = new kuv::shell::ShellCore();
     }
     g_core->build(uninstall);
+    kuv::shell::watchQuitSignals();
     SH_LOG(LOG_LEVEL_INFO, "GUI shell initialised on platform %s",
            kuv::escapeControl(QApplication::platformName().toStdString()).c_str());
+    firstStartCommand = true;
     return 0;
 }
+
+} // namespace
 
 int KuvGuiInterface::exec()
 {

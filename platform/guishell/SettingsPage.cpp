@@ -37,6 +37,8 @@ SettingsPage::SettingsPage(QWidget* parent) : QWidget(parent)
     // Each language is named in itself, so it can be found whatever language is shown.
     m_language->addItem(QStringLiteral("English"), QStringLiteral("en"));
     m_language->addItem(QStringLiteral("简体中文"), QStringLiteral("zh-CN"));
+    // No setting: the locale decides (LANGUAGE, LC_ALL, LC_MESSAGES, LANG).
+    m_language->addItem(QString(), QString());
     form->addRow(m_languageCaption, m_language);
     layout->addWidget(m_languageBox);
 
@@ -68,8 +70,8 @@ void SettingsPage::load()
 {
     m_loading = true;
     m_stopBackend->setChecked(stopBackendOnQuit());
-    const QString lang = QString::fromStdString(effectiveLanguage());
-    m_language->setCurrentIndex(lang.startsWith(QLatin1String("zh"), Qt::CaseInsensitive) ? 1 : 0);
+    const QString lang = QString::fromStdString(languageSetting());
+    m_language->setCurrentIndex(lang.isEmpty() ? 2 : lang.startsWith(QLatin1String("zh"), Qt::CaseInsensitive) ? 1 : 0);
     m_loading = false;
 }
 
@@ -81,6 +83,7 @@ void SettingsPage::retranslate()
                            "of this user. Leave it unchecked to keep protection running."));
     m_languageBox->setTitle(tr("Language"));
     m_languageCaption->setText(tr("Interface language:"));
+    m_language->setItemText(2, tr("System language"));
     m_savedTo->setText(
         tr("Settings are saved in %1").arg(QString::fromStdString(kuv::escapeControl(shellConfPath()))));
 }

@@ -1,10 +1,16 @@
 #include "ShellSettings.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
 #include <vector>
+
+#include <QDir>
+#include <QLocale>
+#include <QString>
 
 #include "CLogDebug.h"
 #include "ConfigModule.h"
@@ -22,6 +28,105 @@ std::mutex g_journalMutex;
 std::mutex g_languageMutex;
 std::string g_language;
 
+std::string envValue(const char* name)
+{
+    const char* v = std::getenv(name);
+    return v != nullptr ? std::string(v) : std::string();
+}
+
+// The user's value for key: the user's file first, then the installation's. Caller holds g_settingsMutex.
+bool userValue(const std::string& key, Json::Value& out)
+{
+    const std::string path = kuv::shell::shellConfPath();
+    if (path.empty()) {
+        return false;
+    }
+    Json::Value root;
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0 || !CppJson::LoadJsonFile(path.c_str(), root) || !root.isObject() ||
+        !root.isMember(key)) {
+        return false;
+    }
+    out = root[key];
+    return true;
+}
+
+bool settingBool(const char* key, bool defaultValue)
+{
+    Json::Value v;
+    if (userValue(key, v) && v.isBool()) {
+        return v.asBool();
+    }
+    return ConfigModule::Instance()->getBool(kuv::shell::kShellConfFile, key, defaultValue);
+}
+
+std::string settingString(const char* key)
+{
+    Json::Value v;
+    if (userValue(key, v) && v.isString()) {
+        return v.asString();
+    }
+    return ConfigModule::Instance()->getString(kuv::shell::kShellConfFile, key, "");
+}
+
+// Writes key into the user's file (created 0600 in a 0700 directory); a null value removes it.
+bool saveSetting(const char* key, const Json::Value& value)
+{
+    const std::string path = kuv::shell::shellConfPath();
+    if (path.empty()) {
+        return false;
+    }
+    Json::Value root(Json::objectValue);
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0) {
+        // A damaged file is left for a person to look at rather than silently replaced.
+        if (!CppJson::LoadJsonFile(path.c_str(), root) || !root.isObject()) {
+            return false;
+        }
+    }
+    if (value.isNull()) {
+        root.removeMember(key);
+    } else {
+        root[key] = value;
+    }
+    std::string text;
+    if (!CppJson::WriteJsonToString(root, text, false)) {
+        return false;
+    }
+    text += '\n';
+    const std::string dir = path.substr(0, path.rfind('/'));
+    return CDir::mkpath(dir, 0700) && kuv::writeFileAtomic(path, text, 0600);
+}
+
+// "zh_CN.UTF-8@latin" -> "zh_CN".
+std::string localeName(const std::string& value)
+{
+    return value.substr(0, value.find_first_of(".@"));
+}
+
+bool englishLocale(const std::string& name)
+{
+    return name == "C" || name == "POSIX" || name == "en" || name.rfind("en_", 0) == 0;
+}
+
+// The interface catalogs are compiled in as ":/kuvgui/i18n/<module>_<locale>.qm".
+std::string catalogLanguage(const std::string& name)
+{
+    if (name.empty()) {
+        return std::string();
+    }
+    const QString suffix = QLocale(QString::fromStdString(name)).name();
+    // QLocale maps what it does not know to "C".
+    if (suffix == QLatin1String("C")) {
+        return std::string();
+    }
+    const QDir dir(QStringLiteral(":/kuvgui/i18n"));
+    if (dir.entryList({QStringLiteral("*_") + suffix + QStringLiteral(".qm")}, QDir::Files).isEmpty()) {
+        return std::string();
+    }
+    return QString(suffix).replace(QLatin1Char('_'), QLatin1Char('-')).toStdString();
+}
+
 } // namespace
 
 namespace kuv {
@@ -30,13 +135,13 @@ namespace shell {
 bool stopBackendOnQuit()
 {
     std::lock_guard<std::mutex> lock(g_settingsMutex);
-    return ConfigModule::Instance()->getBool(kShellConfFile, kStopBackendKey, false);
+    return settingBool(kStopBackendKey, false);
 }
 
 bool setStopBackendOnQuit(bool stop)
 {
     std::lock_guard<std::mutex> lock(g_settingsMutex);
-    const bool ok = ConfigModule::Instance()->setBool(kShellConfFile, kStopBackendKey, stop);
+    const bool ok = saveSetting(kStopBackendKey, Json::Value(stop));
     if (!ok) {
         CLogDebug::Instance()->LogPrint(LOG_LEVEL_ERROR, kSource, __func__, __LINE__,
                                         "cannot save %s in %s", kStopBackendKey, kShellConfFile);
@@ -44,15 +149,62 @@ bool setStopBackendOnQuit(bool stop)
     return ok;
 }
 
+std::string localeLanguage()
+{
+    // As gettext reads them: LC_ALL, else LC_MESSAGES, else LANG names the locale; LANGUAGE, a list
+    // of preferences, counts only when that locale is not C.
+    std::string locale;
+    for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+        locale = envValue(name);
+        if (!locale.empty()) {
+            break;
+        }
+    }
+    const std::string base = localeName(locale);
+    if (base.empty() || base == "C" || base == "POSIX") {
+        return base.empty() ? std::string() : std::string("en");
+    }
+    std::vector<std::string> wanted;
+    const std::string list = envValue("LANGUAGE");
+    for (size_t pos = 0; pos <= list.size();) {
+        const size_t colon = list.find(':', pos);
+        const std::string item = list.substr(pos, colon == std::string::npos ? std::string::npos : colon - pos);
+        if (!item.empty()) {
+            wanted.push_back(localeName(item));
+        }
+        if (colon == std::string::npos) {
+            break;
+        }
+        pos = colon + 1;
+    }
+    wanted.push_back(base);
+    for (const std::string& name : wanted) {
+        if (englishLocale(name)) {
+            return "en";
+        }
+        const std::string language = catalogLanguage(name);
+        if (!language.empty()) {
+            return language;
+        }
+    }
+    return std::string();
+}
+
+std::string languageSetting()
+{
+    std::lock_guard<std::mutex> lock(g_settingsMutex);
+    return settingString(kLanguageKey);
+}
+
 std::string effectiveLanguage()
 {
-    std::string fromFile;
-    {
-        std::lock_guard<std::mutex> lock(g_settingsMutex);
-        fromFile = ConfigModule::Instance()->getString(kShellConfFile, kLanguageKey, "");
+    const std::string chosen = languageSetting();
+    if (!chosen.empty()) {
+        return chosen;
     }
-    if (!fromFile.empty()) {
-        return fromFile;
+    const std::string fromLocale = localeLanguage();
+    if (!fromLocale.empty()) {
+        return fromLocale;
     }
     const std::string set = requestedLanguage();
     return set.empty() ? std::string("en") : set;
@@ -61,7 +213,7 @@ std::string effectiveLanguage()
 bool setLanguageSetting(const std::string& language)
 {
     std::lock_guard<std::mutex> lock(g_settingsMutex);
-    const bool ok = ConfigModule::Instance()->setString(kShellConfFile, kLanguageKey, language);
+    const bool ok = saveSetting(kLanguageKey, language.empty() ? Json::Value() : Json::Value(language));
     if (!ok) {
         CLogDebug::Instance()->LogPrint(LOG_LEVEL_ERROR, kSource, __func__, __LINE__,
                                         "cannot save %s in %s", kLanguageKey, kShellConfFile);
@@ -82,6 +234,19 @@ std::string requestedLanguage()
 }
 
 std::string shellConfPath()
+{
+    std::string base = envValue("XDG_CONFIG_HOME");
+    if (base.empty() || base.front() != '/') {
+        const std::string home = envValue("HOME");
+        if (home.empty() || home.front() != '/') {
+            return std::string();
+        }
+        base = home + "/.config";
+    }
+    return base + "/kuv/" + kShellConfFile;
+}
+
+std::string installedShellConfPath()
 {
     return ConstConfig::singleInstance()->getConfigurationDir() + kShellConfFile;
 }

@@ -20,11 +20,21 @@ bool setStopBackendOnQuit(bool stop);
 void setRequestedLanguage(const std::string& language);
 std::string requestedLanguage();
 
-// The language the shell shows: the "language" key when set, else basegui::Common::setLan's, else "en".
+// The language the shell shows: the "language" setting when set; else the user's locale (LANGUAGE,
+// LC_ALL, LC_MESSAGES, LANG) where a catalog exists for it, C, POSIX and English meaning "en"; else
+// basegui::Common::setLan's; else "en".
 std::string effectiveLanguage();
+// The language the locale asks for ("en", "zh-CN"), or empty when no catalog matches it.
+std::string localeLanguage();
+// The "language" setting itself (the user's, else the installation's); empty when none is made.
+std::string languageSetting();
+// An empty language removes the setting, so the locale decides again.
 bool setLanguageSetting(const std::string& language);
-// Full path of gui_shell.conf, for the settings page.
+// The user's own gui_shell.conf ($XDG_CONFIG_HOME/kuv/, default ~/.config/kuv/): it overlays the
+// installation's, key by key, and takes the settings made in the GUI. Empty when there is no home.
 std::string shellConfPath();
+// The installation's gui_shell.conf (the defaults of every user).
+std::string installedShellConfPath();
 
 // Appends one compact JSON line to $KUV_SHELL_JOURNAL when it is set; flushed at once.
 void journal(const Json::Value& record);

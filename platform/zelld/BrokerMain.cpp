@@ -29,6 +29,7 @@
 #include "ZellLogFile.h"
 #include "ZellRouter.h"
 #include "UniqueFd.h"
+#include "WriteSignals.h"
 
 namespace {
 
@@ -521,6 +522,7 @@ int Broker::run()
 
 int main(int argc, char** argv)
 {
+    kuv::ignoreWriteSignals();
     Options options;
     const int parsed = parseOptions(argc, argv, options);
     if (parsed == 1) {
@@ -575,7 +577,6 @@ int main(int argc, char** argv)
     sigaddset(&mask, SIGTERM);
     sigaddset(&mask, SIGINT);
     sigprocmask(SIG_BLOCK, &mask, nullptr);
-    signal(SIGPIPE, SIG_IGN);
     signal(SIGHUP, SIG_IGN);
     Fd signals(signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK));
     if (signals.get() < 0) {

@@ -231,6 +231,10 @@
         <translation>界面语言：</translation>
     </message>
     <message>
+        <source>System language</source>
+        <translation>跟随系统语言</translation>
+    </message>
+    <message>
         <source>Settings are saved in %1</source>
         <translation>设置保存在 %1</translation>
     </message>

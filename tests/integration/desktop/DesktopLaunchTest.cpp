@@ -418,3 +418,68 @@ TEST(DesktopUserIntegration, InstallAllAndRemove)
 }
 
 } // namespace
+
+namespace {
+
+// Every file and directory below root, as paths relative to it.
+std::vector<std::string> treeBelow(const std::string& root)
+{
+    const RunResult r = run({"/usr/bin/find", root, "-mindepth", "1", "-printf", "%P\\n"}, {}, 30000);
+    std::vector<std::string> out;
+    size_t pos = 0;
+    while (pos < r.out.size()) {
+        const size_t end = r.out.find('\n', pos);
+        out.push_back(r.out.substr(pos, end - pos));
+        pos = end + 1;
+    }
+    return out;
+}
+
+} // namespace
+
+TEST(DesktopUserIntegration, MovedTreeInstallsItsOwnPathsAndRemoveLeavesNothing)
+{
+    PrivateInstall inst;
+    const std::string oldPrefix = inst.prefix;
+    const std::string moved = inst.root() + "/moved";
+    ASSERT_EQ(rename(oldPrefix.c_str(), moved.c_str()), 0);
+    inst.prefix = moved;
+    const std::string tool = inst.bin("kuvgui-user-integration");
+
+    // Something in the way: nothing at all is written.
+    kuvtest::writeFile(inst.home + "/.config", "not a directory");
+    const RunResult refused = run({tool, "install", "--all"}, inst.env(), 30000);
+    EXPECT_EQ(refused.status, 1) << refused.out << refused.err;
+    EXPECT_NE(refused.err.find("nothing was installed"), std::string::npos) << refused.err;
+    EXPECT_EQ(treeBelow(inst.home), std::vector<std::string>{".config"});
+    unlink((inst.home + "/.config").c_str());
+
+    const RunResult in = run({tool, "install", "--all"}, inst.env(), 30000);
+    ASSERT_EQ(in.status, 0) << in.out << in.err;
+    int entries = 0;
+    for (const std::string& rel : treeBelow(inst.home)) {
+        const std::string path = inst.home + "/" + rel;
+        struct stat st;
+        if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || rel.find("user-integration.dirs") != std::string::npos) {
+            continue;
+        }
+        ++entries;
+        const std::string text = readFile(path);
+        EXPECT_EQ(text.find(oldPrefix), std::string::npos) << rel << " names the old place:\n" << text;
+        EXPECT_NE(text.find(moved + "/"), std::string::npos) << rel << " does not name the tree:\n" << text;
+    }
+    EXPECT_EQ(entries, 8);
+    // The scan entry and the Caja script run the moved kuvgui.
+    const KeyFile scan = readKeyFile(inst.home + "/.local/share/applications/kuvgui-scan.desktop");
+    // Quoted still, as it was written for the old place's blank.
+    EXPECT_EQ(scan.at("Desktop Entry").at("Exec"), "\"" + moved + "/bin/kuvgui\" right %F");
+    EXPECT_TRUE(kuvtest::fileContains(inst.home + "/.config/caja/scripts/Scan with kuvgui",
+                                      "kuvgui='" + moved + "/bin/kuvgui'\n"));
+    // The session helper in the moved tree finds it too.
+    const RunResult session = run({moved + "/libexec/kuvgui-session", "not-running"}, inst.env(), 30000);
+    EXPECT_EQ(session.status, 0) << session.err;
+
+    const RunResult out = run({tool, "remove"}, inst.env(), 30000);
+    EXPECT_EQ(out.status, 0) << out.out << out.err;
+    EXPECT_EQ(treeBelow(inst.home), std::vector<std::string>{}) << visible(treeBelow(inst.home));
+}

@@ -105,7 +105,9 @@ Install::Install() : m_tmp("kuvinst")
 
 std::vector<std::string> Install::env() const
 {
-    return {"XDG_RUNTIME_DIR=" + runtime, "QT_QPA_PLATFORM=offscreen", "KUV_SHELL_JOURNAL=" + journal()};
+    // The user's settings too, so no test reads or writes the real ~/.config/kuv.
+    return {"XDG_RUNTIME_DIR=" + runtime, "QT_QPA_PLATFORM=offscreen", "KUV_SHELL_JOURNAL=" + journal(),
+            "XDG_CONFIG_HOME=" + configHome()};
 }
 
 Process::Process(const std::vector<std::string>& argv, const std::vector<std::string>& env, const std::string& cwd)

@@ -21,6 +21,7 @@
 #include "CLogDebug.h"
 #include "CQPluginManager.h"
 #include "ConfigModule.h"
+#include "CppJson.h"
 #include "KuvGuiInterface.h"
 #include "PluginInitParas.h"
 #include "ShellTestSupport.h"
@@ -30,9 +31,11 @@ using shelltest::waitOnGui;
 
 namespace {
 
-int g_argc = 1;
+// A word that is no command: the shell starts without a first-start request of its own.
+int g_argc = 2;
 char g_arg0[] = "guishell_test";
-char* g_argv[] = {g_arg0, nullptr};
+char g_arg1[] = "no-command";
+char* g_argv[] = {g_arg0, g_arg1, nullptr};
 
 struct UninstallProbe {
     std::atomic<int> calls{0};
@@ -241,14 +244,26 @@ TEST_F(GuiShellTest, LanguageFromSetLanAndOverriddenByTheSettingsFile)
     EXPECT_TRUE(shelltest::spinUntil([w] { return w->windowTitle() == QLatin1String("kuvgui - endpoint protection"); }))
         << w->windowTitle().toStdString();
     EXPECT_EQ("Overview", nav->item(0)->text().toStdString());
-    EXPECT_EQ("en", ConfigModule::Instance()->getString("gui_shell.conf", "language", ""));
+    // Saved in the user's own settings, not in the installation's.
+    Json::Value saved;
+    ASSERT_TRUE(CppJson::LoadJsonFile((m_box.userConfDir + "gui_shell.conf").c_str(), saved));
+    EXPECT_EQ("en", saved["language"].asString());
+    EXPECT_EQ("", ConfigModule::Instance()->getString("gui_shell.conf", "language", ""));
+    // "System language" removes the setting: the locale (none here), then setLan, decide again.
+    lang->setCurrentIndex(2);
+    EXPECT_TRUE(shelltest::spinUntil([w] { return w->windowTitle() == QString::fromUtf8("kuvgui - 终端防护"); }))
+        << w->windowTitle().toStdString();
+    ASSERT_TRUE(CppJson::LoadJsonFile((m_box.userConfDir + "gui_shell.conf").c_str(), saved));
+    EXPECT_FALSE(saved.isMember("language"));
+    lang->setCurrentIndex(0);
+    EXPECT_TRUE(shelltest::spinUntil([w] { return w->windowTitle() == QLatin1String("kuvgui - endpoint protection"); }));
     KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
     EXPECT_EQ(0, KuvGuiInterface::exec());
 
-    // The file's "language" wins over setLan.
+    // The setting wins over setLan.
     ASSERT_EQ(0, init());
     EXPECT_EQ("kuvgui - endpoint protection", shelltest::mainWindow()->windowTitle().toStdString());
-    m_box.writeShellConf(R"({"language": "zh-CN"})");
+    m_box.writeUserShellConf(R"({"language": "zh-CN"})");
     basegui::Common::setLan("en");
     ASSERT_TRUE(shelltest::spinUntil(
         [] { return shelltest::mainWindow()->windowTitle() == QString::fromUtf8("kuvgui - 终端防护"); }));

@@ -44,6 +44,12 @@ Sandbox::Sandbox()
     unsetenv("KUV_CONFIG_DIR");
     setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
     setenv("KUV_SHELL_JOURNAL", journalPath.c_str(), 1);
+    // The user's own settings live here; the locale is left out, so setLan decides unless a test says.
+    userConfDir = root + "/config/kuv/";
+    setenv("XDG_CONFIG_HOME", (root + "/config").c_str(), 1);
+    for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"}) {
+        unsetenv(name);
+    }
 }
 
 Sandbox::~Sandbox()
@@ -56,6 +62,13 @@ Sandbox::~Sandbox()
 void Sandbox::writeShellConf(const std::string& json) const
 {
     std::ofstream out(installDir + "etc/gui_shell.conf", std::ios::trunc);
+    out << json;
+}
+
+void Sandbox::writeUserShellConf(const std::string& json) const
+{
+    QDir().mkpath(QString::fromStdString(userConfDir));
+    std::ofstream out(userConfDir + "gui_shell.conf", std::ios::trunc);
     out << json;
 }
 

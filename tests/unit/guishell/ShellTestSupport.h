@@ -21,7 +21,11 @@ struct Sandbox {
     std::string root;
     std::string installDir; // with a final "/"
     std::string journalPath;
+    // The installation's gui_shell.conf.
     void writeShellConf(const std::string& json) const;
+    // The user's own one ($XDG_CONFIG_HOME/kuv/gui_shell.conf), which overlays the installation's.
+    void writeUserShellConf(const std::string& json) const;
+    std::string userConfDir;
 };
 
 std::vector<Json::Value> readJournal(const std::string& path);

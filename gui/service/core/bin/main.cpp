@@ -7,6 +7,7 @@
 #include <string>
 
 #include "GuiEntry.h"
+#include "WriteSignals.h"
 
 namespace {
 
@@ -44,4 +45,8 @@ PFN_KUVGUI_SERVICE_RUN loadService()
 
 } // namespace
 
-int main(int argc, char** argv) { return kuvguiEntry(argc, argv, &loadService); }
+int main(int argc, char** argv)
+{
+    kuv::ignoreWriteSignals();
+    return kuvguiEntry(argc, argv, &loadService);
+}

@@ -179,6 +179,7 @@ private:
 
     UniqueFd m_inotify;
     int m_markerWatch = -1;
+    std::string m_stopWhy; // set on the main thread when the service is to stop
     std::map<int, std::string> m_dbWatches;
     UniqueFd m_timer;
     UniqueFd m_wake;
@@ -247,7 +248,8 @@ bool Service::setUpWatches(std::string& error)
         return false;
     }
     m_markerWatch = inotify_add_watch(m_inotify.get(), m_markerDir.c_str(),
-                                      IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR);
+                                      IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR |
+                                          IN_DELETE_SELF | IN_MOVE_SELF);
     if (m_markerWatch < 0) {
         error = "cannot watch " + m_markerDir + ": " + strerror(errno);
         return false;
@@ -582,12 +584,10 @@ void Service::handleInotify()
             const std::string name = e->len > 0 ? std::string(e->name) : std::string();
             if (e->wd == m_markerWatch) {
                 if (name == ".guiexit") {
-                    std::lock_guard<std::mutex> lock(m_stateMutex);
-                    m_state = "stopping";
-                }
-                if (e->mask & IN_IGNORED) {
-                    SLOG(LOG_LEVEL_WARN, "%s went away; the stop marker is no longer watched", m_markerDir.c_str());
-                    m_markerWatch = -1;
+                    m_stopWhy = "the stop marker " + m_marker + " appeared";
+                } else if (e->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) {
+                    // The installation (or the user's state) was removed: nothing is left to serve.
+                    m_stopWhy = m_markerDir + " went away";
                 }
                 continue;
             }
@@ -676,8 +676,7 @@ int Service::run(const std::function<void(int)>& ready)
     }
     // The marker may have appeared between the first look and the watch.
     if (::access(m_marker.c_str(), F_OK) == 0) {
-        std::lock_guard<std::mutex> lock(m_stateMutex);
-        m_state = "stopping";
+        m_stopWhy = "the stop marker " + m_marker + " appeared";
     }
     SLOG(LOG_LEVEL_INFO, "kuv-scand %s serving as %s (pid %d, engine %s, %u workers)", KUV_VERSION,
          kuvscan::kScandGuid, static_cast<int>(getpid()), m_settings.engine.c_str(), m_jobs->workers());
@@ -697,12 +696,9 @@ int Service::run(const std::function<void(int)>& ready)
     add(m_timer.get());
     std::string why;
     for (;;) {
-        {
-            std::lock_guard<std::mutex> lock(m_stateMutex);
-            if (m_state == "stopping") {
-                why = "the stop marker " + m_marker + " appeared";
-                break;
-            }
+        if (!m_stopWhy.empty()) {
+            why = m_stopWhy;
+            break;
         }
         epoll_event events[8];
         const int n = epoll_wait(epoll.get(), events, 8, -1);

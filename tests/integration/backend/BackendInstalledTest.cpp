@@ -396,3 +396,13 @@ TEST_F(Backend, TheMarkerStopsTheBackEndAndItsRemovalStartsItAgain)
     run({install->bin("kuvgui"), "quit"});
     gui->wait(30000);
 }
+
+TEST_F(Backend, AnInstallationThatGoesAwayTakesItsBackEndWithIt)
+{
+    startBroker();
+    startScand();
+    const pid_t worker = scandPid();
+    ASSERT_EQ(std::system(("rm -rf '" + install->dir + "data/pubcfg'").c_str()), 0);
+    EXPECT_TRUE(kuvtest::waitUntil([&] { return !alive(worker) && !alive(supervisorPid); }, 30000));
+    EXPECT_TRUE(kuvtest::fileContains(scandLog(), "pubcfg/ went away"));
+}

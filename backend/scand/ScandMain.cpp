@@ -149,6 +149,8 @@ public:
 private:
     bool makeEngine(std::string& error);
     bool setUpWatches(std::string& error);
+    void watchDbDir(const std::string& dir);
+    void reloadSoon();
     void startReload();
     void reloadFinished();
     void handleInotify();
@@ -180,7 +182,8 @@ private:
     UniqueFd m_inotify;
     int m_markerWatch = -1;
     std::string m_stopWhy; // set on the main thread when the service is to stop
-    std::map<int, std::string> m_dbWatches;
+    std::map<int, std::string> m_dbWatches;                // watch -> database directory (final "/")
+    std::map<int, std::vector<std::string>> m_dbParents;   // watch -> database directories still to appear
     UniqueFd m_timer;
     UniqueFd m_wake;
     std::thread m_reloadThread;
@@ -255,18 +258,48 @@ bool Service::setUpWatches(std::string& error)
         return false;
     }
     if (m_clam != nullptr) {
-        for (const std::string& dir : m_clam->watchDirs()) {
-            const int wd = inotify_add_watch(m_inotify.get(), dir.c_str(),
-                                             IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CREATE |
-                                                 IN_ONLYDIR);
-            if (wd >= 0) {
-                m_dbWatches[wd] = dir;
-            } else {
-                SLOG(LOG_LEVEL_WARN, "cannot watch the database directory %s: %s", dir.c_str(), strerror(errno));
-            }
+        for (const std::string& dir : m_dbDirs) {
+            watchDbDir(dir);
         }
     }
     return true;
+}
+
+// A database directory is watched for its files; one that does not exist yet (no freshclam installed so
+// far) through its parent, until it appears.
+void Service::watchDbDir(const std::string& rawDir)
+{
+    std::string dir = rawDir;
+    while (dir.size() > 1 && dir.back() == '/') {
+        dir.pop_back();
+    }
+    const int wd = inotify_add_watch(m_inotify.get(), dir.c_str(),
+                                     IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CREATE |
+                                         IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
+    if (wd >= 0) {
+        m_dbWatches[wd] = dir + "/";
+        return;
+    }
+    const size_t slash = dir.rfind('/');
+    if (slash == std::string::npos || slash == 0) {
+        return;
+    }
+    const std::string parent = dir.substr(0, slash);
+    const int pwd = inotify_add_watch(m_inotify.get(), parent.c_str(), IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
+    if (pwd >= 0) {
+        m_dbParents[pwd].push_back(dir);
+    } else {
+        SLOG(LOG_LEVEL_WARN, "cannot watch the database directory %s: %s", dir.c_str(), strerror(errno));
+    }
+}
+
+void Service::reloadSoon()
+{
+    itimerspec when{};
+    const int delay = std::max(m_settings.reloadDelayMs, 1);
+    when.it_value.tv_sec = delay / 1000;
+    when.it_value.tv_nsec = static_cast<long>(delay % 1000) * 1000000L;
+    timerfd_settime(m_timer.get(), 0, &when, nullptr);
 }
 
 void Service::startReload()
@@ -591,22 +624,46 @@ void Service::handleInotify()
                 }
                 continue;
             }
+            auto parent = m_dbParents.find(e->wd);
+            if (parent != m_dbParents.end()) {
+                std::vector<std::string> waiting;
+                for (const std::string& dir : parent->second) {
+                    if (dir.substr(dir.rfind('/') + 1) == name) {
+                        SLOG(LOG_LEVEL_INFO, "the database directory %s appeared; loading it soon", dir.c_str());
+                        watchDbDir(dir);
+                        reloadSoon();
+                    } else {
+                        waiting.push_back(dir);
+                    }
+                }
+                if (waiting.empty()) {
+                    inotify_rm_watch(m_inotify.get(), e->wd);
+                    m_dbParents.erase(e->wd);
+                } else {
+                    parent->second = waiting;
+                }
+                continue;
+            }
             auto dir = m_dbWatches.find(e->wd);
             if (dir == m_dbWatches.end()) {
                 continue;
             }
+            if (e->mask & IN_MOVE_SELF) {
+                inotify_rm_watch(m_inotify.get(), e->wd); // answered by IN_IGNORED, handled below
+                continue;
+            }
             if (e->mask & IN_IGNORED) {
+                // Its signatures are gone with it; wait for it to come back.
                 SLOG(LOG_LEVEL_WARN, "the database directory %s went away", dir->second.c_str());
+                const std::string gone = dir->second;
                 m_dbWatches.erase(dir);
+                watchDbDir(gone);
+                reloadSoon();
                 continue;
             }
             if (kuv::scan::ClamEngine::isDatabaseFile(name)) {
                 SLOG(LOG_LEVEL_INFO, "database %s%s changed; reloading soon", dir->second.c_str(), name.c_str());
-                itimerspec when{};
-                const int delay = std::max(m_settings.reloadDelayMs, 1);
-                when.it_value.tv_sec = delay / 1000;
-                when.it_value.tv_nsec = static_cast<long>(delay % 1000) * 1000000L;
-                timerfd_settime(m_timer.get(), 0, &when, nullptr);
+                reloadSoon();
             }
         }
     }

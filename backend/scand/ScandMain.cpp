@@ -145,6 +145,8 @@ public:
 private:
     bool makeEngine(std::string& error);
     bool setUpWatches(std::string& error);
+    void watchDbDir(const std::string& dir);
+    void reloadSoon();
     void startReload();
     void reloadFinished();
     void handleInotify();
@@ -175,7 +177,9 @@ private:
 
     UniqueFd m_inotify;
     int m_markerWatch = -1;
-    std::map<int, std::string> m_dbWatches;
+    std::string m_stopWhy; // set on the main thread when the service is to stop
+    std::map<int, std::string> m_dbWatches;                // watch -> database directory (final "/")
+    std::map<int, std::vector<std::string>> m_dbParents;   // watch -> database directories still to appear
     UniqueFd m_timer;
     UniqueFd m_wake;
     std::thread m_reloadThread;
@@ -238,24 +242,55 @@ bool Service::setUpWatches(std::string& error)
         return false;
     }
     m_markerWatch = inotify_add_watch(m_inotify.get(), m_markerDir.c_str(),
-                                      IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR);
+                                      IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR |
+                                          IN_DELETE_SELF | IN_MOVE_SELF);
     if (m_markerWatch < 0) {
         error = "cannot watch " + m_markerDir + ": " + strerror(errno);
         return false;
     }
     if (m_clam != nullptr) {
-        for (const std::string& dir : m_clam->watchDirs()) {
-            const int wd = inotify_add_watch(m_inotify.get(), dir.c_str(),
-                                             IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CREATE |
-                                                 IN_ONLYDIR);
-            if (wd >= 0) {
-                m_dbWatches[wd] = dir;
-            } else {
-                SLOG(LOG_LEVEL_WARN, "cannot watch the database directory %s: %s", dir.c_str(), strerror(errno));
-            }
+        for (const std::string& dir : m_dbDirs) {
+            watchDbDir(dir);
         }
     }
     return true;
+}
+
+// A database directory is watched for its files; one that does not exist yet (no freshclam installed so
+// far) through its parent, until it appears.
+void Service::watchDbDir(const std::string& rawDir)
+{
+    std::string dir = rawDir;
+    while (dir.size() > 1 && dir.back() == '/') {
+        dir.pop_back();
+    }
+    const int wd = inotify_add_watch(m_inotify.get(), dir.c_str(),
+                                     IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_CREATE |
+                                         IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
+    if (wd >= 0) {
+        m_dbWatches[wd] = dir + "/";
+        return;
+    }
+    const size_t slash = dir.rfind('/');
+    if (slash == std::string::npos || slash == 0) {
+        return;
+    }
+    const std::string parent = dir.substr(0, slash);
+    const int pwd = inotify_add_watch(m_inotify.get(), parent.c_str(), IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
+    if (pwd >= 0) {
+        m_dbParents[pwd].push_back(dir);
+    } else {
+        SLOG(LOG_LEVEL_WARN, "cannot watch the database directory %s: %s", dir.c_str(), strerror(errno));
+    }
+}
+
+void Service::reloadSoon()
+{
+    itimerspec when{};
+    const int delay = std::max(m_settings.reloadDelayMs, 1);
+    when.it_value.tv_sec = delay / 1000;
+    when.it_value.tv_nsec = static_cast<long>(delay % 1000) * 1000000L;
+    timerfd_settime(m_timer.get(), 0, &when, nullptr);
 }
 
 void Service::startReload()
@@ -573,12 +608,30 @@ void Service::handleInotify()
             const std::string name = e->len > 0 ? std::string(e->name) : std::string();
             if (e->wd == m_markerWatch) {
                 if (name == ".guiexit") {
-                    std::lock_guard<std::mutex> lock(m_stateMutex);
-                    m_state = "stopping";
+                    m_stopWhy = "the stop marker " + m_marker + " appeared";
+                } else if (e->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) {
+                    // The installation (or the user's state) was removed: nothing is left to serve.
+                    m_stopWhy = m_markerDir + " went away";
                 }
-                if (e->mask & IN_IGNORED) {
-                    SLOG(LOG_LEVEL_WARN, "%s went away; the stop marker is no longer watched", m_markerDir.c_str());
-                    m_markerWatch = -1;
+                continue;
+            }
+            auto parent = m_dbParents.find(e->wd);
+            if (parent != m_dbParents.end()) {
+                std::vector<std::string> waiting;
+                for (const std::string& dir : parent->second) {
+                    if (dir.substr(dir.rfind('/') + 1) == name) {
+                        SLOG(LOG_LEVEL_INFO, "the database directory %s appeared; loading it soon", dir.c_str());
+                        watchDbDir(dir);
+                        reloadSoon();
+                    } else {
+                        waiting.push_back(dir);
+                    }
+                }
+                if (waiting.empty()) {
+                    inotify_rm_watch(m_inotify.get(), e->wd);
+                    m_dbParents.erase(e->wd);
+                } else {
+                    parent->second = waiting;
                 }
                 continue;
             }
@@ -586,18 +639,22 @@ void Service::handleInotify()
             if (dir == m_dbWatches.end()) {
                 continue;
             }
+            if (e->mask & IN_MOVE_SELF) {
+                inotify_rm_watch(m_inotify.get(), e->wd); // answered by IN_IGNORED, handled below
+                continue;
+            }
             if (e->mask & IN_IGNORED) {
+                // Its signatures are gone with it; wait for it to come back.
                 SLOG(LOG_LEVEL_WARN, "the database directory %s went away", dir->second.c_str());
+                const std::string gone = dir->second;
                 m_dbWatches.erase(dir);
+                watchDbDir(gone);
+                reloadSoon();
                 continue;
             }
             if (kuv::scan::ClamEngine::isDatabaseFile(name)) {
                 SLOG(LOG_LEVEL_INFO, "database %s%s changed; reloading soon", dir->second.c_str(), name.c_str());
-                itimerspec when{};
-                const int delay = std::max(m_settings.reloadDelayMs, 1);
-                when.it_value.tv_sec = delay / 1000;
-                when.it_value.tv_nsec = static_cast<long>(delay % 1000) * 1000000L;
-                timerfd_settime(m_timer.get(), 0, &when, nullptr);
+                reloadSoon();
             }
         }
     }
@@ -667,8 +724,7 @@ int Service::run(const std::function<void(int)>& ready)
     }
     // The marker may have appeared between the first look and the watch.
     if (::access(m_marker.c_str(), F_OK) == 0) {
-        std::lock_guard<std::mutex> lock(m_stateMutex);
-        m_state = "stopping";
+        m_stopWhy = "the stop marker " + m_marker + " appeared";
     }
     SLOG(LOG_LEVEL_INFO, "kuv-scand %s serving as %s (pid %d, engine %s, %u workers)", KUV_VERSION,
          kuvscan::kScandGuid, static_cast<int>(getpid()), m_settings.engine.c_str(), m_jobs->workers());
@@ -688,12 +744,9 @@ int Service::run(const std::function<void(int)>& ready)
     add(m_timer.get());
     std::string why;
     for (;;) {
-        {
-            std::lock_guard<std::mutex> lock(m_stateMutex);
-            if (m_state == "stopping") {
-                why = "the stop marker " + m_marker + " appeared";
-                break;
-            }
+        if (!m_stopWhy.empty()) {
+            why = m_stopWhy;
+            break;
         }
         epoll_event events[8];
         const int n = epoll_wait(epoll.get(), events, 8, -1);

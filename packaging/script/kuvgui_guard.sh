@@ -29,7 +29,7 @@ guard_log="${install_dir}log/kuvgui_guard.log"
 runtime=$(kuv_runtime_dir) || { kuv_log "$guard_log" "no usable runtime directory, guard not started"; exit 1; }
 
 # kuvgui starts this guard right after it removed the back end's stop marker: the back end runs again.
-"$(dirname "$0")/starttaviksd.sh" backend </dev/null >/dev/null 2>&1 &
+kuv_start_backend "$install_dir" "$guard_log" &
 
 interval=${KUV_GUARD_INTERVAL:-1}
 max_restarts=${KUV_GUARD_MAX_RESTARTS:-5}

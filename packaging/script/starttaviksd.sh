@@ -83,17 +83,8 @@ backend_pid() {
 }
 
 start_backend() {
-  if backend_unit_usable; then
-    kuv_log "$log" "starting $scand_unit"
-    systemctl --user start --no-block "$scand_unit" >>"$log" 2>&1
-    return 0
-  fi
-  kuv_log "$log" "starting ${install_dir}bin/kuv-scand"
-  # It reports once it serves (0), leaves when another one serves (1) or when the user stopped it (0).
-  "${install_dir}bin/kuv-scand" </dev/null >>"$log" 2>&1 9>&-
-  local rc=$?
-  [ "$rc" -le 1 ] || kuv_log "$log" "kuv-scand did not start (status $rc)"
-  return 0
+  kuv_log "$log" "starting the back end kuv-scand"
+  kuv_start_backend "$install_dir" "$log"
 }
 
 stop_backend() {

@@ -21,6 +21,7 @@
 
 #include <json/json.h>
 
+#include "BusCommand.h"
 #include "BusModule.h"
 #include "FileUtils.h"
 #include "KuvScanProtocol.h"
@@ -41,7 +42,8 @@ const char* const kUsage =
     "Scans files and folders (recursively) with the back end kuv-scand and prints one line per file:\n"
     "  PATH: OK | PATH: <signature> FOUND | PATH: ERROR: <reason> | PATH: SKIPPED: <reason> |\n"
     "  PATH: PARTIAL: not fully scanned: <limit>\n"
-    "followed by a summary. Control characters in paths are written escaped (\\n, \\t, \\xHH).\n"
+    "followed by a summary. Backslashes and control characters in paths are written escaped\n"
+    "(\\\\, \\n, \\t, \\xHH).\n"
     "kuvctl starts nothing: the back end must be running on the user's bus.\n"
     "\n"
     "  --json               print one JSON document instead: {\"job\", \"results\": [...], \"end\": {...}}, with\n"
@@ -145,7 +147,7 @@ std::string shownPath(const Json::Value& value)
     if (!kuvscan::pathFromJson(value, path)) {
         return "?";
     }
-    return kuv::escapeControl(path);
+    return escapeBody(path); // one line per file, and a backslash in a name cannot pass for an escape
 }
 
 void printResult(const Json::Value& r, bool infectedOnly)

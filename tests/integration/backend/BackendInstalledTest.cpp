@@ -396,3 +396,41 @@ TEST_F(Backend, TheMarkerStopsTheBackEndAndItsRemovalStartsItAgain)
     run({install->bin("kuvgui"), "quit"});
     gui->wait(30000);
 }
+
+TEST_F(Backend, AnInstallationThatGoesAwayTakesItsBackEndWithIt)
+{
+    startBroker();
+    startScand();
+    const pid_t worker = scandPid();
+    ASSERT_EQ(std::system(("rm -rf '" + install->dir + "data/pubcfg'").c_str()), 0);
+    EXPECT_TRUE(kuvtest::waitUntil([&] { return !alive(worker) && !alive(supervisorPid); }, 30000));
+    EXPECT_TRUE(kuvtest::fileContains(scandLog(), "pubcfg/ went away"));
+}
+
+TEST_F(Backend, ASystemDatabaseThatAppearsLaterIsLoaded)
+{
+    // The system's database directory does not exist yet, as before freshclam is installed.
+    const std::string sysdb = base + "/sysdb";
+    kuvtest::writeFile(install->dir + "etc/kuv-scand.conf",
+                       "{\"system_db_dir\": \"" + sysdb + "\", \"reload_delay_ms\": 200}\n");
+    own(install->dir + "etc/kuv-scand.conf");
+    startBroker();
+    startScand();
+    const std::string marked = writeFile("marked.txt", "kuv later signature test string\n");
+    EXPECT_EQ(kuvctl({"scan", marked}).status, 0);
+
+    ASSERT_EQ(::mkdir(sysdb.c_str(), 0755), 0);
+    own(sysdb);
+    std::string hex;
+    for (const char c : std::string("kuv later signature test string")) {
+        char two[3];
+        snprintf(two, sizeof(two), "%02x", static_cast<unsigned char>(c));
+        hex += two;
+    }
+    kuvtest::writeFile(sysdb + "/later.ndb", "Kuv.Test.Later:0:*:" + hex + "\n");
+    own(sysdb + "/later.ndb");
+    EXPECT_TRUE(kuvtest::waitUntil([&] { return kuvctl({"scan", marked}).status == 1; }, 30000, 200))
+        << kuvtest::readFile(scandLog());
+    EXPECT_TRUE(kuvtest::fileContains(scandLog(), "the database directory " + sysdb + " appeared"));
+    EXPECT_NE(kuvctl({"scan", marked}).out.find("Kuv.Test.Later"), std::string::npos);
+}

@@ -184,6 +184,11 @@ TEST(ClamdReply, Verdicts)
     r = clamd::parseScanReply("fd[11]: Heuristics.Limits.Exceeded.MaxScanSize FOUND");
     EXPECT_EQ(r.verdict, Verdict::Partial);
     EXPECT_EQ(r.reason, "not fully scanned: MaxScanSize");
+    r = clamd::parseScanReply("fd[11]: Heuristics.Limits.Exceeded FOUND");
+    EXPECT_EQ(r.verdict, Verdict::Partial);
+    EXPECT_EQ(r.reason, "not fully scanned: limit");
+    r = clamd::parseScanReply("fd[11]: Heuristics.Encrypted.Zip FOUND");
+    EXPECT_EQ(r.verdict, Verdict::Infected);
     r = clamd::parseScanReply("fd[11]: lstat() failed: No such file ERROR");
     EXPECT_EQ(r.verdict, Verdict::Error);
     EXPECT_EQ(r.reason, "engine: clamd: lstat() failed: No such file");
@@ -423,11 +428,15 @@ private:
         }
     }
     static void sendText(int fd, const std::string& s) { ::send(fd, s.data(), s.size(), MSG_NOSIGNAL); }
+    // Like clamd, a FILDES is served once its descriptor has arrived (it comes in a packet of its own).
     void handle(int fd)
     {
         bool session = false;
         unsigned id = 0;
+        int fdsReceived = 0;
         std::string pending;
+        std::string waitingPrefix; // a FILDES waiting for its descriptor
+        bool waiting = false;
         while (waitReadable(fd)) {
             char buf[256];
             alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))];
@@ -448,12 +457,30 @@ private:
                         int passed;
                         std::memcpy(&passed, CMSG_DATA(cm) + i * sizeof(int), sizeof passed);
                         ::close(passed);
+                        ++fdsReceived;
                     }
                 }
             }
             pending.append(buf, static_cast<size_t>(n));
-            size_t nul;
-            while ((nul = pending.find('\0')) != std::string::npos) {
+            for (;;) {
+                if (waiting) {
+                    if (fdsReceived == 0) {
+                        break;
+                    }
+                    --fdsReceived;
+                    waiting = false;
+                    if (!serveFildes(fd, waitingPrefix)) {
+                        return;
+                    }
+                    if (!session && m_mode != FakeMode::Stall) {
+                        return;
+                    }
+                    continue;
+                }
+                const size_t nul = pending.find('\0');
+                if (nul == std::string::npos) {
+                    break;
+                }
                 const std::string cmd = pending.substr(0, nul);
                 pending.erase(0, nul + 1);
                 if (cmd.empty()) {
@@ -464,29 +491,38 @@ private:
                     continue;
                 }
                 const std::string prefix = session ? std::to_string(++id) + ": " : "";
+                if (cmd == "zFILDES") {
+                    waiting = true;
+                    waitingPrefix = prefix;
+                    continue;
+                }
                 if (cmd == "zVERSION") {
                     sendText(fd, prefix + (m_mode == FakeMode::NotClamd ? "hello" : "ClamAV 9.9.9") +
                                      std::string(1, '\0'));
-                } else if (cmd == "zFILDES") {
-                    switch (m_mode) {
-                    case FakeMode::Stall:
-                    case FakeMode::NotClamd:
-                        break;
-                    case FakeMode::LongReply:
-                        sendText(fd, prefix + std::string(20000, 'x'));
-                        break;
-                    case FakeMode::Junk:
-                        sendText(fd, prefix + "fd[3]: something odd" + std::string(1, '\0'));
-                        break;
-                    case FakeMode::CloseAfterFd:
-                        return;
-                    }
                 }
                 if (!session && m_mode != FakeMode::Stall) {
                     return;
                 }
             }
         }
+    }
+    // false: hang up.
+    bool serveFildes(int fd, const std::string& prefix)
+    {
+        switch (m_mode) {
+        case FakeMode::Stall:
+        case FakeMode::NotClamd:
+            return true;
+        case FakeMode::LongReply:
+            sendText(fd, prefix + std::string(20000, 'x'));
+            return true;
+        case FakeMode::Junk:
+            sendText(fd, prefix + "fd[3]: something odd" + std::string(1, '\0'));
+            return true;
+        case FakeMode::CloseAfterFd:
+            return false;
+        }
+        return false;
     }
 
     kuvtest::TempDir m_dir;
@@ -547,24 +583,26 @@ TEST(ClamdFake, SilenceTimesOut)
 
 TEST(ClamdFake, BadAnswers)
 {
-    {
-        FakeClamd fake(FakeMode::LongReply);
-        const ScanResult r = scanVia(fake.socket(), ClamdOptions(), nullptr);
-        EXPECT_EQ(r.verdict, Verdict::Error);
-        EXPECT_EQ(r.reason, "engine: clamd reply too long");
-    }
-    {
-        FakeClamd fake(FakeMode::Junk);
-        const ScanResult r = scanVia(fake.socket(), ClamdOptions(), nullptr);
-        EXPECT_EQ(r.verdict, Verdict::Error);
-        EXPECT_NE(r.reason.find("unexpected clamd reply"), std::string::npos) << r.reason;
-    }
     for (const bool sessions : {true, false}) {
-        FakeClamd fake(FakeMode::CloseAfterFd);
         ClamdOptions opt;
         opt.sessions = sessions;
-        const ScanResult r = scanVia(fake.socket(), opt, nullptr);
-        EXPECT_EQ(r.verdict, Verdict::Error);
-        EXPECT_EQ(r.reason, "engine: clamd closed the connection");
+        {
+            FakeClamd fake(FakeMode::LongReply);
+            const ScanResult r = scanVia(fake.socket(), opt, nullptr);
+            EXPECT_EQ(r.verdict, Verdict::Error);
+            EXPECT_EQ(r.reason, "engine: clamd reply too long");
+        }
+        {
+            FakeClamd fake(FakeMode::Junk);
+            const ScanResult r = scanVia(fake.socket(), opt, nullptr);
+            EXPECT_EQ(r.verdict, Verdict::Error);
+            EXPECT_NE(r.reason.find("unexpected clamd reply"), std::string::npos) << r.reason;
+        }
+        {
+            FakeClamd fake(FakeMode::CloseAfterFd);
+            const ScanResult r = scanVia(fake.socket(), opt, nullptr);
+            EXPECT_EQ(r.verdict, Verdict::Error);
+            EXPECT_EQ(r.reason, "engine: clamd closed the connection");
+        }
     }
 }

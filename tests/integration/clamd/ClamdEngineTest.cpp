@@ -1,5 +1,7 @@
-// The clamd engine against a real clamd started on a private socket with a test database written here,
-// and against a small in-process fake for the answers a healthy clamd never gives (stalls, junk).
+// The clamd engine against a real clamd started on a private socket with the shipped database (or one
+// written here where the tree has none), and against a small in-process fake for the answers a healthy
+// clamd never gives (stalls, junk).
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pwd.h>
@@ -71,6 +73,33 @@ UniqueFd openRead(const std::string& path)
     return fd;
 }
 
+// Copies the signature files of the source tree's data/signatures into dir; returns how many.
+int copyShippedDatabase(const std::string& dir)
+{
+    const char* src = getenv("KUV_SOURCE_DIR");
+    if (src == nullptr || *src == '\0') {
+        return 0;
+    }
+    const std::string from = std::string(src) + "/data/signatures";
+    DIR* d = ::opendir(from.c_str());
+    if (d == nullptr) {
+        return 0;
+    }
+    int copied = 0;
+    while (const dirent* e = ::readdir(d)) {
+        const std::string name = e->d_name;
+        struct stat st;
+        if (name[0] == '.' || ::stat((from + "/" + name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+            continue;
+        }
+        kuvtest::writeFile(dir + "/" + name, kuvtest::readFile(from + "/" + name));
+        ::chmod((dir + "/" + name).c_str(), 0644);
+        ++copied;
+    }
+    ::closedir(d);
+    return copied;
+}
+
 // A clamd of our own: private config, socket, database, pid and log file in a temporary directory.
 // Started by root, it runs as "nobody", like a system clamd that does not share the user's rights.
 class RealClamd {
@@ -87,8 +116,11 @@ public:
             EXPECT_EQ(::chown((d + "/run").c_str(), nobody->pw_uid, nobody->pw_gid), 0);
         }
         ::mkdir((d + "/db").c_str(), 0755);
-        kuvtest::writeFile(d + "/db/kuvtest.ndb", "Kuv.Test.EICAR:0:*:" + hex(eicar()) + "\n");
-        ::chmod((d + "/db/kuvtest.ndb").c_str(), 0644);
+        // The database the installation ships, or, in a tree without one, an equivalent written here.
+        if (copyShippedDatabase(d + "/db") == 0) {
+            kuvtest::writeFile(d + "/db/kuvtest.ndb", "Kuv.Test.EICAR:0:*:" + hex(eicar()) + "\n");
+            ::chmod((d + "/db/kuvtest.ndb").c_str(), 0644);
+        }
         kuvtest::writeFile(d + "/clamd.conf",
                            "Foreground yes\n"
                            "LocalSocket " + socket() + "\n"
@@ -271,7 +303,7 @@ TEST_P(ClamdReal, ScansByDescriptorWhatClamdCannotOpenByPath)
 {
     auto engine = engineFor(m_clamd.socket(), options());
     ASSERT_TRUE(engine);
-    const std::string path = m_clamd.file("gone.com", "prefix " + eicar() + " suffix");
+    const std::string path = m_clamd.file("gone.com", eicar() + "\n");
     UniqueFd fd = openRead(path);
     ASSERT_EQ(::unlink(path.c_str()), 0);
     const ScanResult r = engine->scanFd(fd.get(), path, ScanLimits(), nullptr);

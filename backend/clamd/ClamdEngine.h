@@ -14,8 +14,9 @@ struct ClamdOptions {
     int scanTimeoutMs = 180000;   // longest wait for the verdict on one file
     int idleReuseMs = 10000;      // a pooled session idle for longer is closed, not reused
     unsigned maxPooled = 16;      // idle sessions kept open for reuse
-    // Reuse connections with IDSESSION instead of one connection per file. Measured slower with clamd
-    // 1.4 (about 0.75x on 5,000 tiny files, one thread; bench_clamd_engine --mode both), so off by default.
+    // Reuse connections with IDSESSION instead of one connection per file. Not faster with clamd 1.4:
+    // 5,000 tiny files, one thread, five alternating runs took 1.24x the time of a connection per file
+    // (bench_clamd_engine --mode sessions|perfile), so off by default.
     bool sessions = false;
 };
 

@@ -1,10 +1,11 @@
 // IScanEngine over clamd: each file travels as a descriptor (zFILDES + SCM_RIGHTS), so clamd reads only
 // what the caller opened, with the caller's rights, and never resolves the path itself.
 //
-// clamd answers one command per connection unless the connection opens an IDSESSION. Sessions are
-// pooled: a worker takes an idle one, sends one FILDES, waits for its numbered answer and gives the
-// session back. That saves a connect and an accept in clamd per file; a session that clamd closed
-// while it sat idle is noticed before use, and a stale one is retried once on a fresh connection.
+// clamd answers one command per connection unless the connection opens an IDSESSION. By default every
+// file gets a connection of its own: clamd serves those faster than commands inside a session. With
+// ClamdOptions::sessions, sessions are pooled instead: a worker takes an idle one, sends one FILDES,
+// waits for its numbered answer and gives the session back; a session that clamd closed while it sat
+// idle is noticed before use, and a stale one is retried once on a fresh connection.
 #include "ClamdEngine.h"
 
 #include <fcntl.h>

@@ -101,6 +101,9 @@ ScanResult parseScanReply(const std::string& reply)
         if (name.size() > limitPrefix.size() && name.compare(0, limitPrefix.size(), limitPrefix) == 0) {
             r.verdict = Verdict::Partial;
             r.reason = "not fully scanned: " + name.substr(limitPrefix.size());
+        } else if (name + "." == limitPrefix) {
+            r.verdict = Verdict::Partial;
+            r.reason = "not fully scanned: limit";
         } else {
             r.verdict = Verdict::Infected;
             r.signature = name;

@@ -1,5 +1,7 @@
-// The clamd engine against a real clamd started on a private socket with a test database written here,
-// and against a small in-process fake for the answers a healthy clamd never gives (stalls, junk).
+// The clamd engine against a real clamd started on a private socket with the shipped database (or one
+// written here where the tree has none), and against a small in-process fake for the answers a healthy
+// clamd never gives (stalls, junk).
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pwd.h>
@@ -71,6 +73,33 @@ UniqueFd openRead(const std::string& path)
     return fd;
 }
 
+// Copies the signature files of the source tree's data/signatures into dir; returns how many.
+int copyShippedDatabase(const std::string& dir)
+{
+    const char* src = getenv("KUV_SOURCE_DIR");
+    if (src == nullptr || *src == '\0') {
+        return 0;
+    }
+    const std::string from = std::string(src) + "/data/signatures";
+    DIR* d = ::opendir(from.c_str());
+    if (d == nullptr) {
+        return 0;
+    }
+    int copied = 0;
+    while (const dirent* e = ::readdir(d)) {
+        const std::string name = e->d_name;
+        struct stat st;
+        if (name[0] == '.' || ::stat((from + "/" + name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+            continue;
+        }
+        kuvtest::writeFile(dir + "/" + name, kuvtest::readFile(from + "/" + name));
+        ::chmod((dir + "/" + name).c_str(), 0644);
+        ++copied;
+    }
+    ::closedir(d);
+    return copied;
+}
+
 // A clamd of our own: private config, socket, database, pid and log file in a temporary directory.
 // Started by root, it runs as "nobody", like a system clamd that does not share the user's rights.
 class RealClamd {
@@ -87,8 +116,11 @@ public:
             EXPECT_EQ(::chown((d + "/run").c_str(), nobody->pw_uid, nobody->pw_gid), 0);
         }
         ::mkdir((d + "/db").c_str(), 0755);
-        kuvtest::writeFile(d + "/db/kuvtest.ndb", "Kuv.Test.EICAR:0:*:" + hex(eicar()) + "\n");
-        ::chmod((d + "/db/kuvtest.ndb").c_str(), 0644);
+        // The database the installation ships, or, in a tree without one, an equivalent written here.
+        if (copyShippedDatabase(d + "/db") == 0) {
+            kuvtest::writeFile(d + "/db/kuvtest.ndb", "Kuv.Test.EICAR:0:*:" + hex(eicar()) + "\n");
+            ::chmod((d + "/db/kuvtest.ndb").c_str(), 0644);
+        }
         kuvtest::writeFile(d + "/clamd.conf",
                            "Foreground yes\n"
                            "LocalSocket " + socket() + "\n"
@@ -184,6 +216,11 @@ TEST(ClamdReply, Verdicts)
     r = clamd::parseScanReply("fd[11]: Heuristics.Limits.Exceeded.MaxScanSize FOUND");
     EXPECT_EQ(r.verdict, Verdict::Partial);
     EXPECT_EQ(r.reason, "not fully scanned: MaxScanSize");
+    r = clamd::parseScanReply("fd[11]: Heuristics.Limits.Exceeded FOUND");
+    EXPECT_EQ(r.verdict, Verdict::Partial);
+    EXPECT_EQ(r.reason, "not fully scanned: limit");
+    r = clamd::parseScanReply("fd[11]: Heuristics.Encrypted.Zip FOUND");
+    EXPECT_EQ(r.verdict, Verdict::Infected);
     r = clamd::parseScanReply("fd[11]: lstat() failed: No such file ERROR");
     EXPECT_EQ(r.verdict, Verdict::Error);
     EXPECT_EQ(r.reason, "engine: clamd: lstat() failed: No such file");
@@ -266,7 +303,7 @@ TEST_P(ClamdReal, ScansByDescriptorWhatClamdCannotOpenByPath)
 {
     auto engine = engineFor(m_clamd.socket(), options());
     ASSERT_TRUE(engine);
-    const std::string path = m_clamd.file("gone.com", "prefix " + eicar() + " suffix");
+    const std::string path = m_clamd.file("gone.com", eicar() + "\n");
     UniqueFd fd = openRead(path);
     ASSERT_EQ(::unlink(path.c_str()), 0);
     const ScanResult r = engine->scanFd(fd.get(), path, ScanLimits(), nullptr);
@@ -423,11 +460,15 @@ private:
         }
     }
     static void sendText(int fd, const std::string& s) { ::send(fd, s.data(), s.size(), MSG_NOSIGNAL); }
+    // Like clamd, a FILDES is served once its descriptor has arrived (it comes in a packet of its own).
     void handle(int fd)
     {
         bool session = false;
         unsigned id = 0;
+        int fdsReceived = 0;
         std::string pending;
+        std::string waitingPrefix; // a FILDES waiting for its descriptor
+        bool waiting = false;
         while (waitReadable(fd)) {
             char buf[256];
             alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))];
@@ -448,12 +489,30 @@ private:
                         int passed;
                         std::memcpy(&passed, CMSG_DATA(cm) + i * sizeof(int), sizeof passed);
                         ::close(passed);
+                        ++fdsReceived;
                     }
                 }
             }
             pending.append(buf, static_cast<size_t>(n));
-            size_t nul;
-            while ((nul = pending.find('\0')) != std::string::npos) {
+            for (;;) {
+                if (waiting) {
+                    if (fdsReceived == 0) {
+                        break;
+                    }
+                    --fdsReceived;
+                    waiting = false;
+                    if (!serveFildes(fd, waitingPrefix)) {
+                        return;
+                    }
+                    if (!session && m_mode != FakeMode::Stall) {
+                        return;
+                    }
+                    continue;
+                }
+                const size_t nul = pending.find('\0');
+                if (nul == std::string::npos) {
+                    break;
+                }
                 const std::string cmd = pending.substr(0, nul);
                 pending.erase(0, nul + 1);
                 if (cmd.empty()) {
@@ -464,29 +523,38 @@ private:
                     continue;
                 }
                 const std::string prefix = session ? std::to_string(++id) + ": " : "";
+                if (cmd == "zFILDES") {
+                    waiting = true;
+                    waitingPrefix = prefix;
+                    continue;
+                }
                 if (cmd == "zVERSION") {
                     sendText(fd, prefix + (m_mode == FakeMode::NotClamd ? "hello" : "ClamAV 9.9.9") +
                                      std::string(1, '\0'));
-                } else if (cmd == "zFILDES") {
-                    switch (m_mode) {
-                    case FakeMode::Stall:
-                    case FakeMode::NotClamd:
-                        break;
-                    case FakeMode::LongReply:
-                        sendText(fd, prefix + std::string(20000, 'x'));
-                        break;
-                    case FakeMode::Junk:
-                        sendText(fd, prefix + "fd[3]: something odd" + std::string(1, '\0'));
-                        break;
-                    case FakeMode::CloseAfterFd:
-                        return;
-                    }
                 }
                 if (!session && m_mode != FakeMode::Stall) {
                     return;
                 }
             }
         }
+    }
+    // false: hang up.
+    bool serveFildes(int fd, const std::string& prefix)
+    {
+        switch (m_mode) {
+        case FakeMode::Stall:
+        case FakeMode::NotClamd:
+            return true;
+        case FakeMode::LongReply:
+            sendText(fd, prefix + std::string(20000, 'x'));
+            return true;
+        case FakeMode::Junk:
+            sendText(fd, prefix + "fd[3]: something odd" + std::string(1, '\0'));
+            return true;
+        case FakeMode::CloseAfterFd:
+            return false;
+        }
+        return false;
     }
 
     kuvtest::TempDir m_dir;
@@ -547,24 +615,26 @@ TEST(ClamdFake, SilenceTimesOut)
 
 TEST(ClamdFake, BadAnswers)
 {
-    {
-        FakeClamd fake(FakeMode::LongReply);
-        const ScanResult r = scanVia(fake.socket(), ClamdOptions(), nullptr);
-        EXPECT_EQ(r.verdict, Verdict::Error);
-        EXPECT_EQ(r.reason, "engine: clamd reply too long");
-    }
-    {
-        FakeClamd fake(FakeMode::Junk);
-        const ScanResult r = scanVia(fake.socket(), ClamdOptions(), nullptr);
-        EXPECT_EQ(r.verdict, Verdict::Error);
-        EXPECT_NE(r.reason.find("unexpected clamd reply"), std::string::npos) << r.reason;
-    }
     for (const bool sessions : {true, false}) {
-        FakeClamd fake(FakeMode::CloseAfterFd);
         ClamdOptions opt;
         opt.sessions = sessions;
-        const ScanResult r = scanVia(fake.socket(), opt, nullptr);
-        EXPECT_EQ(r.verdict, Verdict::Error);
-        EXPECT_EQ(r.reason, "engine: clamd closed the connection");
+        {
+            FakeClamd fake(FakeMode::LongReply);
+            const ScanResult r = scanVia(fake.socket(), opt, nullptr);
+            EXPECT_EQ(r.verdict, Verdict::Error);
+            EXPECT_EQ(r.reason, "engine: clamd reply too long");
+        }
+        {
+            FakeClamd fake(FakeMode::Junk);
+            const ScanResult r = scanVia(fake.socket(), opt, nullptr);
+            EXPECT_EQ(r.verdict, Verdict::Error);
+            EXPECT_NE(r.reason.find("unexpected clamd reply"), std::string::npos) << r.reason;
+        }
+        {
+            FakeClamd fake(FakeMode::CloseAfterFd);
+            const ScanResult r = scanVia(fake.socket(), opt, nullptr);
+            EXPECT_EQ(r.verdict, Verdict::Error);
+            EXPECT_EQ(r.reason, "engine: clamd closed the connection");
+        }
     }
 }

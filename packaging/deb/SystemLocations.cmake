@@ -55,7 +55,34 @@ foreach(program kuvgui kuvctl kuvgui-user-integration)
 endforeach()
 
 file(MAKE_DIRECTORY "${root}/usr/share/doc/kuvgui")
-configure_file("${CPACK_KUV_DEB_SOURCE_DIR}/copyright" "${root}/usr/share/doc/kuvgui/copyright" COPYONLY)
+configure_file("${CPACK_KUV_DEB_SOURCE_DIR}/copyright" "${root}/usr/share/doc/kuvgui/copyright" @ONLY)
+# The Debian changelog, compressed without a time stamp so that the package is reproducible.
+configure_file("${CPACK_KUV_DEB_SOURCE_DIR}/changelog" "${CPACK_TEMPORARY_DIRECTORY}/../changelog.Debian" @ONLY)
+execute_process(COMMAND gzip -9nc "${CPACK_TEMPORARY_DIRECTORY}/../changelog.Debian"
+                OUTPUT_FILE "${root}/usr/share/doc/kuvgui/changelog.Debian.gz" RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "kuvgui package: gzip changelog.Debian failed")
+endif()
+
+# Every file under the prefix's etc/ is configuration the administrator may change: a conffile,
+# kept across upgrades. Conffiles belong under /etc, so the files live in /etc/opt/kuv (where the
+# FHS puts the configuration of a package in /opt) and /opt/kuv/etc is a relative link to it,
+# which the service and an unpacked copy of the tree follow alike.
+set(etc_home "${root}/etc/opt/kuv")
+file(MAKE_DIRECTORY "${root}/etc/opt")
+file(RENAME "${prefix}/etc" "${etc_home}")
+file(CREATE_LINK "../../etc/opt/kuv" "${prefix}/etc" SYMBOLIC)
+file(GLOB_RECURSE etc_files LIST_DIRECTORIES false RELATIVE "${etc_home}" "${etc_home}/*")
+list(SORT etc_files)
+file(READ "${CPACK_KUV_DEB_SOURCE_DIR}/conffiles" conffiles)
+foreach(f IN LISTS etc_files)
+  string(APPEND conffiles "/etc/opt/kuv/${f}\n")
+endforeach()
+file(WRITE "${CPACK_KUV_CONFFILES}" "${conffiles}")
+
+# Lintian's verdicts that do not apply to this package, each with its reason.
+file(MAKE_DIRECTORY "${root}/usr/share/lintian/overrides")
+configure_file("${CPACK_KUV_DEB_SOURCE_DIR}/lintian-overrides" "${root}/usr/share/lintian/overrides/kuvgui" COPYONLY)
 
 # Directories the service writes at run time (their mode is set by postinst).
 file(MAKE_DIRECTORY "${prefix}/log" "${prefix}/data/pubcfg")

@@ -62,6 +62,38 @@ bool guiPossible(int argc, char** argv, std::string& reason)
     return true;
 }
 
+// Qt's own messages belong in the service log, not on the terminal that started the service.
+void qtMessage(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    _LOG_LEVEL level = LOG_LEVEL_INFO;
+    switch (type) {
+    case QtDebugMsg:
+        level = LOG_LEVEL_DEBUG;
+        break;
+    case QtInfoMsg:
+        level = LOG_LEVEL_INFO;
+        break;
+    case QtWarningMsg:
+        level = LOG_LEVEL_WARN;
+        break;
+    case QtCriticalMsg:
+    case QtFatalMsg:
+        level = LOG_LEVEL_ERROR;
+        break;
+    }
+    const std::string text = message.toStdString();
+    const char* category = context.category != nullptr ? context.category : "default";
+    CLogDebug* log = CLogDebug::Instance();
+    if (log != nullptr) {
+        log->LogPrint(level, "platform/guishell/Qt", context.function != nullptr ? context.function : "qt",
+                      context.line > 0 ? static_cast<unsigned>(context.line) : 0u, "[%s] %s", category, text.c_str());
+    }
+    // Qt aborts right after a fatal message: the terminal gets that one too.
+    if (type == QtFatalMsg) {
+        std::fprintf(stderr, "kuvgui: Qt: %s\n", kuv::escapeControl(text).c_str());
+    }
+}
+
 // A start that ends here says why where the person who started it looks, not only in the log.
 void refuse(const std::string& reason)
 {
@@ -143,6 +175,7 @@ int initShell(int& argc, char** argv, sUninstallFunc uninstall, bool& firstStart
     }
     // From here on SIGTERM, SIGINT and SIGHUP wait for the event loop and then quit like `kuvgui quit`.
     kuv::shell::installQuitSignals();
+    qInstallMessageHandler(&qtMessage);
     if (QCoreApplication::instance() == nullptr) {
         std::string reason;
         if (!guiPossible(argc, argv, reason)) {

@@ -258,3 +258,22 @@ TEST(Session, LanguageOfTheSettingsWinsAndTheServiceDecidesTheRest)
     EXPECT_EQ(languageWith({"LANG=zh_CN.UTF-8"}, "{\"language\":\"en\"}\n"), "en");
     EXPECT_EQ(languageWith({"LANG=C.UTF-8"}, "{\"language\":\"zh-CN\"}\n"), "zh-CN");
 }
+
+TEST(Session, TerminalsStayQuiet)
+{
+    Service s;
+    verboseLog(s);
+    s.startAll();
+    // The window shown at the first start makes the offscreen platform complain; that goes to the log.
+    ASSERT_TRUE(kuvtest::waitForFileContains(s.inst.log(), "This plugin does not support", 30000)) << s.log();
+    ASSERT_TRUE(s.quit());
+    EXPECT_EQ(s.service->exitStatus(), 0);
+    EXPECT_EQ(s.service->err(), "");
+    // Standard output keeps the start lines and nothing else.
+    const std::string out = s.service->out();
+    EXPECT_EQ(out.find("This plugin"), std::string::npos) << out;
+    EXPECT_EQ(out.rfind(std::string("Container[") + svctest::kTag + "] single process mark create success\n", 0), 0u);
+    s.broker->signal(SIGTERM);
+    ASSERT_TRUE(s.broker->wait(30000));
+    EXPECT_EQ(s.broker->out(), "");
+}

@@ -128,10 +128,17 @@ Json::Value ctrlRecord(int code)
 namespace {
 
 // The first start's own command line, as a later start would have forwarded it: "right PATHS" scans
-// them, nothing at all shows the window. Runs once the shell takes control requests.
+// them, nothing at all shows the window, unless the session started the service (KUV_START_HIDDEN=1:
+// the autostart entry, the user unit, and the restarts of such a service), when it stays in the tray.
+// Runs once the shell takes control requests.
 void runFirstStartCommand(int argc, char** argv)
 {
     if (argc < 2 || argv == nullptr || argv[1] == nullptr) {
+        const char* hidden = std::getenv("KUV_START_HIDDEN");
+        if (hidden != nullptr && std::strcmp(hidden, "1") == 0) {
+            SH_LOG(LOG_LEVEL_INFO, "started by the session (KUV_START_HIDDEN=1): the window stays hidden");
+            return;
+        }
         KuvGuiInterface::ctrl(GUI_CTR_SHOW_MAIN, nullptr);
         return;
     }

@@ -183,6 +183,20 @@ TEST(Session, FirstStartWithoutCommandShowsTheWindow)
     EXPECT_EQ(s.journal().find("\"code\":1"), std::string::npos) << s.journal();
 }
 
+TEST(Session, FirstStartBySessionKeepsTheWindowHidden)
+{
+    Service s;
+    s.startBroker();
+    s.startService({"KUV_START_HIDDEN=1"});
+    ASSERT_TRUE(s.waitRunning()) << s.log();
+    // Status 3 comes after the shell's start, where the first start's own request would be made.
+    EXPECT_EQ(s.journal().find("\"code\":0"), std::string::npos) << s.journal();
+    // A later start by hand still shows it.
+    EXPECT_EQ(s.second({}).status, 1);
+    EXPECT_TRUE(kuvtest::waitUntil(
+        [&] { return s.journal().find("{\"event\":\"ctrl\",\"code\":0}") != std::string::npos; }, 30000));
+}
+
 TEST(Session, StartWithoutDisplaySaysWhyOnStandardError)
 {
     Service s;

@@ -211,6 +211,19 @@ TEST(Session, StartWithoutDisplaySaysWhyOnStandardError)
     EXPECT_EQ(s.service->out().find("no GUI"), std::string::npos) << s.service->out();
 }
 
+TEST(Session, FailedStartPointsStandardErrorToTheLog)
+{
+    Service s;
+    unlink((s.inst.dir + "lib/modules/libconfigproxy.so").c_str());
+    s.startBroker();
+    s.startService({svctest::noLeakCheck()});
+    ASSERT_TRUE(s.service->wait(60000));
+    EXPECT_EQ(s.service->exitStatus(), 255);
+    EXPECT_NE(s.service->err().find("kuvgui: the service did not start; the reason is in its log"), std::string::npos)
+        << s.service->err();
+    EXPECT_TRUE(kuvtest::fileContains(s.inst.log(), "===== configproxy init faild. =====")) << s.log();
+}
+
 TEST(Session, KuvctlHelpAndVersionCoverKuvgui)
 {
     Service s;

@@ -6,6 +6,7 @@
 #include <list>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <QApplication>
 #include <QThread>
@@ -128,20 +129,22 @@ Json::Value ctrlRecord(int code)
 namespace {
 
 // The first start's own command line, as a later start would have forwarded it: "right PATHS" scans
-// them, nothing at all shows the window. Runs once the shell takes control requests.
-void runFirstStartCommand(int argc, char** argv)
+// them, nothing at all shows the window, unless the session started the service (KUV_START_HIDDEN=1:
+// the autostart entry, the user unit, and the restarts of such a service), when it stays in the tray.
+// Runs once the shell takes control requests.
+void runFirstStartCommand(const std::vector<std::string>& args)
 {
-    if (argc < 2 || argv == nullptr || argv[1] == nullptr) {
+    if (args.size() < 2) {
+        const char* hidden = std::getenv("KUV_START_HIDDEN");
+        if (hidden != nullptr && std::strcmp(hidden, "1") == 0) {
+            SH_LOG(LOG_LEVEL_INFO, "started by the session (KUV_START_HIDDEN=1): the window stays hidden");
+            return;
+        }
         KuvGuiInterface::ctrl(GUI_CTR_SHOW_MAIN, nullptr);
         return;
     }
-    if (std::strcmp(argv[1], "right") == 0 && argc > 2) {
-        std::list<std::string> paths;
-        for (int i = 2; i < argc; ++i) {
-            if (argv[i] != nullptr) {
-                paths.emplace_back(argv[i]);
-            }
-        }
+    if (args[1] == "right" && args.size() > 2) {
+        std::list<std::string> paths(args.begin() + 2, args.end());
         KuvGuiInterface::ctrl(GUI_CTR_CONTEXT_MENU_SCAN, &paths);
     }
 }
@@ -152,10 +155,15 @@ int initShell(int& argc, char** argv, sUninstallFunc uninstall, bool& firstStart
 
 int KuvGuiInterface::init(int& argc, char** argv, sUninstallFunc uninstall)
 {
+    // Taken before Qt removes the words it knows (-style, -reverse...), so a path is kept as given.
+    std::vector<std::string> args;
+    for (int i = 0; argv != nullptr && i < argc && argv[i] != nullptr; ++i) {
+        args.emplace_back(argv[i]);
+    }
     bool firstStartCommand = false;
     const int rc = initShell(argc, argv, uninstall, firstStartCommand);
     if (rc == 0 && firstStartCommand) {
-        runFirstStartCommand(argc, argv);
+        runFirstStartCommand(args);
     }
     return rc;
 }

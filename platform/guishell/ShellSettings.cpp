@@ -34,7 +34,7 @@ std::string envValue(const char* name)
     return v != nullptr ? std::string(v) : std::string();
 }
 
-// The user's value for key: the user's file first, then the installation's. Caller holds g_settingsMutex.
+// key from the user's own file, when that file has it. Caller holds g_settingsMutex.
 bool userValue(const std::string& key, Json::Value& out)
 {
     const std::string path = kuv::shell::shellConfPath();

@@ -301,6 +301,9 @@ TEST(DesktopAutostart, StartsBrokerAndServiceWhenNoneRuns)
     EXPECT_TRUE(waitUntil([&] { return access((inst.runtime + "/kuv/kuv_zell").c_str(), F_OK) == 0; }, 30000))
         << "the autostart entry did not start the broker";
     EXPECT_TRUE(waitUntil([&] { return access((inst.runtime + "/kuv/kuv-gui").c_str(), F_OK) == 0; }, 30000));
+    // Running (status 3 comes after the shell's start), and still without its window.
+    EXPECT_TRUE(waitUntil([&] { return run({inst.bin("kuvctl"), "status"}, inst.env()).out.find("status=3") != std::string::npos; },
+                          60000, 100));
     EXPECT_EQ(ctrlCount(inst.journal, 0), 0) << "a start at login must not be a show-window request";
 
     // The unit's ExecCondition and ExecStop helpers against this instance.

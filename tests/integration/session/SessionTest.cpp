@@ -163,10 +163,11 @@ TEST(Session, FirstStartScansWhatItWasGiven)
 {
     Service s;
     s.startBroker();
-    s.startService({}, {"right", "/x", "/a b"});
+    // "-reverse" is a word Qt takes for itself; as a path it is kept all the same.
+    s.startService({}, {"right", "/x", "/a b", "-reverse"});
     ASSERT_TRUE(s.waitRunning()) << s.service->err() << s.log();
     // The same request a forwarded "right /x" makes, once the shell is up.
-    const std::string request = "{\"event\":\"ctrl\",\"code\":1,\"paths\":[\"/x\",\"/a b\"]}";
+    const std::string request = "{\"event\":\"ctrl\",\"code\":1,\"paths\":[\"/x\",\"/a b\",\"-reverse\"]}";
     ASSERT_TRUE(kuvtest::waitUntil([&] { return s.journal().find(request) != std::string::npos; }, 30000))
         << s.journal();
     EXPECT_LT(s.journal().find("{\"event\":\"init\"}"), s.journal().find(request));
@@ -183,6 +184,20 @@ TEST(Session, FirstStartWithoutCommandShowsTheWindow)
     EXPECT_EQ(s.journal().find("\"code\":1"), std::string::npos) << s.journal();
 }
 
+TEST(Session, FirstStartBySessionKeepsTheWindowHidden)
+{
+    Service s;
+    s.startBroker();
+    s.startService({"KUV_START_HIDDEN=1"});
+    ASSERT_TRUE(s.waitRunning()) << s.log();
+    // Status 3 comes after the shell's start, where the first start's own request would be made.
+    EXPECT_EQ(s.journal().find("\"code\":0"), std::string::npos) << s.journal();
+    // A later start by hand still shows it.
+    EXPECT_EQ(s.second({}).status, 1);
+    EXPECT_TRUE(kuvtest::waitUntil(
+        [&] { return s.journal().find("{\"event\":\"ctrl\",\"code\":0}") != std::string::npos; }, 30000));
+}
+
 TEST(Session, StartWithoutDisplaySaysWhyOnStandardError)
 {
     Service s;
@@ -195,6 +210,19 @@ TEST(Session, StartWithoutDisplaySaysWhyOnStandardError)
     EXPECT_TRUE(kuvtest::fileContains(s.inst.log(), "no GUI: platform xcb but DISPLAY is not set")) << s.log();
     // Standard output keeps only its own lines.
     EXPECT_EQ(s.service->out().find("no GUI"), std::string::npos) << s.service->out();
+}
+
+TEST(Session, FailedStartPointsStandardErrorToTheLog)
+{
+    Service s;
+    unlink((s.inst.dir + "lib/modules/libconfigproxy.so").c_str());
+    s.startBroker();
+    s.startService({svctest::noLeakCheck()});
+    ASSERT_TRUE(s.service->wait(60000));
+    EXPECT_EQ(s.service->exitStatus(), 255);
+    EXPECT_NE(s.service->err().find("kuvgui: the service did not start; the reason is in its log"), std::string::npos)
+        << s.service->err();
+    EXPECT_TRUE(kuvtest::fileContains(s.inst.log(), "===== configproxy init faild. =====")) << s.log();
 }
 
 TEST(Session, KuvctlHelpAndVersionCoverKuvgui)

@@ -11,6 +11,19 @@
 
 namespace {
 
+PFN_KUVGUI_SERVICE_RUN g_serviceRun = nullptr;
+
+// A start that failed has logged its reason; the terminal that started it learns where to look.
+int runService(CGlobalTag* tag, int* argc, char** argv, PFN_KUVGUI_RELEASE_TAG releaseTag)
+{
+    const int rc = g_serviceRun(tag, argc, argv, releaseTag);
+    if (rc < 0) {
+        fputs("kuvgui: the service did not start; the reason is in its log (kuvctl logs -n 20 --no-follow)\n",
+              stderr);
+    }
+    return rc;
+}
+
 // The service library (Qt, the bus, the log) is loaded only by the process that becomes the service, so a
 // forwarding start costs no more than the tag check and one message.
 PFN_KUVGUI_SERVICE_RUN loadService()
@@ -36,11 +49,12 @@ PFN_KUVGUI_SERVICE_RUN loadService()
         fprintf(stderr, "kuvgui: cannot load %s: %s\n", library.c_str(), error != nullptr ? error : "");
         return nullptr;
     }
-    auto run = reinterpret_cast<PFN_KUVGUI_SERVICE_RUN>(dlsym(handle, KUVGUI_SERVICE_RUN_SYMBOL));
-    if (run == nullptr) {
+    g_serviceRun = reinterpret_cast<PFN_KUVGUI_SERVICE_RUN>(dlsym(handle, KUVGUI_SERVICE_RUN_SYMBOL));
+    if (g_serviceRun == nullptr) {
         fprintf(stderr, "kuvgui: %s has no %s\n", library.c_str(), KUVGUI_SERVICE_RUN_SYMBOL);
+        return nullptr;
     }
-    return run;
+    return &runService;
 }
 
 } // namespace

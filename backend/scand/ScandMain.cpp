@@ -44,6 +44,7 @@
 #include "ScanRequest.h"
 #include "Settings.h"
 #include "UniqueFd.h"
+#include "WriteSignals.h"
 #include "ZellWire.h"
 
 namespace {
@@ -987,7 +988,7 @@ int serve(const Settings& settings, const std::string& installDir, UniqueFd& rea
     sigaddset(&mask, SIGINT);
     sigaddset(&mask, SIGHUP);
     sigprocmask(SIG_BLOCK, &mask, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    kuv::ignoreWriteSignals();
     Service service(settings, installDir);
     return service.run([&](int status) { report(ready, status); });
 }
@@ -1002,7 +1003,7 @@ int supervise(const Settings& settings, const std::string& installDir, UniqueFd&
     sigaction(SIGTERM, &sa, nullptr);
     sigaction(SIGINT, &sa, nullptr);
     signal(SIGHUP, SIG_IGN);
-    signal(SIGPIPE, SIG_IGN);
+    kuv::ignoreWriteSignals();
     std::vector<std::chrono::steady_clock::time_point> crashes;
     int delay = 1;
     for (;;) {

@@ -6,6 +6,9 @@
 #include <QPointer>
 #include <QStringList>
 
+#include <string>
+#include <vector>
+
 class QAction;
 class QListWidget;
 class QListWidgetItem;
@@ -25,7 +28,9 @@ public:
     explicit MainWindow(QWidget* parent = nullptr);
     ~MainWindow() override;
 
-    void showScanRequest(const QStringList& paths);
+    // Scans these exact path bytes (clean verdicts listed too) and shows the scan page.
+    void showScanRequest(const std::vector<std::string>& paths);
+    ScanPage* scanPage() const { return m_scan; }
     // Gives plugin pages back to their plugins before the window goes.
     void detachPluginPages();
 

@@ -45,7 +45,7 @@ constexpr int kWatchdogMs = 4000;
 // Bodies from the back end beyond this are not read (a result batch is far smaller).
 constexpr int kMaxBodyBytes = 8 * 1024 * 1024;
 // The subscriber list is a few lines; anything bigger is rewritten.
-constexpr off_t kMaxSubscriberFile = 4096;
+constexpr off_t kMaxSubscriberFile = kuvscan::kMaxSubscriberFileBytes;
 
 int timerScale()
 {
@@ -141,7 +141,7 @@ bool addScanSubscriber(const std::string& guid)
     if (dir.empty()) {
         return false;
     }
-    const std::string path = dir + kSubscribersFile;
+    const std::string path = dir + kuvscan::kSubscribersFile;
     const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
         return false;

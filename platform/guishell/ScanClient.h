@@ -21,8 +21,6 @@ class ScanBus;
 
 // The shell's own endpoint on the bus, used for scan jobs and back-end status.
 constexpr const char* kShellScanGuid = "7E3B9C42-1D5A-4F86-B0E7-2A9C4D6F8E15";
-// Logical name of the list of endpoints the back end announces itself to when it starts.
-constexpr const char* kSubscribersFile = "scand-subscribers";
 
 // Bytes of a path for display: UTF-8 as is, control characters as \n, \t, \xHH, other bytes as \xHH.
 QString displayPath(const std::string& bytes);

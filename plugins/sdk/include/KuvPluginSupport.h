@@ -253,6 +253,10 @@ public:
         m_receiver.reset();
     }
 
+    // Routes one more message type to the same handler (which tells them apart by BusMessage::type).
+    // 0 on success; -1 when not on the bus.
+    int alsoListen(int64_t type) { return m_receiver ? m_bus.listen(type, m_receiver.get()) : -1; }
+
     Page* page() const { return m_page; }
     PluginEndpoint& bus() { return m_bus; }
 

@@ -384,6 +384,7 @@ private:
         m_last["end_time"] = static_cast<Json::Int64>(nowMs() / 1000);
         m_last["files"] = end["files"];
         m_last["infected"] = end["infected"];
+        m_busy = false;
         for (const std::string& k : m_subscribers) {
             GUID g{};
             memcpy(&g, k.data(), sizeof(g));

@@ -284,6 +284,11 @@ TEST_F(ScanPageTest, MissingBackEndIsShownAndStartedFromThePage)
     EXPECT_NE(-1, labelText("kuvScanBackendText").indexOf("is not running")) << labelText("kuvScanBackendText").toStdString();
     auto* start = child<QPushButton>("kuvScanStartBackend");
     ASSERT_TRUE(start->isVisible());
+    const char* buildDir = std::getenv("KUV_BUILD_DIR");
+    const QString outDir = QString::fromLocal8Bit(buildDir != nullptr ? buildDir : ".") + "/screenshots";
+    QDir().mkpath(outDir);
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(window()->grab().toImage().save(outDir + "/scan-en-backend-not-running.png", "PNG"));
 
     // Started from here, the back end announces itself and the request that found nothing is sent again.
     start->click();

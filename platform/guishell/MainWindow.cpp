@@ -90,6 +90,12 @@ void MainWindow::showScanRequest(const std::vector<std::string>& paths)
     m_nav->setCurrentItem(m_scanItem);
 }
 
+void MainWindow::setScanClient(ScanClient* client)
+{
+    m_scan->setClient(client);
+    m_overview->setScanClient(client);
+}
+
 void MainWindow::syncPluginPages()
 {
     const QList<CQPluginManager::PluginStatus> status = CQPluginManager::singleInstance()->pluginStatus();

@@ -19,6 +19,7 @@ namespace kuv {
 namespace shell {
 
 class OverviewPage;
+class ScanClient;
 class ScanPage;
 class SettingsPage;
 
@@ -31,6 +32,8 @@ public:
     // Scans these exact path bytes (clean verdicts listed too) and shows the scan page.
     void showScanRequest(const std::vector<std::string>& paths);
     ScanPage* scanPage() const { return m_scan; }
+    // The scan page runs its jobs on client; the overview shows the back end's state.
+    void setScanClient(ScanClient* client);
     // Gives plugin pages back to their plugins before the window goes.
     void detachPluginPages();
 

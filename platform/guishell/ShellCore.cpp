@@ -13,7 +13,6 @@
 #include "FileUtils.h"
 #include "MainWindow.h"
 #include "ScanClient.h"
-#include "ScanPage.h"
 #include "ShellSettings.h"
 
 namespace kuv {
@@ -69,7 +68,7 @@ void ShellCore::build(sUninstallFunc uninstall)
         m_scanClient = std::make_unique<ScanClient>();
     }
     m_window = std::make_unique<MainWindow>();
-    m_window->scanPage()->setClient(m_scanClient.get());
+    m_window->setScanClient(m_scanClient.get());
     connect(m_window.get(), &MainWindow::quitRequested, this, &ShellCore::quit);
     connect(m_window.get(), &MainWindow::languageChosen, this, &ShellCore::applyLanguage);
     // Plugins bring their own catalogs; a newly loaded one needs the translators set up again.

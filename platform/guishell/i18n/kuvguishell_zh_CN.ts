@@ -138,6 +138,38 @@
         <source>Partly loaded (%1 of %2)</source>
         <translation>部分加载（%1/%2）</translation>
     </message>
+    <message>
+        <source>Scan back end:</source>
+        <translation>扫描后台服务：</translation>
+    </message>
+    <message>
+        <source>Not asked yet (the Scan page asks)</source>
+        <translation>尚未查询（打开“扫描”页面时查询）</translation>
+    </message>
+    <message>
+        <source>Asking...</source>
+        <translation>正在查询...</translation>
+    </message>
+    <message>
+        <source>Starting...</source>
+        <translation>正在启动...</translation>
+    </message>
+    <message>
+        <source>Unreachable (no message bus)</source>
+        <translation>无法连接（没有消息总线）</translation>
+    </message>
+    <message>
+        <source>Not running</source>
+        <translation>未运行</translation>
+    </message>
+    <message>
+        <source>Running (process %1, %2)</source>
+        <translation>正在运行（进程 %1，%2）</translation>
+    </message>
+    <message>
+        <source>Running</source>
+        <translation>正在运行</translation>
+    </message>
 </context>
 <context>
     <name>kuv::shell::ScanClient</name>

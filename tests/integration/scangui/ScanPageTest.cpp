@@ -1,4 +1,4 @@
-// The shell's scan jobs on a real bus (the staged broker and bus module) against a scripted back end
+// The shell's scan jobs on a real bus (the broker and bus module of the build tree) against a scripted back end
 // (kuv-fake-scand): context-menu requests with exact path bytes, results on the page and in the journal,
 // cancel, a missing back end started from the page, a back end that dies during a job, and screenshots
 // of the Scan page and of the protection status page in English and Simplified Chinese
@@ -25,11 +25,15 @@
 #include <QImage>
 #include <QLabel>
 #include <QListWidget>
+#include <QMimeData>
 #include <QPixmap>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QStackedWidget>
 #include <QTreeWidget>
+#include <QUrl>
+#include <QDragEnterEvent>
+#include <QDropEvent>
 
 #include "BusModule.h"
 #include "CLogDebug.h"
@@ -92,16 +96,15 @@ protected:
         CLogDebug::Instance()->SetProperty(LOG_PROPERTY_NAME, "scangui");
         ConfigModule::UninitInstance();
         basegui::Common::setLan("en");
-        const std::string stage = kuvtest::stageDir();
         ASSERT_TRUE(QDir().mkpath(QString::fromStdString(m_box.installDir + "lib/modules")));
         ASSERT_TRUE(QDir().mkpath(QString::fromStdString(m_box.installDir + "bin")));
-        ASSERT_EQ(0, symlink((stage + "lib/modules/libZellClientMgr.so").c_str(),
+        ASSERT_EQ(0, symlink(ZELL_MODULE,
                              (m_box.installDir + "lib/modules/libZellClientMgr.so").c_str()));
         // The scripted back end stands where the shell starts kuv-scand from.
         ASSERT_TRUE(QFile::copy(QStringLiteral(FAKE_SCAND), QString::fromStdString(scand())));
         chmod(scand().c_str(), 0755);
         m_runtimeKuv = std::string(getenv("XDG_RUNTIME_DIR")) + "/kuv/";
-        m_broker = std::make_unique<kuvtest::Process>(std::vector<std::string>{stage + "bin/kuv-zelld", "--foreground"});
+        m_broker = std::make_unique<kuvtest::Process>(std::vector<std::string>{ZELLD, "--foreground"});
         ASSERT_TRUE(kuvtest::waitUntil([&] { return access((m_runtimeKuv + "kuv_zell").c_str(), F_OK) == 0; }, 30000))
             << m_broker->err();
         m_data = m_box.root + "/data/";
@@ -243,6 +246,39 @@ TEST_F(ScanPageTest, ContextMenuScanSendsTheExactPathsAndShowsEveryVerdict)
     EXPECT_FALSE(child<QWidget>("kuvScanBackendBox")->isVisible());
     EXPECT_NE(-1, labelText("kuvScanEngine").indexOf("libclamav 1.0.7")) << labelText("kuvScanEngine").toStdString();
     EXPECT_EQ(1000, child<QProgressBar>("kuvScanProgress")->value());
+    quitShell();
+}
+
+TEST_F(ScanPageTest, DroppedFilesAreScannedWithTheirExactBytes)
+{
+    startScand({"--steps", "1", "--step-ms", "10"});
+    initShell();
+    const std::string plain = file("dropped eicar.txt");
+    const std::string latin1 = file("r\xe9sum\xe9.txt");
+    QWidget* page = window()->findChild<QWidget*>(QStringLiteral("kuvScanPage"));
+    ASSERT_NE(nullptr, page);
+    // A file manager's drag: file URLs, each byte of a name that is not UTF-8 percent-encoded.
+    QMimeData mime;
+    mime.setUrls({QUrl::fromEncoded(QByteArray("file://") + QByteArray::fromStdString(plain).toPercentEncoding("/")),
+                  QUrl::fromEncoded(QByteArray("file://") + QByteArray::fromStdString(latin1).toPercentEncoding("/")),
+                  QUrl(QStringLiteral("https://example.org/not-a-file"))});
+    QDragEnterEvent enter(QPoint(10, 10), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(page, &enter);
+    EXPECT_TRUE(enter.isAccepted());
+    QDropEvent drop(QPointF(10, 10), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(page, &drop);
+    ASSERT_TRUE(waitEnd(1, 30000)) << kuvtest::readFile(m_box.journalPath);
+    std::ifstream in(m_record);
+    std::string line;
+    ASSERT_TRUE(std::getline(in, line));
+    Json::Value request;
+    ASSERT_TRUE(CppJson::LoadJsonString(line, request)) << line;
+    ASSERT_EQ(2u, request["paths"].size()) << line;
+    EXPECT_EQ(plain, decoded(request["paths"][0]));
+    EXPECT_EQ(latin1, decoded(request["paths"][1]));
+    const auto results = journalOf(m_box.journalPath, "scan-result");
+    ASSERT_EQ(2u, results.size());
+    EXPECT_EQ("infected", results[0]["verdict"].asString());
     quitShell();
 }
 

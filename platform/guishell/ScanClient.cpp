@@ -399,7 +399,7 @@ void ScanClient::subscribe()
                     }
                 } else if (rc == ZELL_SEND_NO_BROKER) {
                     if (m_backend != BACKEND_STARTING) {
-                        setBackend(BACKEND_NO_BUS, tr("The message bus is not reachable."));
+                        setBackend(BACKEND_NO_BUS);
                     }
                 } else if (rc == ZELL_SEND_BAD_ARGS && m_backend != BACKEND_NO_BUS) {
                     setBackend(BACKEND_NO_BUS, m_lastError);
@@ -464,7 +464,7 @@ void ScanClient::onRequestSent(const QString& job, int result)
         reason = QStringLiteral("back end busy");
     } else {
         if (m_backend != BACKEND_NO_BUS) {
-            setBackend(BACKEND_NO_BUS, m_lastError.isEmpty() ? tr("The message bus is not reachable.") : m_lastError);
+            setBackend(BACKEND_NO_BUS, m_lastError);
         }
         reason = QStringLiteral("message bus not reachable");
         m_retryPaths = j.paths;

@@ -1,4 +1,8 @@
 // Scan jobs on the back end kuv-scand over the user's bus: requests, progress, results, cancel, status.
+// With KUV_SHELL_JOURNAL set, every verdict and job end is journalled once the page has it:
+//   {"event":"scan-result","job","path" (string, or {"b64"} when not UTF-8),"verdict","signature","reason","time_ms"}
+//   {"event":"scan-end","job","state":"done"|"cancelled"|"failed","reason",...,"time_ms"}
+// time_ms is the wall clock in milliseconds since the epoch.
 #pragma once
 
 #include <cstdint>

@@ -139,6 +139,8 @@ ScanPage::ScanPage(QWidget* parent) : QWidget(parent)
     m_list->setColumnCount(3);
     m_list->header()->setStretchLastSection(false);
     m_list->header()->setSectionResizeMode(0, QHeaderView::Stretch);
+    m_list->header()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
+    m_list->header()->setSectionResizeMode(2, QHeaderView::ResizeToContents);
     layout->addWidget(m_list, 1);
 
     connect(m_startBackend, &QPushButton::clicked, this, [this]() {
@@ -267,8 +269,6 @@ void ScanPage::onResults(const QString& job, const QVector<ScanResultRow>& rows)
         }
     }
     m_list->setUpdatesEnabled(true);
-    m_list->resizeColumnToContents(1);
-    m_list->resizeColumnToContents(2);
     showJob();
 }
 
@@ -544,6 +544,8 @@ void ScanPage::showJob()
     case PHASE_FAILED:
         if (m_end.reason == QLatin1String("back end not running")) {
             m_stateText->setText(tr("Scan failed: the scan back end is not running."));
+        } else if (m_end.reason == QLatin1String("message bus not reachable")) {
+            m_stateText->setText(tr("Scan failed: the message bus is not reachable."));
         } else if (m_backendGone) {
             m_stateText->setText(tr("Scan failed: the scan back end stopped during the scan."));
         } else {

@@ -174,10 +174,6 @@
 <context>
     <name>kuv::shell::ScanClient</name>
     <message>
-        <source>The message bus is not reachable.</source>
-        <translation>无法连接消息总线。</translation>
-    </message>
-    <message>
         <source>Too many paths for one scan.</source>
         <translation>一次扫描的路径过多。</translation>
     </message>
@@ -393,6 +389,10 @@
     <message>
         <source>%1 of %2</source>
         <translation>%1 / %2</translation>
+    </message>
+    <message>
+        <source>Scan failed: the message bus is not reachable.</source>
+        <translation>扫描失败：无法连接消息总线。</translation>
     </message>
 </context>
 <context>

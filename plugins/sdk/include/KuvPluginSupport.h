@@ -122,10 +122,16 @@ public:
             m.sender = guidToString(*reinterpret_cast<const GUID*>(static_cast<uintptr_t>(sender)));
         }
         m.sequence = sequence;
-        m.received = QDateTime::currentDateTime();
+        // UTC here: turning it into local time reads the time zone (tzset), which is left to the GUI thread.
+        m.received = QDateTime::currentDateTimeUtc();
         const Handler handler = m_handler;
         QMetaObject::invokeMethod(
-            m_context, [handler, m]() { handler(m); }, Qt::QueuedConnection);
+            m_context,
+            [handler, m]() mutable {
+                m.received = m.received.toLocalTime();
+                handler(m);
+            },
+            Qt::QueuedConnection);
     }
 
 private:

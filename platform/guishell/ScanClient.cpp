@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <cerrno>
 #include <cstdlib>
 #include <deque>
 #include <functional>
@@ -16,6 +18,7 @@
 #include <QFileInfo>
 #include <QPointer>
 #include <QProcess>
+#include <QSocketNotifier>
 
 #include "BusModule.h"
 #include "CLogDebug.h"
@@ -42,6 +45,8 @@ constexpr int kSendWaitMs = 3000;
 constexpr int kConnectWaitMs = 2000;
 // While a job runs and the back end says nothing for this long, it is asked whether it is still there.
 constexpr int kWatchdogMs = 4000;
+// After the back end's process ended, how long its last messages may still take through the broker.
+constexpr int kExitGraceMs = 250;
 // Bodies from the back end beyond this are not read (a result batch is far smaller).
 constexpr int kMaxBodyBytes = 8 * 1024 * 1024;
 // The subscriber list is a few lines; anything bigger is rewritten.
@@ -323,7 +328,58 @@ ScanClient::ScanClient(QObject* parent) : QObject(parent)
 ScanClient::~ScanClient()
 {
     m_watchdog.stop();
+    watchBackend(0);
     m_bus.reset();
+}
+
+void ScanClient::watchBackend(int64_t pid)
+{
+    if (pid == m_watchedPid && (pid == 0 || m_pidfd >= 0)) {
+        return;
+    }
+    m_pidNotifier.reset();
+    if (m_pidfd >= 0) {
+        ::close(m_pidfd);
+        m_pidfd = -1;
+    }
+    m_watchedPid = pid;
+    if (pid <= 0) {
+        return;
+    }
+#ifdef SYS_pidfd_open
+    const int fd = static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0));
+#else
+    const int fd = -1;
+    errno = ENOSYS;
+#endif
+    if (fd < 0) {
+        if (errno == ESRCH) {
+            // Gone between its report and now.
+            QMetaObject::invokeMethod(this, [this]() { onBackendExit(); }, Qt::QueuedConnection);
+        }
+        // Otherwise (no pidfd here, or another pid namespace) the watchdog alone notices a death.
+        return;
+    }
+    ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    m_pidfd = fd;
+    m_pidNotifier = std::make_unique<QSocketNotifier>(fd, QSocketNotifier::Read);
+    connect(m_pidNotifier.get(), &QSocketNotifier::activated, this, &ScanClient::onBackendExit);
+}
+
+void ScanClient::onBackendExit()
+{
+    const int64_t pid = m_watchedPid;
+    SC_LOG(LOG_LEVEL_WARN, "the back end (pid %lld) ended", static_cast<long long>(pid));
+    watchBackend(0);
+    // What it sent before it ended may still be on its way through the broker: a moment's grace.
+    QTimer::singleShot(scaled(kExitGraceMs), this, [this, pid]() {
+        if (m_backendPid != pid) {
+            return; // another back end reported meanwhile
+        }
+        m_backendPid = 0;
+        setBackend(BACKEND_NOT_RUNNING);
+        failAll(QStringLiteral("back end stopped during the scan"));
+    });
 }
 
 ScanBus& ScanClient::bus()
@@ -702,10 +758,11 @@ void ScanClient::onStatus(const Json::Value& body)
     m_status = body;
     if (pid != 0) {
         m_backendPid = pid;
+        watchBackend(pid);
     }
     if (state == QLatin1String("stopping")) {
+        // Its jobs end with their own JOB_END; the process end is what tells it has gone.
         setBackend(BACKEND_NOT_RUNNING);
-        m_backendPid = 0;
         emit backendChanged();
         return;
     }

@@ -18,10 +18,13 @@
 #include <QTimer>
 #include <QVector>
 
+class QSocketNotifier;
+
 namespace kuv {
 namespace shell {
 
 class ScanBus;
+
 
 // The shell's own endpoint on the bus, used for scan jobs and back-end status.
 constexpr const char* kShellScanGuid = "7E3B9C42-1D5A-4F86-B0E7-2A9C4D6F8E15";
@@ -121,6 +124,9 @@ private:
     void failAll(const QString& reason);
     void setBackend(BackendState state, const QString& error = QString());
     void startDirect();
+    // Watches the back end's process (pidfd): its end fails the open jobs at once.
+    void watchBackend(int64_t pid);
+    void onBackendExit();
     void probeAfterStart(int attempt);
     ScanBus& bus();
 
@@ -131,6 +137,9 @@ private:
     QString m_lastError;
     std::map<QString, Job> m_jobs;
     QTimer m_watchdog;
+    int m_pidfd = -1;
+    int64_t m_watchedPid = 0;
+    std::unique_ptr<QSocketNotifier> m_pidNotifier;
     bool m_probing = false;
     int m_startGeneration = 0;
     // The request that found no back end; sent again once a back end started from here reports.

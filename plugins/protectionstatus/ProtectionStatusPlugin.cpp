@@ -106,6 +106,14 @@ void ProtectionStatusPage::setBus(kuvsdk::PluginEndpoint::State state, const QSt
 
 void ProtectionStatusPage::followBackend(kuvsdk::PluginEndpoint* bus)
 {
+    m_subscription.setOnExit([this]() {
+        // Its last report stays, marked: the process behind it has ended.
+        m_backend.insert(QStringLiteral("state"), QStringLiteral("ended"));
+        m_backend.insert(QStringLiteral("jobs_running"), 0);
+        m_backend.insert(QStringLiteral("jobs_queued"), 0);
+        m_backendTime = QDateTime::currentDateTime();
+        showBackend();
+    });
     m_subscription.start(this, bus);
 }
 
@@ -212,6 +220,8 @@ void ProtectionStatusPage::showBackend()
         stateShown = tr("Error: %1").arg(str("db_error", 500));
     } else if (state == QLatin1String("stopping")) {
         stateShown = tr("Stopped");
+    } else if (state == QLatin1String("ended")) {
+        stateShown = tr("Not running (the back end process ended)");
     } else {
         stateShown = str("state", 32);
     }
@@ -222,7 +232,8 @@ void ProtectionStatusPage::showBackend()
     }
     stateShown += QStringLiteral(" - ") + tr("reported %1").arg(QLocale().toString(m_backendTime, QStringLiteral("HH:mm:ss")));
     m_backendState->setText(stateShown);
-    m_backendState->setStyleSheet(state == QLatin1String("error") || state == QLatin1String("stopping")
+    m_backendState->setStyleSheet(state == QLatin1String("error") || state == QLatin1String("stopping") ||
+                                          state == QLatin1String("ended")
                                       ? QStringLiteral("QLabel { color: #b02020; }")
                                       : QStringLiteral("QLabel { color: #1b7f3b; }"));
     const QString engine = str("engine", 32);

@@ -195,5 +195,9 @@
         <source>Listening on the message bus as %1 for status reports (types %2 and %3).</source>
         <translation>正在以 %1 的身份在消息总线上接收状态报告（类型 %2 和 %3）。</translation>
     </message>
+    <message>
+        <source>Not running (the back end process ended)</source>
+        <translation>未运行（后台服务进程已结束）</translation>
+    </message>
 </context>
 </TS>

@@ -4,9 +4,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
+#include <memory>
 #include <string>
 
 #include <QByteArray>
@@ -15,6 +18,7 @@
 #include <QJsonValue>
 #include <QObject>
 #include <QPointer>
+#include <QSocketNotifier>
 #include <QString>
 #include <QTimer>
 
@@ -105,10 +109,18 @@ inline QString scanPathText(const QJsonValue& value, int maxChars = 4096)
 }
 
 // Subscribes an endpoint to the back end's status and events: lists it for the back end's start, asks
-// now, and asks again a few times while the bus is still coming up. Later, call resubscribe when a
-// STATUS names a back end (pid) not seen before.
+// now, and asks again a few times while the bus is still coming up. Hand it every STATUS's pid: it
+// subscribes again to a back end it had not seen, and watches that process (pidfd) so that onExit
+// runs on the context's thread when it ends.
 class ScanSubscription {
 public:
+    ScanSubscription() = default;
+    ScanSubscription(const ScanSubscription&) = delete;
+    ScanSubscription& operator=(const ScanSubscription&) = delete;
+    ~ScanSubscription() { unwatch(); }
+
+    void setOnExit(std::function<void()> onExit) { m_onExit = std::move(onExit); }
+
     void start(QObject* context, PluginEndpoint* bus)
     {
         m_context = context;
@@ -129,6 +141,7 @@ public:
         const bool again = m_pid != 0;
         m_pid = pid;
         m_answered = true;
+        watch(pid);
         if (again) {
             send();
         }
@@ -136,6 +149,35 @@ public:
     }
 
 private:
+    void unwatch()
+    {
+        m_notifier.reset();
+        if (m_pidfd >= 0) {
+            ::close(m_pidfd);
+            m_pidfd = -1;
+        }
+    }
+
+    void watch(qint64 pid)
+    {
+        unwatch();
+#ifdef SYS_pidfd_open
+        m_pidfd = static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0));
+#endif
+        if (m_pidfd < 0 || m_context.isNull()) {
+            return; // no pidfd here: the page keeps the last report
+        }
+        ::fcntl(m_pidfd, F_SETFD, FD_CLOEXEC);
+        m_notifier = std::make_unique<QSocketNotifier>(m_pidfd, QSocketNotifier::Read);
+        QObject::connect(m_notifier.get(), &QSocketNotifier::activated, m_context.data(), [this]() {
+            unwatch();
+            m_pid = 0; // a back end that comes back is a new one
+            if (m_onExit) {
+                m_onExit();
+            }
+        });
+    }
+
     int send()
     {
         if (m_bus == nullptr || m_bus->state() != PluginEndpoint::ON_BUS) {
@@ -167,6 +209,9 @@ private:
     PluginEndpoint* m_bus = nullptr;
     qint64 m_pid = 0;
     bool m_answered = false;
+    int m_pidfd = -1;
+    std::unique_ptr<QSocketNotifier> m_notifier;
+    std::function<void()> m_onExit;
 };
 
 // The JSON object of a back-end message, or an empty object.

@@ -11,7 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <QApplication>
 #include <QComboBox>
@@ -208,7 +211,8 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
     ASSERT_TRUE(m_endpoints[2]->deliver(
         kuvscan::KUV_SCAN_MSG_STATUS,
         R"({"state": "ready", "engine": "libclamav", "engine_version": "1.0.7", "db_version": "27100",)"
-        R"( "signatures": 3627451, "pid": 4242, "db_time": )" + std::to_string(now - 2 * 86400) + "}"));
+        R"( "signatures": 3627451, "pid": )" + std::to_string(getpid()) + R"(, "db_time": )" +
+            std::to_string(now - 2 * 86400) + "}"));
     ASSERT_TRUE(shelltest::spinUntil([database] { return database->text().contains("2 day(s) old"); }))
         << database->text().toStdString();
     EXPECT_TRUE(warning->isHidden());
@@ -219,11 +223,19 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
         });
     };
     const auto subscribedBefore = subscribes();
+    // A stand-in for the back end's process, so that its end can be watched.
+    const pid_t backend = fork();
+    if (backend == 0) {
+        pause();
+        _exit(0);
+    }
+    ASSERT_GT(backend, 0);
     EXPECT_EQ("ClamAV engine (libclamav) 1.0.7",
               status->findChild<QLabel*>("kuvProtectionEngine")->text().toStdString());
     ASSERT_TRUE(m_endpoints[2]->deliver(
         kuvscan::KUV_SCAN_MSG_STATUS,
-        R"({"state": "ready", "engine": "libclamav", "signatures": 9, "pid": 4243, "db_time": )" +
+        R"({"state": "ready", "engine": "libclamav", "signatures": 9, "pid": )" + std::to_string(backend) +
+            R"(, "db_time": )" +
             std::to_string(now - 12 * 86400) + R"(, "last_scan": {"job": "j1", "state": "done", "end_time": )" +
             std::to_string(now) + R"(, "files": 4, "infected": 1}})"));
     ASSERT_TRUE(shelltest::spinUntil([warning] { return !warning->isHidden(); }));
@@ -232,9 +244,18 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
     EXPECT_NE(-1, status->findChild<QLabel*>("kuvProtectionLastScan")->text().indexOf("4 file(s), 1 threat(s)"));
     // A back end it had not seen before (another pid): it subscribes again.
     EXPECT_EQ(subscribedBefore + 1, subscribes()) << "resubscribed to the new back end";
-    ASSERT_TRUE(m_endpoints[2]->deliver(kuvscan::KUV_SCAN_MSG_STATUS, R"({"state": "ready", "pid": 4243})"));
+    ASSERT_TRUE(m_endpoints[2]->deliver(kuvscan::KUV_SCAN_MSG_STATUS,
+                                        R"({"state": "ready", "pid": )" + std::to_string(backend) + "}"));
     ASSERT_TRUE(shelltest::spinUntil([database] { return database->text() == QLatin1String("Not found"); }));
     EXPECT_NE(-1, warning->text().indexOf("No ClamAV signature database was found"));
+    // The back end's process ends: the page says so without waiting for any message.
+    auto* backendState = status->findChild<QLabel*>("kuvProtectionBackendState");
+    EXPECT_EQ(-1, backendState->text().indexOf("Not running"));
+    kill(backend, SIGKILL);
+    ASSERT_TRUE(shelltest::spinUntil([backendState] {
+        return backendState->text().startsWith("Not running (the back end process ended)");
+    })) << backendState->text().toStdString();
+    waitpid(backend, nullptr, 0);
 
     // Unloading leaves the bus: receivers unregistered, endpoint uninitialised, nothing delivered after.
     for (const auto& p : kPlugins) {

@@ -3,7 +3,7 @@
 // contains "eicar" is reported infected, one containing "unreadable" as an error, the rest clean.
 //
 //   kuv-fake-scand [--record FILE] [--pidfile FILE] [--steps N] [--step-ms MS] [--die-after-progress N]
-//                  [--db-age-days D] [--lifetime-s S] [--no-announce]
+//                  [--db-age-days D] [--lifetime-s S] [--no-announce] [--no-pid]
 //
 // --record: each request body, one line each, as received.  --steps/--step-ms: progress messages
 // per job and the pause between them (cancel is honoured between steps).  --die-after-progress: the
@@ -11,6 +11,7 @@
 // the database date in STATUS.  --lifetime-s: ends by itself after that long (default 300), so a
 // test that loses track of it leaves nothing behind.  Without --no-announce it sends STATUS to every
 // endpoint listed in the runtime directory's scand-subscribers when it starts, as kuv-scand does.
+// --no-pid leaves "pid" out of its status, so a client cannot watch its process.
 #include <signal.h>
 #include <unistd.h>
 
@@ -50,6 +51,7 @@ struct Options {
     double dbAgeDays = 1;
     int lifetimeS = 300;
     bool announce = true;
+    bool reportPid = true;
 };
 
 std::string compact(const Json::Value& v)
@@ -201,7 +203,9 @@ private:
         s["signatures"] = 3627451;
         s["db_time"] = static_cast<Json::Int64>(nowMs() / 1000 - static_cast<int64_t>(m_opt.dbAgeDays * 86400));
         s["db_dirs"].append("/var/lib/clamav");
-        s["pid"] = static_cast<Json::Int64>(getpid());
+        if (m_opt.reportPid) {
+            s["pid"] = static_cast<Json::Int64>(getpid());
+        }
         s["jobs_running"] = m_busy ? 1 : 0;
         s["jobs_queued"] = static_cast<int>(m_jobs.size());
         if (!m_last.isNull()) {
@@ -416,6 +420,8 @@ int main(int argc, char** argv)
         const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
         if (a == "--no-announce") {
             opt.announce = false;
+        } else if (a == "--no-pid") {
+            opt.reportPid = false;
         } else if (next == nullptr) {
             fprintf(stderr, "kuv-fake-scand: %s needs a value\n", a.c_str());
             return 2;

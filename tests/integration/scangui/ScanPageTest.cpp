@@ -131,6 +131,33 @@ protected:
 
     std::string scand() const { return m_box.installDir + "bin/kuv-scand"; }
 
+    void dieDuringAJob(const std::vector<std::string>& extra)
+    {
+        std::vector<std::string> args{"--steps", "200", "--step-ms", "50", "--die-after-progress", "3"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        startScand(args);
+        initShell();
+        std::list<std::string> many;
+        for (int i = 0; i < 20; ++i) {
+            many.push_back(file("g" + std::to_string(i)));
+        }
+        scan(many);
+        // Spins the event loop meanwhile: the request goes out from the GUI thread.
+        ASSERT_TRUE(shelltest::spinUntil([this] { return !m_scand->running(); }, 30000))
+            << "the back end was to kill itself";
+        EXPECT_EQ(SIGKILL, m_scand->termSignal());
+        // The page stays responsive while it finds out (this loop is the GUI thread).
+        ASSERT_TRUE(waitEnd(1, 90000)) << kuvtest::readFile(m_box.journalPath);
+        const auto end = journalOf(m_box.journalPath, "scan-end")[0];
+        EXPECT_EQ("failed", end["state"].asString());
+        EXPECT_EQ("back end stopped during the scan", end["reason"].asString());
+        ASSERT_TRUE(shelltest::spinUntil([] {
+            return labelText("kuvScanState") == QLatin1String("Scan failed: the scan back end stopped during the scan.");
+        }));
+        EXPECT_TRUE(child<QPushButton>("kuvScanStartBackend")->isVisible());
+        quitShell();
+    }
+
     void startScand(const std::vector<std::string>& args)
     {
         std::vector<std::string> argv{scand()};
@@ -342,26 +369,14 @@ TEST_F(ScanPageTest, MissingBackEndIsShownAndStartedFromThePage)
 
 TEST_F(ScanPageTest, BackEndDyingDuringAJobFailsTheJobWithoutHanging)
 {
-    startScand({"--steps", "200", "--step-ms", "50", "--die-after-progress", "3"});
-    initShell();
-    std::list<std::string> many;
-    for (int i = 0; i < 20; ++i) {
-        many.push_back(file("g" + std::to_string(i)));
-    }
-    scan(many);
-    // Spins the event loop meanwhile: the request goes out from the GUI thread.
-    ASSERT_TRUE(shelltest::spinUntil([this] { return !m_scand->running(); }, 30000)) << "the back end was to kill itself";
-    EXPECT_EQ(SIGKILL, m_scand->termSignal());
-    // The page stays responsive while it finds out (this loop is the GUI thread).
-    ASSERT_TRUE(waitEnd(1, 90000)) << kuvtest::readFile(m_box.journalPath);
-    const auto end = journalOf(m_box.journalPath, "scan-end")[0];
-    EXPECT_EQ("failed", end["state"].asString());
-    EXPECT_EQ("back end stopped during the scan", end["reason"].asString());
-    ASSERT_TRUE(shelltest::spinUntil([] {
-        return labelText("kuvScanState") == QLatin1String("Scan failed: the scan back end stopped during the scan.");
-    }));
-    EXPECT_TRUE(child<QPushButton>("kuvScanStartBackend")->isVisible());
-    quitShell();
+    // Its process is watched (pidfd): the job fails as soon as it ends.
+    dieDuringAJob({});
+}
+
+TEST_F(ScanPageTest, BackEndDyingWithoutAPidIsFoundOutByAskingTheBus)
+{
+    // No pid to watch: the silence during the job makes the shell ask the bus, which knows it left.
+    dieDuringAJob({"--no-pid"});
 }
 
 TEST_F(ScanPageTest, ScreenshotsDuringAScanAfterADetectionAndOfAnOldDatabase)

@@ -217,8 +217,12 @@ int main(int argc, char** argv)
         fprintf(stderr, "--fake: the test tree's kuv-fake-scand was not built\n");
         return 2;
 #endif
-    } else if (scand.empty()) {
-        scand = install + "bin/kuv-scand";
+    } else {
+        if (scand.empty()) {
+            scand = install + "bin/kuv-scand";
+        }
+        // Stays this process's child, so it is stopped with the bench.
+        scandArgs = {"--foreground"};
     }
     if (access(scand.c_str(), X_OK) != 0) {
         fprintf(stderr, "no back end at %s (build the back end, or use --fake)\n", scand.c_str());

@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QEvent>
+#include <QJsonObject>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
@@ -82,6 +83,25 @@ QString EventViewerPage::kindText(const QString& kind) const
     return kuvsdk::printable(kind.toUtf8(), 32);
 }
 
+QString EventViewerPage::eventText(const QJsonObject& e) const
+{
+    auto str = [&e](const char* key) { return kuvsdk::printable(e.value(QLatin1String(key)).toString().toUtf8(), 500); };
+    QStringList parts;
+    const QString path = kuvsdk::scanPathText(e.value(QStringLiteral("path")));
+    if (!str("signature").isEmpty()) {
+        parts << (path.isEmpty() ? str("signature") : tr("%1 in %2").arg(str("signature"), path));
+    } else if (!path.isEmpty()) {
+        parts << path;
+    }
+    if (!str("action").isEmpty()) {
+        parts << tr("action: %1").arg(str("action"));
+    }
+    if (!str("detail").isEmpty()) {
+        parts << str("detail");
+    }
+    return parts.join(QStringLiteral("; "));
+}
+
 void EventViewerPage::addMessage(const kuvsdk::BusMessage& message)
 {
     if (message.type == kuvscan::KUV_SCAN_MSG_STATUS) {
@@ -95,30 +115,13 @@ void EventViewerPage::addMessage(const kuvsdk::BusMessage& message)
         if (!e.isEmpty()) {
             const qint64 ms = static_cast<qint64>(e.value(QStringLiteral("time")).toDouble());
             const QDateTime when = ms > 0 ? QDateTime::fromMSecsSinceEpoch(ms) : message.received;
-            auto str = [&e](const char* key) {
-                return kuvsdk::printable(e.value(QLatin1String(key)).toString().toUtf8(), 500);
-            };
-            QStringList parts;
-            const QString path = kuvsdk::scanPathText(e.value(QStringLiteral("path")));
-            if (!str("signature").isEmpty()) {
-                parts << (path.isEmpty() ? str("signature") : tr("%1 in %2").arg(str("signature"), path));
-            } else if (!path.isEmpty()) {
-                parts << path;
-            }
-            if (!str("action").isEmpty()) {
-                parts << tr("action: %1").arg(str("action"));
-            }
-            if (!str("detail").isEmpty()) {
-                parts << str("detail");
-            }
             const QString severity = e.value(QStringLiteral("severity")).toString();
             const QColor color = severity == QLatin1String("critical")  ? QColor(0xb0, 0x20, 0x20)
                                  : severity == QLatin1String("warning") ? QColor(0xa0, 0x60, 0x00)
                                                                         : QColor();
             addRow({QLocale().toString(when, QStringLiteral("yyyy-MM-dd HH:mm:ss")),
-                    kindText(e.value(QStringLiteral("kind")).toString()), QStringLiteral("kuv-scand"),
-                    parts.join(QStringLiteral("; "))},
-                   color);
+                    kindText(e.value(QStringLiteral("kind")).toString()), QStringLiteral("kuv-scand"), eventText(e)},
+                   color, e);
             return;
         }
     }
@@ -131,7 +134,7 @@ void EventViewerPage::addMessage(const kuvsdk::BusMessage& message)
            QColor());
 }
 
-void EventViewerPage::addRow(const QStringList& cells, const QColor& color)
+void EventViewerPage::addRow(const QStringList& cells, const QColor& color, const QJsonObject& event)
 {
     ++m_total;
     m_table->insertRow(0);
@@ -142,6 +145,9 @@ void EventViewerPage::addRow(const QStringList& cells, const QColor& color)
             item->setForeground(color);
         }
         m_table->setItem(0, c, item);
+    }
+    if (!event.isEmpty()) {
+        m_table->item(0, 1)->setData(Qt::UserRole, event);
     }
     while (m_table->rowCount() > kMaxRows) {
         m_table->removeRow(m_table->rowCount() - 1);
@@ -177,6 +183,14 @@ void EventViewerPage::retranslate()
         break;
     }
     m_table->setHorizontalHeaderLabels({tr("Time"), tr("Type"), tr("Sender"), tr("Message")});
+    for (int r = 0; r < m_table->rowCount(); ++r) {
+        const QJsonObject e = m_table->item(r, 1)->data(Qt::UserRole).toJsonObject();
+        if (!e.isEmpty()) {
+            m_table->item(r, 1)->setText(kindText(e.value(QStringLiteral("kind")).toString()));
+            m_table->item(r, 3)->setText(eventText(e));
+            m_table->item(r, 3)->setToolTip(m_table->item(r, 3)->text());
+        }
+    }
     m_count->setText(tr("%n event(s) received", nullptr, m_total));
     m_clear->setText(tr("Clear"));
 }

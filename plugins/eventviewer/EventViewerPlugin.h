@@ -36,8 +36,10 @@ protected:
 
 private:
     void retranslate();
-    void addRow(const QStringList& cells, const QColor& color);
+    // event: the back end's event the row shows (its text follows the language), or empty.
+    void addRow(const QStringList& cells, const QColor& color, const QJsonObject& event = QJsonObject());
     QString kindText(const QString& kind) const;
+    QString eventText(const QJsonObject& event) const;
 
     QLabel* m_heading;
     QLabel* m_busState;

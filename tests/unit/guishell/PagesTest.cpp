@@ -311,6 +311,14 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
     loadAll(true);
     m_endpoints[0]->deliver(3001, R"({"event": "quarantine", "file": "/home/user/Downloads/invoice.pdf.exe"})");
     m_endpoints[0]->deliver(3001, "Real-time protection blocked /tmp/.x/miner");
+    m_endpoints[0]->deliver(kuvscan::KUV_SCAN_MSG_EVENT,
+                            R"({"time": )" + std::to_string(static_cast<long long>(time(nullptr)) * 1000) +
+                                R"(, "kind": "detection", "severity": "critical", "path": "/home/user/Downloads/eicar.com",)"
+                                R"( "signature": "Eicar-Test-Signature", "action": "reported", "job": "gui-1-1"})");
+    m_endpoints[2]->deliver(kuvscan::KUV_SCAN_MSG_STATUS,
+                            R"({"state": "ready", "engine": "libclamav", "engine_version": "1.0.7", "db_version": "27100",)"
+                            R"( "signatures": 3627451, "pid": )" + std::to_string(getpid()) + R"(, "db_time": )" +
+                                std::to_string(static_cast<long long>(time(nullptr)) - 3 * 3600) + "}");
     m_endpoints[1]->deliver(3002, R"({"title": "Threat blocked", "body": "invoice.pdf.exe was quarantined"})");
     m_endpoints[2]->deliver(3003, R"({"module": "realtime", "state": "on", "detail": "file system monitor"})");
     m_endpoints[2]->deliver(3003, R"({"module": "web", "state": "on", "detail": "browser protection"})");

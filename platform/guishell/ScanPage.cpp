@@ -25,6 +25,8 @@ namespace shell {
 namespace {
 // A scan can report thousands of files; the list keeps the first ones, the counts cover all.
 constexpr int kMaxListedResults = 10000;
+// A signature database older than this gets a hint on the page.
+constexpr int kDatabaseMaxAgeDays = 7;
 const char* const kWarnStyle =
     "QFrame#kuvScanBackendBox { background: #fff4d6; border: 1px solid #d9a400; border-radius: 4px; }";
 const char* const kErrorStyle =
@@ -425,6 +427,7 @@ void ScanPage::showBackend()
     const QString error = m_client->lastError();
     bool showBox = true;
     bool canStart = false;
+    bool warnOnly = false;
     QString message;
     switch (m_client->backendState()) {
     case ScanClient::BACKEND_UNKNOWN:
@@ -445,6 +448,7 @@ void ScanPage::showBackend()
         break;
     case ScanClient::BACKEND_RUNNING: {
         showBox = false;
+        QString oldDatabase;
         const Json::Value& s = m_client->status();
         const QString engine = QString::fromStdString(s["engine"].isString() ? s["engine"].asString() : "");
         const QString version =
@@ -456,8 +460,15 @@ void ScanPage::showBackend()
                                                     displayPath(version.toStdString()),
                                                     QLocale().toString(signatures));
         if (s["db_time"].isNumeric() && s["db_time"].asDouble() > 0) {
-            const QDateTime t = QDateTime::fromSecsSinceEpoch(static_cast<qint64>(s["db_time"].asDouble()));
+            const qint64 dbTime = static_cast<qint64>(s["db_time"].asDouble());
+            const QDateTime t = QDateTime::fromSecsSinceEpoch(dbTime);
             line += QLatin1Char(' ') + tr("Database of %1.").arg(QLocale().toString(t.date(), QLocale::ShortFormat));
+            const int days = static_cast<int>((QDateTime::currentSecsSinceEpoch() - dbTime) / 86400);
+            if (days > kDatabaseMaxAgeDays) {
+                oldDatabase = tr("The signature database is %n day(s) old: install the clamav-freshclam package "
+                                 "to keep it up to date.",
+                                 nullptr, days);
+            }
         }
         const QString state = QString::fromStdString(s["state"].isString() ? s["state"].asString() : "");
         if (state == QLatin1String("error")) {
@@ -467,6 +478,11 @@ void ScanPage::showBackend()
             message = tr("The scan back end reports an error: %1").arg(displayPath(dbError.toStdString()));
         } else if (state == QLatin1String("starting") || state == QLatin1String("reloading")) {
             line += QLatin1Char(' ') + tr("Loading signatures...");
+        }
+        if (!showBox && !oldDatabase.isEmpty()) {
+            showBox = true;
+            warnOnly = true;
+            message = oldDatabase;
         }
         m_engineLine->setText(line);
         break;
@@ -481,7 +497,7 @@ void ScanPage::showBackend()
         message += QLatin1Char(' ') + error;
     }
     m_backendBox->setVisible(showBox);
-    m_backendBox->setStyleSheet(QLatin1String(canStart ? kWarnStyle : kErrorStyle));
+    m_backendBox->setStyleSheet(QLatin1String(canStart || warnOnly ? kWarnStyle : kErrorStyle));
     m_backendText->setText(message);
     m_startBackend->setVisible(canStart);
     const bool usable = m_client->backendState() != ScanClient::BACKEND_STARTING;

@@ -394,6 +394,12 @@
         <source>Scan failed: the message bus is not reachable.</source>
         <translation>扫描失败：无法连接消息总线。</translation>
     </message>
+    <message numerus="yes">
+        <source>The signature database is %n day(s) old: install the clamav-freshclam package to keep it up to date.</source>
+        <translation>
+            <numerusform>病毒库已有 %n 天未更新：请安装 clamav-freshclam 软件包以保持其为最新。</numerusform>
+        </translation>
+    </message>
 </context>
 <context>
     <name>kuv::shell::SettingsPage</name>

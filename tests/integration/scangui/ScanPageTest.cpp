@@ -270,7 +270,7 @@ TEST_F(ScanPageTest, ContextMenuScanSendsTheExactPathsAndShowsEveryVerdict)
     EXPECT_TRUE(shown.contains(d + "line\\nfeed.txt|Clean|")) << shown.join("\n").toStdString();
     EXPECT_TRUE(shown.contains(d + "\\xFF\\xFE-latin1-\\xE9.bin|Clean|")) << shown.join("\n").toStdString();
     EXPECT_TRUE(shown.contains(d + "unreadable.doc|Not scanned|permission denied")) << shown.join("\n").toStdString();
-    EXPECT_FALSE(child<QWidget>("kuvScanBackendBox")->isVisible());
+    EXPECT_FALSE(child<QWidget>("kuvScanBackendBox")->isVisible()) << "a fresh database needs no hint";
     EXPECT_NE(-1, labelText("kuvScanEngine").indexOf("libclamav 1.0.7")) << labelText("kuvScanEngine").toStdString();
     EXPECT_EQ(1000, child<QProgressBar>("kuvScanProgress")->value());
     quitShell();
@@ -306,6 +306,19 @@ TEST_F(ScanPageTest, DroppedFilesAreScannedWithTheirExactBytes)
     const auto results = journalOf(m_box.journalPath, "scan-result");
     ASSERT_EQ(2u, results.size());
     EXPECT_EQ("infected", results[0]["verdict"].asString());
+
+    // The home folder button: one job for $HOME.
+    const char* home = getenv("HOME");
+    const std::string savedHome = home != nullptr ? home : "";
+    setenv("HOME", m_data.c_str(), 1);
+    child<QPushButton>("kuvScanHome")->click();
+    setenv("HOME", savedHome.c_str(), 1);
+    ASSERT_TRUE(waitEnd(2, 30000));
+    ASSERT_TRUE(std::getline(in, line));
+    ASSERT_TRUE(CppJson::LoadJsonString(line, request)) << line;
+    ASSERT_EQ(1u, request["paths"].size());
+    EXPECT_EQ(m_data.substr(0, m_data.size() - 1), decoded(request["paths"][0]));
+    EXPECT_FALSE(request["options"]["report_clean"].asBool()) << "a whole folder lists only what matters";
     quitShell();
 }
 
@@ -468,6 +481,7 @@ TEST_F(ScanPageTest, ScreenshotsDuringAScanAfterADetectionAndOfAnOldDatabase)
         language->setCurrentIndex(l.index);
         ASSERT_TRUE(showPage("kuvScanPage"));
         ASSERT_TRUE(shelltest::spinUntil([] { return child<QTreeWidget>("kuvScanResults")->topLevelItemCount() == 4; }));
+        EXPECT_TRUE(child<QWidget>("kuvScanBackendBox")->isVisible()) << "a 30 days old database gets a hint";
         shoot(QStringLiteral("scan-%1-detection").arg(QLatin1String(l.code)));
         ASSERT_TRUE(showPage("kuvProtectionStatusPage"));
         ASSERT_TRUE(shelltest::spinUntil([] {

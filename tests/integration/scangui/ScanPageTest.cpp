@@ -392,6 +392,50 @@ TEST_F(ScanPageTest, BackEndDyingWithoutAPidIsFoundOutByAskingTheBus)
     dieDuringAJob({"--no-pid"});
 }
 
+TEST_F(ScanPageTest, StatusPageFollowsABackEndThatStartsLaterAndNoticesItsEnd)
+{
+    const std::string plugins = m_box.installDir + "etc/plugins-gui/plugins/";
+    std::ofstream(plugins + "protectionstatus.json")
+        << R"({"id": "protectionstatus", "library": ")" << (PROTECTIONSTATUS_SO + 1)
+        << R"(", "iid": "org.kuv.gui.IKuvGuiPlugin/1.0", "version": "1.0.0", "description": "status"})";
+    CQPluginManager* loader = CQPluginManager::singleInstance();
+    loader->setPluginRelativeRootPath(QStringLiteral("/"));
+    loader->setPluginConfigFilePath(QString::fromStdString(plugins));
+    ASSERT_EQ(1, loader->loadAllPluginInfo());
+    kuv::BusModule bus;
+    std::string error;
+    ASSERT_TRUE(bus.open("./kuv_zell", false, error, "scangui-test")) << error;
+    ASSERT_TRUE(bus.waitConnected(30000));
+    IZellMREndPoint4* endpoint = bus.mgr()->createEndPoint();
+    sPluginInitParas paras;
+    paras.mapParas.insert(QStringLiteral("IZellMREndPoint4"), QVariant::fromValue<void*>(endpoint));
+    paras.mapParas.insert(QStringLiteral("CGlobalTag"), QVariant::fromValue<void*>(nullptr));
+    initShell();
+    loader->installPluginAsyn(QStringLiteral("protectionstatus"), QVariant::fromValue(paras));
+    ASSERT_TRUE(shelltest::spinUntil([loader] { return loader->loadedPlugins().size() == 1; }));
+    auto* state = child<QLabel>("kuvProtectionBackendState");
+    ASSERT_NE(nullptr, state);
+    // No back end yet: its asks go nowhere, and the page says it has heard nothing.
+    shelltest::spinUntil([] { return false; }, 1500);
+    EXPECT_EQ(0, state->text().indexOf("No report from the scan back end")) << state->text().toStdString();
+
+    // The back end starts after the plugin: it finds the plugin on its subscriber list and reports.
+    startScand({"--db-age-days", "2"});
+    ASSERT_TRUE(shelltest::spinUntil([state] { return state->text().startsWith("Ready"); }, 30000))
+        << state->text().toStdString();
+    EXPECT_NE(-1, labelText("kuvProtectionDatabase").indexOf("2 day(s) old"));
+    // And its end shows without any message.
+    m_scand->signal(SIGKILL);
+    ASSERT_TRUE(shelltest::spinUntil(
+        [state] { return state->text().startsWith("Not running (the back end process ended)"); }, 30000))
+        << state->text().toStdString();
+
+    loader->unstallPluginAsyn(QStringLiteral("protectionstatus"));
+    ASSERT_TRUE(shelltest::spinUntil([loader] { return loader->pendingUnloads() == 0; }));
+    bus.mgr()->destroyEndPoint(endpoint);
+    quitShell();
+}
+
 TEST_F(ScanPageTest, ScreenshotsDuringAScanAfterADetectionAndOfAnOldDatabase)
 {
     ASSERT_FALSE(QFontDatabase().families(QFontDatabase::SimplifiedChinese).isEmpty())

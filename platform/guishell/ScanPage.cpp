@@ -66,6 +66,9 @@ ScanPage::ScanPage(QWidget* parent) : QWidget(parent)
     m_backendText = new QLabel(m_backendBox);
     m_backendText->setObjectName(QStringLiteral("kuvScanBackendText"));
     m_backendText->setWordWrap(true);
+    // Wraps to the width it gets instead of asking for the width of its whole text.
+    m_backendText->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    m_backendText->setMinimumWidth(200);
     m_startBackend = new QPushButton(m_backendBox);
     m_startBackend->setObjectName(QStringLiteral("kuvScanStartBackend"));
     backendLayout->addWidget(m_backendText, 1);

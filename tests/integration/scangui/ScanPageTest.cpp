@@ -363,7 +363,7 @@ TEST_F(ScanPageTest, MissingBackEndIsShownAndStartedFromThePage)
     const char* buildDir = std::getenv("KUV_BUILD_DIR");
     const QString outDir = QString::fromLocal8Bit(buildDir != nullptr ? buildDir : ".") + "/screenshots";
     QDir().mkpath(outDir);
-    QCoreApplication::processEvents();
+    shelltest::spinUntil([] { return false; }, 300);
     EXPECT_TRUE(window()->grab().toImage().save(outDir + "/scan-en-backend-not-running.png", "PNG"));
 
     // Started from here, the back end announces itself and the request that found nothing is sent again.
@@ -479,7 +479,8 @@ TEST_F(ScanPageTest, ScreenshotsDuringAScanAfterADetectionAndOfAnOldDatabase)
     auto* language = child<QComboBox>("kuvLanguage");
     ASSERT_TRUE(nav != nullptr && stack != nullptr && language != nullptr);
     auto shoot = [&](const QString& name) {
-        QCoreApplication::processEvents();
+        // Let the layouts follow a language switch before the picture is taken.
+        shelltest::spinUntil([] { return false; }, 300);
         const QString path = outDir + "/" + name + ".png";
         const QImage shot = window()->grab().toImage();
         ASSERT_FALSE(shot.isNull());

@@ -246,12 +246,13 @@ bool KuvGuiInterface::ctrl(_GUI_CTR_TYPE type, void* arg)
         return post([](kuv::shell::ShellCore* core) { core->showMain(); });
     case GUI_CTR_CONTEXT_MENU_SCAN: {
         // The caller's list lives only for this call: copy it now.
-        QStringList paths;
+        // Bytes as given: a file name need not be UTF-8.
+        std::vector<std::string> paths;
         Json::Value rec = ctrlRecord(1);
         Json::Value jpaths(Json::arrayValue);
         if (arg != nullptr) {
             for (const std::string& p : *static_cast<const std::list<std::string>*>(arg)) {
-                paths << QString::fromStdString(p);
+                paths.push_back(p);
                 jpaths.append(p);
             }
         }

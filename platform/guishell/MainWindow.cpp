@@ -84,10 +84,16 @@ void MainWindow::addPage(QWidget* page, QListWidgetItem* item)
     m_nav->addItem(item);
 }
 
-void MainWindow::showScanRequest(const QStringList& paths)
+void MainWindow::showScanRequest(const std::vector<std::string>& paths)
 {
-    m_scan->setRequest(paths);
+    m_scan->scanPaths(paths, true, "context menu");
     m_nav->setCurrentItem(m_scanItem);
+}
+
+void MainWindow::setScanClient(ScanClient* client)
+{
+    m_scan->setClient(client);
+    m_overview->setScanClient(client);
 }
 
 void MainWindow::syncPluginPages()

@@ -6,6 +6,9 @@
 #include <QPointer>
 #include <QStringList>
 
+#include <string>
+#include <vector>
+
 class QAction;
 class QListWidget;
 class QListWidgetItem;
@@ -16,6 +19,7 @@ namespace kuv {
 namespace shell {
 
 class OverviewPage;
+class ScanClient;
 class ScanPage;
 class SettingsPage;
 
@@ -25,7 +29,11 @@ public:
     explicit MainWindow(QWidget* parent = nullptr);
     ~MainWindow() override;
 
-    void showScanRequest(const QStringList& paths);
+    // Scans these exact path bytes (clean verdicts listed too) and shows the scan page.
+    void showScanRequest(const std::vector<std::string>& paths);
+    ScanPage* scanPage() const { return m_scan; }
+    // The scan page runs its jobs on client; the overview shows the back end's state.
+    void setScanClient(ScanClient* client);
     // Gives plugin pages back to their plugins before the window goes.
     void detachPluginPages();
 

@@ -19,6 +19,7 @@
 #include "ConstConfig.h"
 #include "CppJson.h"
 #include "FileUtils.h"
+#include "ScanClient.h"
 
 namespace kuv {
 namespace shell {
@@ -89,11 +90,15 @@ OverviewPage::OverviewPage(QWidget* parent) : QWidget(parent)
     m_busValue = new QLabel(m_instanceBox);
     m_versionCaption = new QLabel(m_instanceBox);
     m_versionValue = new QLabel(m_instanceBox);
+    m_backendCaption = new QLabel(m_instanceBox);
+    m_backendValue = new QLabel(m_instanceBox);
+    m_backendValue->setObjectName(QStringLiteral("kuvOverviewBackend"));
     m_pidValue->setTextInteractionFlags(Qt::TextSelectableByMouse);
     form->addRow(m_pidCaption, m_pidValue);
     form->addRow(m_statusCaption, m_statusValue);
     form->addRow(m_busCaption, m_busValue);
     form->addRow(m_versionCaption, m_versionValue);
+    form->addRow(m_backendCaption, m_backendValue);
     layout->addWidget(m_instanceBox);
 
     m_comboBox = new QGroupBox(this);
@@ -130,11 +135,58 @@ void OverviewPage::retranslate()
     m_statusCaption->setText(tr("Status:"));
     m_busCaption->setText(tr("Message bus:"));
     m_versionCaption->setText(tr("Client version:"));
+    m_backendCaption->setText(tr("Scan back end:"));
     m_comboBox->setTitle(tr("Combos"));
     m_combos->setHeaderLabels({tr("Combo"), tr("Index"), tr("Plugins"), tr("State")});
     m_pluginBox->setTitle(tr("Plugins"));
     m_plugins->setHeaderLabels({tr("Plugin"), tr("Version"), tr("State"), tr("Details")});
+    showBackend();
     refresh();
+}
+
+void OverviewPage::setScanClient(ScanClient* client)
+{
+    if (m_client) {
+        disconnect(m_client, nullptr, this, nullptr);
+    }
+    m_client = client;
+    if (client != nullptr) {
+        connect(client, &ScanClient::backendChanged, this, &OverviewPage::showBackend);
+    }
+    showBackend();
+}
+
+void OverviewPage::showBackend()
+{
+    if (!m_client) {
+        m_backendValue->setText(tr("unknown"));
+        return;
+    }
+    switch (m_client->backendState()) {
+    case ScanClient::BACKEND_UNKNOWN:
+        m_backendValue->setText(tr("Not asked yet (the Scan page asks)"));
+        break;
+    case ScanClient::BACKEND_CONNECTING:
+        m_backendValue->setText(tr("Asking..."));
+        break;
+    case ScanClient::BACKEND_STARTING:
+        m_backendValue->setText(tr("Starting..."));
+        break;
+    case ScanClient::BACKEND_NO_BUS:
+        m_backendValue->setText(tr("Unreachable (no message bus)"));
+        break;
+    case ScanClient::BACKEND_NOT_RUNNING:
+        m_backendValue->setText(tr("Not running"));
+        break;
+    case ScanClient::BACKEND_RUNNING: {
+        const Json::Value& s = m_client->status();
+        const std::string engine = s["engine"].isString() ? s["engine"].asString() : std::string();
+        const long long pid = s["pid"].isIntegral() ? static_cast<long long>(s["pid"].asInt64()) : 0;
+        m_backendValue->setText(pid > 0 ? tr("Running (process %1, %2)").arg(pid).arg(esc(engine))
+                                        : tr("Running"));
+        break;
+    }
+    }
 }
 
 void OverviewPage::refresh()

@@ -1,6 +1,7 @@
-// Overview page: this instance (pid, status, bus), the combos and the plugins with their state.
+// Overview page: this instance (pid, status, bus, scan back end), the combos and the plugins with their state.
 #pragma once
 
+#include <QPointer>
 #include <QTimer>
 #include <QWidget>
 
@@ -11,10 +12,13 @@ class QTreeWidget;
 namespace kuv {
 namespace shell {
 
+class ScanClient;
+
 class OverviewPage : public QWidget {
     Q_OBJECT
 public:
     explicit OverviewPage(QWidget* parent = nullptr);
+    void setScanClient(ScanClient* client);
 
 public slots:
     void refresh();
@@ -26,6 +30,7 @@ protected:
 
 private:
     void retranslate();
+    void showBackend();
 
     QGroupBox* m_instanceBox;
     QLabel* m_pidCaption;
@@ -36,6 +41,9 @@ private:
     QLabel* m_busValue;
     QLabel* m_versionCaption;
     QLabel* m_versionValue;
+    QLabel* m_backendCaption;
+    QLabel* m_backendValue;
+    QPointer<ScanClient> m_client;
     QGroupBox* m_comboBox;
     QTreeWidget* m_combos;
     QGroupBox* m_pluginBox;

@@ -1,12 +1,21 @@
-// Scan page: the paths of the latest context-menu scan request, their state, progress and counts.
+// Scan page: scans started here or from the file manager, their live progress, results and the back end.
 #pragma once
 
-#include <QDateTime>
-#include <QStringList>
+#include <string>
+#include <vector>
+
+#include <QElapsedTimer>
+#include <QPointer>
+#include <QString>
+#include <QTimer>
 #include <QWidget>
 
+#include "ScanClient.h"
+
+class QFrame;
 class QLabel;
 class QProgressBar;
+class QPushButton;
 class QTreeWidget;
 
 namespace kuv {
@@ -17,27 +26,73 @@ class ScanPage : public QWidget {
 public:
     explicit ScanPage(QWidget* parent = nullptr);
 
-    // Takes a new request; there is no scan engine in this installation, so nothing is scanned.
-    void setRequest(const QStringList& paths);
-    int requestedCount() const { return m_paths.size(); }
+    // The client that runs the jobs (owned by the shell); null leaves the page without a back end.
+    void setClient(ScanClient* client);
+    // Starts a job for these exact path bytes. reportClean shows clean files in the list too.
+    void scanPaths(const std::vector<std::string>& paths, bool reportClean, const char* origin);
+    QString currentJob() const { return m_job; }
+    int resultCount() const;
 
 protected:
     void changeEvent(QEvent* event) override;
+    void showEvent(QShowEvent* event) override;
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
 
 private:
+    enum Phase { PHASE_IDLE, PHASE_SENDING, PHASE_WAITING, PHASE_RUNNING, PHASE_DONE, PHASE_CANCELLED, PHASE_FAILED };
+
     void retranslate();
-    void fill();
+    void showBackend();
+    void showJob();
+    void tickElapsed();
+    void onJobCreated(const QString& job, int pathCount);
+    void onAccepted(const QString& job, int position);
+    void onProgress(const QString& job, const ScanProgress& progress);
+    void onResults(const QString& job, const QVector<ScanResultRow>& rows);
+    void onEnded(const QString& job, const ScanEnd& end);
+    void chooseFile();
+    void chooseFolder();
+    QString verdictText(const QString& verdict) const;
+    QString formatBytes(qint64 bytes) const;
 
-    enum Kind { KIND_FILE, KIND_FOLDER, KIND_MISSING, KIND_OTHER };
+    QPointer<ScanClient> m_client;
+    QString m_job;
+    Phase m_phase = PHASE_IDLE;
+    int m_position = 0;
+    int m_pathCount = 0;
+    ScanProgress m_progressData;
+    ScanEnd m_end;
+    qint64 m_threats = 0;
+    bool m_backendGone = false;
+    QElapsedTimer m_clock;
+    qint64 m_elapsedMs = 0;
+    // Ticks the elapsed time once a second, only while a job runs.
+    QTimer m_elapsedTimer;
 
-    QStringList m_paths;
-    QList<Kind> m_kinds;
-    QDateTime m_requestTime;
     QLabel* m_title;
-    QLabel* m_engineNotice;
-    QTreeWidget* m_list;
+    QFrame* m_backendBox;
+    QLabel* m_backendText;
+    QPushButton* m_startBackend;
+    QLabel* m_engineLine;
+    QPushButton* m_scanFile;
+    QPushButton* m_scanFolder;
+    QPushButton* m_scanHome;
+    QPushButton* m_cancel;
+    QLabel* m_dropHint;
+    QLabel* m_stateText;
     QProgressBar* m_progress;
-    QLabel* m_counts;
+    QLabel* m_filesCaption;
+    QLabel* m_filesValue;
+    QLabel* m_bytesCaption;
+    QLabel* m_bytesValue;
+    QLabel* m_threatsCaption;
+    QLabel* m_threatsValue;
+    QLabel* m_elapsedCaption;
+    QLabel* m_elapsedValue;
+    QLabel* m_currentCaption;
+    QLabel* m_currentValue;
+    QTreeWidget* m_list;
 };
 
 } // namespace shell

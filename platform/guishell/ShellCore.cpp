@@ -12,6 +12,7 @@
 #include "CQPluginManager.h"
 #include "FileUtils.h"
 #include "MainWindow.h"
+#include "ScanClient.h"
 #include "ShellSettings.h"
 
 namespace kuv {
@@ -63,7 +64,11 @@ void ShellCore::build(sUninstallFunc uninstall)
     m_uninstall = uninstall;
     m_quitting = false;
     applyLanguage();
+    if (!m_scanClient) {
+        m_scanClient = std::make_unique<ScanClient>();
+    }
     m_window = std::make_unique<MainWindow>();
+    m_window->setScanClient(m_scanClient.get());
     connect(m_window.get(), &MainWindow::quitRequested, this, &ShellCore::quit);
     connect(m_window.get(), &MainWindow::languageChosen, this, &ShellCore::applyLanguage);
     // Plugins bring their own catalogs; a newly loaded one needs the translators set up again.
@@ -112,6 +117,8 @@ void ShellCore::teardown()
     m_tray.reset();
     m_trayMenu.reset();
     m_window.reset();
+    // Leaves the bus; no back-end message is handled after this.
+    m_scanClient.reset();
     m_quitting = false;
 }
 
@@ -126,13 +133,12 @@ void ShellCore::showMain()
     m_window->activateWindow();
 }
 
-void ShellCore::scan(const QStringList& paths)
+void ShellCore::scan(const std::vector<std::string>& paths)
 {
     if (!m_window) {
         return;
     }
-    SH_LOG(LOG_LEVEL_INFO, "context-menu scan of %d path(s); no scan engine is installed",
-           static_cast<int>(paths.size()));
+    SH_LOG(LOG_LEVEL_INFO, "context-menu scan of %d path(s)", static_cast<int>(paths.size()));
     m_window->showScanRequest(paths);
     showMain();
 }

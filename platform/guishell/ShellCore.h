@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <QObject>
@@ -19,6 +20,7 @@ namespace kuv {
 namespace shell {
 
 class MainWindow;
+class ScanClient;
 
 class ShellCore : public QObject {
     Q_OBJECT
@@ -35,7 +37,7 @@ public:
 
 public slots:
     void showMain();
-    void scan(const QStringList& paths);
+    void scan(const std::vector<std::string>& paths);
     void quit();
     void applyLanguage();
 
@@ -44,6 +46,7 @@ private:
     void finishQuit(bool timedOut);
 
     sUninstallFunc m_uninstall{nullptr, nullptr};
+    std::unique_ptr<ScanClient> m_scanClient;
     std::unique_ptr<MainWindow> m_window;
     std::unique_ptr<QMenu> m_trayMenu;
     std::unique_ptr<QSystemTrayIcon> m_tray;

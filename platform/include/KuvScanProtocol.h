@@ -69,3 +69,15 @@ enum _KUV_SCAN_MSG : int64_t {
 };
 
 } // namespace kuvscan
+
+// Subscribers that were there before the back end. A client that wants status and events also when
+// the back end starts (or restarts) after it puts its endpoint GUID, one per line ("XXXXXXXX-XXXX-
+// XXXX-XXXX-XXXXXXXXXXXX\n"), in this file of the per-user runtime directory ($XDG_RUNTIME_DIR/kuv/,
+// 0600). When the back end has joined the bus it reads the file (at most kMaxSubscriberFileBytes;
+// lines that are not a GUID are skipped) and treats every GUID listed as if it had sent
+// KUV_SCAN_MSG_STATUS_REQUEST {"subscribe": true}: it sends each one KUV_SCAN_MSG_STATUS at once, and
+// later statuses and events. A listed endpoint that is not on the bus is simply dropped.
+namespace kuvscan {
+constexpr const char* kSubscribersFile = "scand-subscribers";
+constexpr int kMaxSubscriberFileBytes = 4096;
+} // namespace kuvscan

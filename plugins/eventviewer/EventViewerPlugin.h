@@ -1,4 +1,5 @@
-// Event viewer plugin: lists the security event messages (type 3001) that reach its bus endpoint.
+// Event viewer plugin: lists the security events of the scan back end (detections, actions) and the
+// event messages (type 3001) that reach its bus endpoint.
 #pragma once
 
 #include <memory>
@@ -9,6 +10,7 @@
 
 #include "IKuvGuiPlugin.h"
 #include "KuvPluginSupport.h"
+#include "KuvScanSupport.h"
 
 class QLabel;
 class QPushButton;
@@ -24,6 +26,8 @@ class EventViewerPage : public QWidget {
 public:
     explicit EventViewerPage(QWidget* parent = nullptr);
     void setBus(kuvsdk::PluginEndpoint::State state, const QString& guid, int error);
+    // Follows the back end through the plugin's endpoint (its events, also after a later start).
+    void followBackend(kuvsdk::PluginEndpoint* bus);
     void addMessage(const kuvsdk::BusMessage& message);
     int rowCount() const;
 
@@ -32,6 +36,10 @@ protected:
 
 private:
     void retranslate();
+    // event: the back end's event the row shows (its text follows the language), or empty.
+    void addRow(const QStringList& cells, const QColor& color, const QJsonObject& event = QJsonObject());
+    QString kindText(const QString& kind) const;
+    QString eventText(const QJsonObject& event) const;
 
     QLabel* m_heading;
     QLabel* m_busState;
@@ -42,6 +50,7 @@ private:
     QString m_guid;
     int m_error = 0;
     int m_total = 0;
+    kuvsdk::ScanSubscription m_subscription;
 };
 
 class EventViewerPlugin : public QObject, public IKuvGuiPlugin {

@@ -138,74 +138,267 @@
         <source>Partly loaded (%1 of %2)</source>
         <translation>部分加载（%1/%2）</translation>
     </message>
+    <message>
+        <source>Scan back end:</source>
+        <translation>扫描后台服务：</translation>
+    </message>
+    <message>
+        <source>Not asked yet (the Scan page asks)</source>
+        <translation>尚未查询（打开“扫描”页面时查询）</translation>
+    </message>
+    <message>
+        <source>Asking...</source>
+        <translation>正在查询...</translation>
+    </message>
+    <message>
+        <source>Starting...</source>
+        <translation>正在启动...</translation>
+    </message>
+    <message>
+        <source>Unreachable (no message bus)</source>
+        <translation>无法连接（没有消息总线）</translation>
+    </message>
+    <message>
+        <source>Not running</source>
+        <translation>未运行</translation>
+    </message>
+    <message>
+        <source>Running (process %1, %2)</source>
+        <translation>正在运行（进程 %1，%2）</translation>
+    </message>
+    <message>
+        <source>Running</source>
+        <translation>正在运行</translation>
+    </message>
+</context>
+<context>
+    <name>kuv::shell::ScanClient</name>
+    <message>
+        <source>Too many paths for one scan.</source>
+        <translation>一次扫描的路径过多。</translation>
+    </message>
+    <message>
+        <source>%1 is not installed.</source>
+        <translation>%1 未安装。</translation>
+    </message>
+    <message>
+        <source>%1 could not be started.</source>
+        <translation>无法启动 %1。</translation>
+    </message>
+    <message>
+        <source>The back end did not report after starting.</source>
+        <translation>后台服务启动后没有响应。</translation>
+    </message>
 </context>
 <context>
     <name>kuv::shell::ScanPage</name>
     <message>
-        <source>Context-menu scan</source>
-        <translation>右键菜单扫描</translation>
-    </message>
-    <message>
-        <source>No scan engine is installed. The request below was received and recorded, but nothing has been scanned.</source>
-        <translation>未安装扫描引擎。已收到并记录下列扫描请求，但尚未扫描任何内容。</translation>
-    </message>
-    <message>
         <source>Path</source>
         <translation>路径</translation>
-    </message>
-    <message>
-        <source>Type</source>
-        <translation>类型</translation>
-    </message>
-    <message>
-        <source>State</source>
-        <translation>状态</translation>
-    </message>
-    <message>
-        <source>File</source>
-        <translation>文件</translation>
-    </message>
-    <message>
-        <source>Folder</source>
-        <translation>文件夹</translation>
-    </message>
-    <message>
-        <source>Missing</source>
-        <translation>不存在</translation>
-    </message>
-    <message>
-        <source>Other</source>
-        <translation>其他</translation>
     </message>
     <message>
         <source>Not scanned</source>
         <translation>未扫描</translation>
     </message>
     <message>
-        <source>No scan requested</source>
-        <translation>没有扫描请求</translation>
+        <source>Choose files to scan</source>
+        <translation>选择要扫描的文件</translation>
     </message>
     <message>
-        <source>Choose files in the file manager and use its scan action to request a scan.</source>
-        <translation>在文件管理器中选择文件，然后使用其扫描菜单项发起扫描。</translation>
+        <source>Choose a folder to scan</source>
+        <translation>选择要扫描的文件夹</translation>
     </message>
     <message>
-        <source>Not started: no scan engine</source>
-        <translation>未开始：没有扫描引擎</translation>
+        <source>Infected</source>
+        <translation>已感染</translation>
+    </message>
+    <message>
+        <source>Clean</source>
+        <translation>安全</translation>
+    </message>
+    <message>
+        <source>Skipped</source>
+        <translation>已跳过</translation>
+    </message>
+    <message>
+        <source>Partly scanned</source>
+        <translation>未完全扫描</translation>
+    </message>
+    <message>
+        <source>Quarantined</source>
+        <translation>已隔离</translation>
+    </message>
+    <message>
+        <source>Deleted</source>
+        <translation>已删除</translation>
+    </message>
+    <message>
+        <source>Scan</source>
+        <translation>扫描</translation>
+    </message>
+    <message>
+        <source>Start the back end</source>
+        <translation>启动后台服务</translation>
+    </message>
+    <message>
+        <source>Scan files...</source>
+        <translation>扫描文件...</translation>
+    </message>
+    <message>
+        <source>Scan a folder...</source>
+        <translation>扫描文件夹...</translation>
+    </message>
+    <message>
+        <source>Scan the home folder</source>
+        <translation>扫描主文件夹</translation>
+    </message>
+    <message>
+        <source>Cancel</source>
+        <translation>取消</translation>
+    </message>
+    <message>
+        <source>You can also drop files and folders here, or use the scan action of the file manager.</source>
+        <translation>也可以把文件和文件夹拖放到这里，或使用文件管理器中的扫描操作。</translation>
+    </message>
+    <message>
+        <source>Files:</source>
+        <translation>文件：</translation>
+    </message>
+    <message>
+        <source>Data scanned:</source>
+        <translation>已扫描数据：</translation>
+    </message>
+    <message>
+        <source>Threats found:</source>
+        <translation>发现威胁：</translation>
+    </message>
+    <message>
+        <source>Elapsed time:</source>
+        <translation>已用时间：</translation>
+    </message>
+    <message>
+        <source>Current file:</source>
+        <translation>当前文件：</translation>
+    </message>
+    <message>
+        <source>Verdict</source>
+        <translation>结果</translation>
+    </message>
+    <message>
+        <source>Signature or reason</source>
+        <translation>病毒名称或原因</translation>
+    </message>
+    <message>
+        <source>Scanning is not available in this window.</source>
+        <translation>此窗口无法进行扫描。</translation>
+    </message>
+    <message>
+        <source>Connecting to the scan back end...</source>
+        <translation>正在连接扫描后台服务...</translation>
+    </message>
+    <message>
+        <source>Starting the scan back end...</source>
+        <translation>正在启动扫描后台服务...</translation>
+    </message>
+    <message>
+        <source>The message bus is not reachable, so the scan back end cannot be used.</source>
+        <translation>无法连接消息总线，因此无法使用扫描后台服务。</translation>
+    </message>
+    <message>
+        <source>The scan back end (kuv-scand) is not running. Nothing can be scanned until it runs.</source>
+        <translation>扫描后台服务（kuv-scand）未运行。在它运行之前无法进行任何扫描。</translation>
+    </message>
+    <message>
+        <source>Scan back end running.</source>
+        <translation>扫描后台服务正在运行。</translation>
+    </message>
+    <message>
+        <source>Scan engine: %1 %2, %3 signatures.</source>
+        <translation>扫描引擎：%1 %2，%3 条病毒特征。</translation>
+    </message>
+    <message>
+        <source>Database of %1.</source>
+        <translation>病毒库日期 %1。</translation>
+    </message>
+    <message>
+        <source>The scan back end reports an error: %1</source>
+        <translation>扫描后台服务报告错误：%1</translation>
+    </message>
+    <message>
+        <source>Loading signatures...</source>
+        <translation>正在加载病毒特征...</translation>
+    </message>
+    <message>
+        <source>No scan yet. Choose what to scan, or drop files here.</source>
+        <translation>尚未扫描。请选择要扫描的内容，或把文件拖放到这里。</translation>
     </message>
     <message numerus="yes">
-        <source>%n path(s) requested at %1: </source>
+        <source>Sending the scan request (%n path(s))...</source>
         <translation>
-            <numerusform>%1 请求扫描 %n 个路径：</numerusform>
+            <numerusform>正在发送扫描请求（%n 个路径）...</numerusform>
+        </translation>
+    </message>
+    <message numerus="yes">
+        <source>Waiting for %n earlier scan(s) to finish...</source>
+        <translation>
+            <numerusform>正在等待之前的 %n 个扫描完成...</numerusform>
         </translation>
     </message>
     <message>
-        <source>%1 file(s), %2 folder(s), %3 missing. Scanned: 0.</source>
-        <translation>%1 个文件，%2 个文件夹，%3 个不存在。已扫描：0。</translation>
+        <source>Counting files...</source>
+        <translation>正在统计文件...</translation>
     </message>
     <message>
-        <source>The list shows the first %1.</source>
-        <translation>列表仅显示前 %1 项。</translation>
+        <source>Scanning...</source>
+        <translation>正在扫描...</translation>
+    </message>
+    <message numerus="yes">
+        <source>Scan finished: %n threat(s) found.</source>
+        <translation>
+            <numerusform>扫描完成：发现 %n 个威胁。</numerusform>
+        </translation>
+    </message>
+    <message>
+        <source>Scan finished: no threats found.</source>
+        <translation>扫描完成：未发现威胁。</translation>
+    </message>
+    <message>
+        <source>Scan cancelled.</source>
+        <translation>扫描已取消。</translation>
+    </message>
+    <message>
+        <source>Cancelled</source>
+        <translation>已取消</translation>
+    </message>
+    <message>
+        <source>Scan failed: the scan back end is not running.</source>
+        <translation>扫描失败：扫描后台服务未运行。</translation>
+    </message>
+    <message>
+        <source>Scan failed: the scan back end stopped during the scan.</source>
+        <translation>扫描失败：扫描后台服务在扫描过程中停止了。</translation>
+    </message>
+    <message>
+        <source>Scan failed: %1</source>
+        <translation>扫描失败：%1</translation>
+    </message>
+    <message>
+        <source>Failed</source>
+        <translation>失败</translation>
+    </message>
+    <message>
+        <source>%1 of %2</source>
+        <translation>%1 / %2</translation>
+    </message>
+    <message>
+        <source>Scan failed: the message bus is not reachable.</source>
+        <translation>扫描失败：无法连接消息总线。</translation>
+    </message>
+    <message numerus="yes">
+        <source>The signature database is %n day(s) old: install the clamav-freshclam package to keep it up to date.</source>
+        <translation>
+            <numerusform>病毒库已有 %n 天未更新：请安装 clamav-freshclam 软件包以保持其为最新。</numerusform>
+        </translation>
     </message>
 </context>
 <context>

@@ -8,10 +8,6 @@
         <translation>安全事件</translation>
     </message>
     <message>
-        <source>Listening on the message bus as %1 for event messages (type %2).</source>
-        <translation>以 %1 的身份在消息总线上接收事件消息（类型 %2）。</translation>
-    </message>
-    <message>
         <source>The bus refused the address %1 (error %2); no events can arrive.</source>
         <translation>总线拒绝了地址 %1（错误 %2），无法收到事件。</translation>
     </message>
@@ -44,6 +40,34 @@
     <message>
         <source>Clear</source>
         <translation>清空</translation>
+    </message>
+    <message>
+        <source>Threat detected</source>
+        <translation>发现威胁</translation>
+    </message>
+    <message>
+        <source>Action taken</source>
+        <translation>已执行操作</translation>
+    </message>
+    <message>
+        <source>Scan engine</source>
+        <translation>扫描引擎</translation>
+    </message>
+    <message>
+        <source>Scan</source>
+        <translation>扫描</translation>
+    </message>
+    <message>
+        <source>%1 in %2</source>
+        <translation>%2 中发现 %1</translation>
+    </message>
+    <message>
+        <source>action: %1</source>
+        <translation>操作：%1</translation>
+    </message>
+    <message>
+        <source>Listening on the message bus as %1 for event messages (types %2 and %3).</source>
+        <translation>正在以 %1 的身份在消息总线上接收事件消息（类型 %2 和 %3）。</translation>
     </message>
 </context>
 </TS>

@@ -122,10 +122,16 @@ public:
             m.sender = guidToString(*reinterpret_cast<const GUID*>(static_cast<uintptr_t>(sender)));
         }
         m.sequence = sequence;
-        m.received = QDateTime::currentDateTime();
+        // UTC here: turning it into local time reads the time zone (tzset), which is left to the GUI thread.
+        m.received = QDateTime::currentDateTimeUtc();
         const Handler handler = m_handler;
         QMetaObject::invokeMethod(
-            m_context, [handler, m]() { handler(m); }, Qt::QueuedConnection);
+            m_context,
+            [handler, m]() mutable {
+                m.received = m.received.toLocalTime();
+                handler(m);
+            },
+            Qt::QueuedConnection);
     }
 
 private:
@@ -252,6 +258,10 @@ public:
         delete m_page.data();
         m_receiver.reset();
     }
+
+    // Routes one more message type to the same handler (which tells them apart by BusMessage::type).
+    // 0 on success; -1 when not on the bus.
+    int alsoListen(int64_t type) { return m_receiver ? m_bus.listen(type, m_receiver.get()) : -1; }
 
     Page* page() const { return m_page; }
     PluginEndpoint& bus() { return m_bus; }

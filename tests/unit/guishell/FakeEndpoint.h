@@ -44,7 +44,23 @@ public:
         m_unregistered.push_back(msgType);
         return m_receivers.erase(msgType) == 1 ? 0 : -1;
     }
-    int sendMsg(const GUID&, int64_t, const char*, int) override { return 0; }
+    int sendMsg(const GUID& dest, int64_t type, const char* body, int length) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_sent.push_back(Sent{dest, type, std::string(body != nullptr ? body : "", body != nullptr ? length : 0)});
+        return 0;
+    }
+
+    struct Sent {
+        GUID dest;
+        int64_t type;
+        std::string body;
+    };
+    std::vector<Sent> sent()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_sent;
+    }
 
     // Delivers on a fresh thread, as the bus's dispatch threads do; false when nobody listens.
     bool deliver(int64_t type, const std::string& body, uint64_t sequence = 1)
@@ -114,4 +130,5 @@ private:
     int m_inCallback = 0;
     std::map<int64_t, IMRReceiveComplete*> m_receivers;
     std::vector<int64_t> m_unregistered;
+    std::vector<Sent> m_sent;
 };

@@ -1,12 +1,20 @@
 // The sample plugins in the shell, offscreen: their endpoint and receivers through a bus test double,
 // bus messages carried to their pages, the plugins without a bus, and screenshots of every page in
 // English and Simplified Chinese (written to $KUV_BUILD_DIR/screenshots/).
+#include <algorithm>
+#include <ctime>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <QApplication>
 #include <QComboBox>
@@ -26,6 +34,7 @@
 #include "ConfigModule.h"
 #include "FakeEndpoint.h"
 #include "KuvGuiInterface.h"
+#include "KuvScanProtocol.h"
 #include "PluginInitParas.h"
 #include "ShellTestSupport.h"
 
@@ -41,13 +50,15 @@ struct SamplePlugin {
     const char* guid; // differs from the plugin's built-in address: the description must win
     int64_t type;
     const char* pageName;
+    std::vector<int64_t> types; // every type it listens to: its own and the back end's
 };
 
 const SamplePlugin kPlugins[] = {
-    {"eventviewer", EVENTVIEWER_SO, "11111111-0000-0000-0000-000000003001", 3001, "kuvEventViewerPage"},
-    {"notifier", NOTIFIER_SO, "11111111-0000-0000-0000-000000003002", 3002, "kuvNotifierPage"},
+    {"eventviewer", EVENTVIEWER_SO, "11111111-0000-0000-0000-000000003001", 3001, "kuvEventViewerPage",
+     {3001, kuvscan::KUV_SCAN_MSG_STATUS, kuvscan::KUV_SCAN_MSG_EVENT}},
+    {"notifier", NOTIFIER_SO, "11111111-0000-0000-0000-000000003002", 3002, "kuvNotifierPage", {3002}},
     {"protectionstatus", PROTECTIONSTATUS_SO, "11111111-0000-0000-0000-000000003003", 3003,
-     "kuvProtectionStatusPage"},
+     "kuvProtectionStatusPage", {3003, kuvscan::KUV_SCAN_MSG_STATUS}},
 };
 
 QString guidText(const GUID& g)
@@ -123,13 +134,31 @@ protected:
 
 TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
 {
+    // The runtime directory as the service makes it: the plugins only write into it.
+    const std::string runtimeKuv = std::string(getenv("XDG_RUNTIME_DIR")) + "/kuv";
+    ASSERT_EQ(0, mkdir(runtimeKuv.c_str(), 0700));
     loadAll(true);
     for (size_t i = 0; i < 3; ++i) {
         FakeEndpoint& ep = *m_endpoints[i];
         EXPECT_EQ(1, ep.inits()) << kPlugins[i].id;
         EXPECT_EQ(QString::fromLatin1(kPlugins[i].guid), guidText(ep.guid())) << kPlugins[i].id;
-        EXPECT_EQ(std::vector<int64_t>{kPlugins[i].type}, ep.registeredTypes()) << kPlugins[i].id;
+        EXPECT_EQ(kPlugins[i].types, ep.registeredTypes()) << kPlugins[i].id;
     }
+    // The two that follow the back end subscribe to it and list themselves for its next start.
+    for (size_t i : {size_t(0), size_t(2)}) {
+        const auto sent = m_endpoints[i]->sent();
+        ASSERT_FALSE(sent.empty()) << kPlugins[i].id;
+        EXPECT_EQ("5CA4D0E1-7B2F-4E8A-9C31-0F6B2D8E4A17", guidText(sent[0].dest).toStdString());
+        EXPECT_EQ(kuvscan::KUV_SCAN_MSG_STATUS_REQUEST, sent[0].type);
+        EXPECT_EQ(R"({"subscribe":true})", sent[0].body);
+    }
+    EXPECT_TRUE(m_endpoints[1]->sent().empty());
+    const std::string subscribers =
+        std::string(getenv("XDG_RUNTIME_DIR")) + "/kuv/" + kuvscan::kSubscribersFile;
+    std::ifstream listed(subscribers);
+    const std::string listText((std::istreambuf_iterator<char>(listed)), std::istreambuf_iterator<char>());
+    EXPECT_NE(std::string::npos, listText.find(std::string(kPlugins[0].guid) + "\n")) << listText;
+    EXPECT_NE(std::string::npos, listText.find(std::string(kPlugins[2].guid) + "\n")) << listText;
 
     // Event viewer: messages from a bus thread end up in the table, control characters escaped.
     ASSERT_TRUE(m_endpoints[0]->deliver(3001, "malware found in /home/u/a.exe"));
@@ -140,6 +169,15 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
     EXPECT_EQ("3001", events->item(0, 1)->text().toStdString());
     EXPECT_EQ("0A1B2C3D-4E5F-6071-8293-A4B5C6D7E8F9", events->item(0, 2)->text().toStdString());
     EXPECT_EQ("malware found in /home/u/a.exe", events->item(1, 3)->text().toStdString());
+    // A detection reported by the back end, its non-UTF-8 path shown escaped.
+    ASSERT_TRUE(m_endpoints[0]->deliver(kuvscan::KUV_SCAN_MSG_EVENT,
+                                        R"({"time": 1790000000000, "kind": "detection", "severity": "critical",)"
+                                        R"( "path": {"b64": "L3RtcC9h/y5leGU="}, "signature": "Eicar-Test-Signature",)"
+                                        R"( "action": "reported", "job": "j1"})"));
+    ASSERT_TRUE(shelltest::spinUntil([events] { return events->rowCount() == 3; }));
+    EXPECT_EQ("Threat detected", events->item(0, 1)->text().toStdString());
+    EXPECT_EQ("kuv-scand", events->item(0, 2)->text().toStdString());
+    EXPECT_EQ("Eicar-Test-Signature in /tmp/a\\xFF.exe; action: reported", events->item(0, 3)->text().toStdString());
     // Messages of another type are not this plugin's.
     EXPECT_FALSE(m_endpoints[0]->deliver(3002, "not for the event viewer"));
 
@@ -164,6 +202,61 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
     EXPECT_EQ("realtime", modules->item(0, 0)->text().toStdString());
     EXPECT_EQ("Turned off", modules->item(1, 1)->text().toStdString());
 
+    // The back end's status: engine, signatures, database age with the hint when it is old or missing.
+    QWidget* status = page("kuvProtectionStatusPage");
+    auto* database = status->findChild<QLabel*>("kuvProtectionDatabase");
+    auto* warning = status->findChild<QLabel*>("kuvProtectionDatabaseWarning");
+    EXPECT_EQ("-", database->text().toStdString());
+    const long long now = static_cast<long long>(time(nullptr));
+    ASSERT_TRUE(m_endpoints[2]->deliver(
+        kuvscan::KUV_SCAN_MSG_STATUS,
+        R"({"state": "ready", "engine": "libclamav", "engine_version": "1.0.7", "db_version": "27100",)"
+        R"( "signatures": 3627451, "pid": )" + std::to_string(getpid()) + R"(, "db_time": )" +
+            std::to_string(now - 2 * 86400) + "}"));
+    ASSERT_TRUE(shelltest::spinUntil([database] { return database->text().contains("2 day(s) old"); }))
+        << database->text().toStdString();
+    EXPECT_TRUE(warning->isHidden());
+    auto subscribes = [this] {
+        const auto sent = m_endpoints[2]->sent();
+        return std::count_if(sent.begin(), sent.end(), [](const FakeEndpoint::Sent& x) {
+            return x.type == kuvscan::KUV_SCAN_MSG_STATUS_REQUEST;
+        });
+    };
+    const auto subscribedBefore = subscribes();
+    // A stand-in for the back end's process, so that its end can be watched.
+    const pid_t backend = fork();
+    if (backend == 0) {
+        pause();
+        _exit(0);
+    }
+    ASSERT_GT(backend, 0);
+    EXPECT_EQ("ClamAV engine (libclamav) 1.0.7",
+              status->findChild<QLabel*>("kuvProtectionEngine")->text().toStdString());
+    ASSERT_TRUE(m_endpoints[2]->deliver(
+        kuvscan::KUV_SCAN_MSG_STATUS,
+        R"({"state": "ready", "engine": "libclamav", "signatures": 9, "pid": )" + std::to_string(backend) +
+            R"(, "db_time": )" +
+            std::to_string(now - 12 * 86400) + R"(, "last_scan": {"job": "j1", "state": "done", "end_time": )" +
+            std::to_string(now) + R"(, "files": 4, "infected": 1}})"));
+    ASSERT_TRUE(shelltest::spinUntil([warning] { return !warning->isHidden(); }));
+    EXPECT_NE(-1, warning->text().indexOf("12 day(s) old")) << warning->text().toStdString();
+    EXPECT_NE(-1, warning->text().indexOf("clamav-freshclam"));
+    EXPECT_NE(-1, status->findChild<QLabel*>("kuvProtectionLastScan")->text().indexOf("4 file(s), 1 threat(s)"));
+    // A back end it had not seen before (another pid): it subscribes again.
+    EXPECT_EQ(subscribedBefore + 1, subscribes()) << "resubscribed to the new back end";
+    ASSERT_TRUE(m_endpoints[2]->deliver(kuvscan::KUV_SCAN_MSG_STATUS,
+                                        R"({"state": "ready", "pid": )" + std::to_string(backend) + "}"));
+    ASSERT_TRUE(shelltest::spinUntil([database] { return database->text() == QLatin1String("Not found"); }));
+    EXPECT_NE(-1, warning->text().indexOf("No ClamAV signature database was found"));
+    // The back end's process ends: the page says so without waiting for any message.
+    auto* backendState = status->findChild<QLabel*>("kuvProtectionBackendState");
+    EXPECT_EQ(-1, backendState->text().indexOf("Not running"));
+    kill(backend, SIGKILL);
+    ASSERT_TRUE(shelltest::spinUntil([backendState] {
+        return backendState->text().startsWith("Not running (the back end process ended)");
+    })) << backendState->text().toStdString();
+    waitpid(backend, nullptr, 0);
+
     // Unloading leaves the bus: receivers unregistered, endpoint uninitialised, nothing delivered after.
     for (const auto& p : kPlugins) {
         CQPluginManager::singleInstance()->unstallPluginAsyn(p.id);
@@ -171,7 +264,7 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
     ASSERT_TRUE(shelltest::spinUntil([] { return CQPluginManager::singleInstance()->pendingUnloads() == 0; }));
     for (size_t i = 0; i < 3; ++i) {
         EXPECT_EQ(1, m_endpoints[i]->uninits()) << kPlugins[i].id;
-        EXPECT_EQ(std::vector<int64_t>{kPlugins[i].type}, m_endpoints[i]->unregistered()) << kPlugins[i].id;
+        EXPECT_EQ(kPlugins[i].types, m_endpoints[i]->unregistered()) << kPlugins[i].id;
         EXPECT_FALSE(m_endpoints[i]->deliver(kPlugins[i].type, "{}"));
     }
 }
@@ -218,6 +311,14 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
     loadAll(true);
     m_endpoints[0]->deliver(3001, R"({"event": "quarantine", "file": "/home/user/Downloads/invoice.pdf.exe"})");
     m_endpoints[0]->deliver(3001, "Real-time protection blocked /tmp/.x/miner");
+    m_endpoints[0]->deliver(kuvscan::KUV_SCAN_MSG_EVENT,
+                            R"({"time": )" + std::to_string(static_cast<long long>(time(nullptr)) * 1000) +
+                                R"(, "kind": "detection", "severity": "critical", "path": "/home/user/Downloads/eicar.com",)"
+                                R"( "signature": "Eicar-Test-Signature", "action": "reported", "job": "gui-1-1"})");
+    m_endpoints[2]->deliver(kuvscan::KUV_SCAN_MSG_STATUS,
+                            R"({"state": "ready", "engine": "libclamav", "engine_version": "1.0.7", "db_version": "27100",)"
+                            R"( "signatures": 3627451, "pid": )" + std::to_string(getpid()) + R"(, "db_time": )" +
+                                std::to_string(static_cast<long long>(time(nullptr)) - 3 * 3600) + "}");
     m_endpoints[1]->deliver(3002, R"({"title": "Threat blocked", "body": "invoice.pdf.exe was quarantined"})");
     m_endpoints[2]->deliver(3003, R"({"module": "realtime", "state": "on", "detail": "file system monitor"})");
     m_endpoints[2]->deliver(3003, R"({"module": "web", "state": "on", "detail": "browser protection"})");

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cstddef>
 
 namespace {
 
@@ -154,36 +155,6 @@ bool writeFileAtomic(const std::string& path, const std::string& content, unsign
     }
     ::unlink(tmp.c_str());
     return false;
-}
-
-std::string escapeControl(const std::string& text)
-{
-    std::string out;
-    out.reserve(text.size());
-    for (const char c : text) {
-        const auto u = static_cast<unsigned char>(c);
-        switch (u) {
-        case '\n':
-            out += "\\n";
-            break;
-        case '\r':
-            out += "\\r";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            if (u < 0x20 || u == 0x7f) {
-                static const char hex[] = "0123456789abcdef";
-                out += "\\x";
-                out += hex[u >> 4];
-                out += hex[u & 0xf];
-            } else {
-                out += c;
-            }
-        }
-    }
-    return out;
 }
 
 } // namespace kuv

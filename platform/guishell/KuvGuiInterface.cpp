@@ -97,7 +97,7 @@ int KuvGuiInterface::init(int& argc, char** argv, sUninstallFunc uninstall)
     if (QCoreApplication::instance() == nullptr) {
         std::string reason;
         if (!guiPossible(argc, argv, reason)) {
-            SH_LOG(LOG_LEVEL_ERROR, "no GUI: %s", kuv::escapeControl(reason).c_str());
+            SH_LOG(LOG_LEVEL_ERROR, "no GUI: %s", reason.c_str());
             return 1;
         }
         // argc is kept by reference inside QApplication; the caller's lives as long as the process.
@@ -117,7 +117,7 @@ int KuvGuiInterface::init(int& argc, char** argv, sUninstallFunc uninstall)
     }
     g_core->build(uninstall);
     SH_LOG(LOG_LEVEL_INFO, "GUI shell initialised on platform %s",
-           kuv::escapeControl(QApplication::platformName().toStdString()).c_str());
+           QApplication::platformName().toStdString().c_str());
     return 0;
 }
 

@@ -522,7 +522,7 @@ int CAfxPipeServer::start()
         std::string error;
         rt->path = kuv::runtimePath(m_impl->name, &error);
         if (rt->path.empty()) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "no socket for \"%s\": %s", kuv::escapeControl(m_impl->name).c_str(),
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "no socket for \"%s\": %s", m_impl->name.c_str(),
                      error.c_str());
             return 0;
         }

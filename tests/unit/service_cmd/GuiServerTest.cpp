@@ -184,7 +184,8 @@ TEST_F(GuiServerTest, ControlCharactersInPathsAreShownEscaped)
     const std::string out = deliver(frame(4, "{\"paths\":[\"/a\\nforged\"]}"));
     EXPECT_EQ(out, "CGuiServer: context menu scan [/a\\nforged].\n");
     ASSERT_EQ(fake::logLines().size(), 1u);
-    EXPECT_EQ(fake::logLines()[0].message.find('\n'), fake::logLines()[0].message.size() - 1);
+    // The log library escapes what it writes (one rule for every writer); it gets the path as it is.
+    EXPECT_EQ(fake::logLines()[0].message, "CGuiServer: context menu scan [/a\nforged].\n");
     // The shell gets the path itself.
     EXPECT_EQ(fake::shellCtrls()[0].paths, std::list<std::string>{"/a\nforged"});
 }

@@ -50,10 +50,9 @@ void CGuiServer::RecvData(CCharVector& data, long /*kind*/, void* /*context*/, u
         if (record.FromJsonString(payload)) {
             for (const std::string& path : record.getPaths()) {
                 paths.push_back(path);
-                // The path comes from another process: no control character reaches stdout or the log raw.
-                const std::string shown = kuv::escapeControl(path);
-                printf("CGuiServer: context menu scan [%s].\n", shown.c_str());
-                SERVER_LOG(LOG_LEVEL_INFO, "CGuiServer: context menu scan [%s].\n", shown.c_str());
+                // The path comes from another process: stdout gets it escaped, the log escapes it itself.
+                printf("CGuiServer: context menu scan [%s].\n", kuv::escapeControl(path).c_str());
+                SERVER_LOG(LOG_LEVEL_INFO, "CGuiServer: context menu scan [%s].\n", path.c_str());
             }
             fflush(stdout);
         }

@@ -332,3 +332,48 @@ TEST(ZellLogFile, UnwritableDirectoryIsReportedNotFatal)
     log.write("INFO", "s", "f", 1, "goes nowhere"); // no crash
     EXPECT_FALSE(log.isOpen());
 }
+
+TEST_F(RouterTest, ASenderWithoutCredentialsIsDroppedFromItsFirstMessage)
+{
+    auto d = send("anon", {header(Cmd::Hello)}, 0, PeerCred{});
+    EXPECT_TRUE(d.foreign);
+    EXPECT_EQ(d.action, Router::Action::Drop);
+    EXPECT_EQ(registerStatus("peerA", 1), kRegOk);
+    d = send("anon", {header(Cmd::Send), guidBytes(1), guidBytes(5), metaBytes(1003, 1), "x"}, 0, PeerCred{});
+    EXPECT_TRUE(d.foreign);
+    EXPECT_EQ(d.action, Router::Action::Drop);
+    d = send("other", {header(Cmd::Send), guidBytes(1), guidBytes(5), metaBytes(1003, 1), "x"}, 0,
+             PeerCred{true, 65534, 77});
+    EXPECT_TRUE(d.foreign);
+    EXPECT_EQ(d.action, Router::Action::Drop);
+    EXPECT_EQ(router.counters().foreignPeer, 3u);
+    EXPECT_EQ(router.counters().routed, 0u);
+}
+
+TEST_F(RouterTest, OnlyTheOwnerUnregistersAGuid)
+{
+    EXPECT_EQ(registerStatus("peerA", 1, 0, PeerCred{true, 1000, 10}), kRegOk);
+    auto d = send("peerB", {header(Cmd::Unregister), guidBytes(1)}, 0, PeerCred{true, 1000, 11});
+    EXPECT_EQ(d.action, Router::Action::Drop);
+    EXPECT_TRUE(d.refusedUnregister);
+    d = send("peerC", {header(Cmd::Send), guidBytes(1), guidBytes(3), metaBytes(1, 1), "x"}, 0,
+             PeerCred{true, 1000, 12});
+    EXPECT_EQ(d.forwardTo, "peerA") << "the GUID stays with its owner";
+    // A GUID nobody holds is let go at once, as before.
+    d = send("peerB", {header(Cmd::Unregister), guidBytes(9)}, 0, PeerCred{true, 1000, 11});
+    EXPECT_EQ(d.action, Router::Action::Reply);
+    d = send("peerA", {header(Cmd::Unregister), guidBytes(1)}, 0, PeerCred{true, 1000, 10});
+    EXPECT_EQ(d.action, Router::Action::Reply);
+    EXPECT_EQ(router.guidCount(), 0u);
+}
+
+TEST_F(RouterTest, AGuidOfADeadOwnerGoesToTheNewRegistrantAtOnce)
+{
+    EXPECT_EQ(registerStatus("old", 1, 0, PeerCred{true, 1000, 40}), kRegOk);
+    sink.dead.insert(40);
+    // No expiry to wait for: the same moment.
+    EXPECT_EQ(registerStatus("new", 1, 1, PeerCred{true, 1000, 41}), kRegOk);
+    auto d = send("peerC", {header(Cmd::Send), guidBytes(1), guidBytes(3), metaBytes(1, 1), "x"}, 1,
+                  PeerCred{true, 1000, 12});
+    EXPECT_EQ(d.forwardTo, "new");
+}

@@ -11,6 +11,9 @@
 
 #include "CLogDebug.h"
 #include "FileUtils.h"
+#include "ScanPaths.h"
+#include "ShellPaths.h"
+#include "Utf8.h"
 #include "ShellCore.h"
 #include "ShellSettings.h"
 
@@ -157,8 +160,13 @@ bool KuvGuiInterface::ctrl(_GUI_CTR_TYPE type, void* arg)
         Json::Value jpaths(Json::arrayValue);
         if (arg != nullptr) {
             for (const std::string& p : *static_cast<const std::list<std::string>*>(arg)) {
-                paths << QString::fromStdString(p);
-                jpaths.append(p);
+                // Names that are not UTF-8 keep their bytes: in the list (see ShellPaths.h) and in
+                // the journal, where they are marked {"b64": ...}.
+                paths << kuv::shell::pathToQString(p);
+                jpaths.append(kuvscan::pathToJson(p));
+                if (!kuv::isValidUtf8(p)) {
+                    SH_LOG(LOG_LEVEL_WARN, "scan request names %s, which is not UTF-8; kept byte for byte", p.c_str());
+                }
             }
         }
         rec["paths"] = jpaths;

@@ -91,7 +91,11 @@ namespace kuv {
 
 // The per-user runtime directory ($XDG_RUNTIME_DIR/kuv/ or /tmp/kuv-<uid>/), created 0700 and checked
 // with lstat (a real directory, ours, mode 0700). Returns it with a final "/", or empty and sets error.
+// When /tmp/kuv-<uid> belongs to another user, ~/.cache/kuv/runtime/ is used instead (and from then
+// on by every process of the user), and the owner is named on stderr and in runtimeDirNotice().
 std::string runtimeDir(std::string* error = nullptr);
+// What the runtime directory had to avoid (empty when nothing), for the caller's log.
+std::string runtimeDirNotice();
 // A logical name such as "/tmp/kuv-gui" or "./kuv_zell" resolved into the runtime directory
 // (its last path component). Empty when the runtime directory is refused.
 std::string runtimePath(const std::string& logicalName, std::string* error = nullptr);

@@ -570,6 +570,10 @@ int CAfxPipeServer::start()
                      error.c_str());
             return 0;
         }
+        const std::string runtimeNotice = kuv::runtimeDirNotice();
+        if (!runtimeNotice.empty()) {
+            PIPE_LOG(LOG_LEVEL_WARN, "start", "%s", runtimeNotice.c_str());
+        }
         if (rt->path.size() >= sizeof(sockaddr_un::sun_path)) {
             PIPE_LOG(LOG_LEVEL_ERROR, "start", "socket path %s is too long", rt->path.c_str());
             return 0;

@@ -580,6 +580,10 @@ int main(int argc, char** argv)
             fprintf(stderr, "kuv-zelld: no log: %s\n", why.c_str());
         }
     }
+    const std::string runtimeNotice = kuv::runtimeDirNotice();
+    if (!runtimeNotice.empty()) {
+        LOGT(3, "%s", runtimeNotice.c_str());
+    }
 
     // Signals are taken through a descriptor; blocked before ZMQ starts its threads so none sees them.
     sigset_t mask;

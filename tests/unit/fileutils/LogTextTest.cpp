@@ -175,36 +175,60 @@ TEST(StatePaths, AnInstallationOfTheUserKeepsItsOwnPaths)
     EXPECT_EQ(kuv::userStatePath(dir + "data/pubcfg/.guiexit"), dir + "data/pubcfg/.guiexit");
 }
 
+// Runs body as uid 65534 when this test runs as root (who owns nothing it cannot write); the child's
+// expectations decide its exit status.
+template <typename F>
+void asAnotherUser(const std::string& ownDir, F body)
+{
+    if (::geteuid() != 0) {
+        body();
+        return;
+    }
+    ASSERT_EQ(::chown(ownDir.c_str(), 65534, 65534), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+            ::_exit(10);
+        }
+        body();
+        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
 TEST(StatePaths, ASharedInstallationMapsLogAndPubcfgIntoTheStateDirectory)
 {
-    if (::geteuid() == 0) {
-        GTEST_SKIP() << "root owns nothing it cannot write";
-    }
     TempDir state;
     // A directory the user does not own stands for the package's /opt/kuv.
     EnvVar i("KUV_INSTALL_DIR", "/usr/share/");
     EnvVar s("XDG_STATE_HOME", state.path());
-    EXPECT_FALSE(kuv::ownInstallation("/usr/share/"));
-    const std::string kuvState = state.path() + "/kuv/";
-    EXPECT_EQ(kuv::userStatePath("/usr/share//log/"), kuvState + "log/");
-    EXPECT_EQ(kuv::userStatePath("/usr/share/bin/../log/gui/gui.ipc.log"), kuvState + "log/gui/gui.ipc.log");
-    EXPECT_EQ(kuv::userStatePath("/usr/share/data/pubcfg/.guiexit"), kuvState + "data/pubcfg/.guiexit");
-    EXPECT_EQ(kuv::userStatePath("/usr/share/logbook"), "/usr/share/logbook");
-    EXPECT_EQ(kuv::userStatePath("/usr/share/etc/gui_shell.conf"), "/usr/share/etc/gui_shell.conf");
-    EXPECT_EQ(kuv::userStatePath("/elsewhere/log/x.log"), "/elsewhere/log/x.log");
-    struct stat st;
-    ASSERT_EQ(::lstat(kuvState.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0700u);
+    asAnotherUser(state.path(), [&] {
+        EXPECT_FALSE(kuv::ownInstallation("/usr/share/"));
+        const std::string kuvState = state.path() + "/kuv/";
+        EXPECT_EQ(kuv::userStatePath("/usr/share//log/"), kuvState + "log/");
+        EXPECT_EQ(kuv::userStatePath("/usr/share/bin/../log/gui/gui.ipc.log"), kuvState + "log/gui/gui.ipc.log");
+        EXPECT_EQ(kuv::userStatePath("/usr/share/data/pubcfg/.guiexit"), kuvState + "data/pubcfg/.guiexit");
+        EXPECT_EQ(kuv::userStatePath("/usr/share/logbook"), "/usr/share/logbook");
+        EXPECT_EQ(kuv::userStatePath("/usr/share/etc/gui_shell.conf"), "/usr/share/etc/gui_shell.conf");
+        EXPECT_EQ(kuv::userStatePath("/elsewhere/log/x.log"), "/elsewhere/log/x.log");
+        struct stat st;
+        ASSERT_EQ(::lstat(kuvState.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0700u);
 
-    // The marker goes where the mapping says, created private.
-    CFile marker("/usr/share/data/pubcfg/.guiexit");
-    EXPECT_EQ(marker.path(), kuvState + "data/pubcfg/.guiexit");
-    ASSERT_TRUE(CDir::mkpath(kuvState + "data/pubcfg", 0700));
-    ASSERT_TRUE(marker.open(std::ios::out));
-    marker.close(std::ios::out);
-    ASSERT_EQ(::lstat(marker.path().c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    EXPECT_TRUE(marker.remove());
+        // The marker goes where the mapping says, created private.
+        CFile marker("/usr/share/data/pubcfg/.guiexit");
+        EXPECT_EQ(marker.path(), kuvState + "data/pubcfg/.guiexit");
+        ASSERT_TRUE(CDir::mkpath(kuvState + "data/pubcfg", 0700));
+        ASSERT_TRUE(marker.open(std::ios::out));
+        marker.close(std::ios::out);
+        ASSERT_EQ(::lstat(marker.path().c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, 0600u);
+        EXPECT_TRUE(marker.remove());
+    });
 }
 
 TEST(StatePaths, AStateDirectoryThatIsALinkIsRefused)
@@ -257,4 +281,65 @@ TEST(CFileChecks, AFileLargerThanTheCapIsNotRead)
     std::string content;
     EXPECT_FALSE(big.ReadAll(content));
     EXPECT_TRUE(content.empty());
+}
+
+// Another user who creates /tmp/kuv-<uid> first does not stop the user: a private directory under the
+// user's home is taken instead, by this process and by every later one.
+TEST(RuntimeFallback, ASquattedTmpDirectoryIsAvoided)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to play two users";
+    }
+    const uid_t victim = 65534;
+    const std::string squatted = "/tmp/kuv-" + std::to_string(victim);
+    struct stat st;
+    if (::lstat(squatted.c_str(), &st) == 0) {
+        GTEST_SKIP() << squatted << " exists already";
+    }
+    TempDir home;
+    ASSERT_EQ(::chown(home.path().c_str(), victim, victim), 0);
+    ASSERT_EQ(::mkdir(squatted.c_str(), 0700), 0); // root's, as another user would leave it
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::close(pipeFds[0]);
+        ::dup2(pipeFds[1], STDERR_FILENO);
+        if (::setgid(victim) != 0 || ::setuid(victim) != 0) {
+            ::_exit(10);
+        }
+        ::unsetenv("XDG_RUNTIME_DIR");
+        ::setenv("HOME", home.path().c_str(), 1);
+        std::string error;
+        const std::string first = kuv::runtimeDir(&error);
+        const std::string again = kuv::runtimeDir(&error);
+        if (first != home.path() + "/.cache/kuv/runtime/" || again != first) {
+            ::_exit(11);
+        }
+        if (kuv::runtimeDirNotice().find("is taken by uid 0 (root)") == std::string::npos) {
+            ::_exit(12);
+        }
+        struct stat own;
+        if (::lstat(first.c_str(), &own) != 0 || (own.st_mode & 07777) != 0700 || own.st_uid != victim) {
+            ::_exit(13);
+        }
+        ::_exit(0);
+    }
+    ::close(pipeFds[1]);
+    std::string err;
+    char buf[512];
+    ssize_t n;
+    while ((n = ::read(pipeFds[0], buf, sizeof buf)) > 0) {
+        err.append(buf, static_cast<size_t>(n));
+    }
+    ::close(pipeFds[0]);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ::rmdir(squatted.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << err;
+    // Said once on stderr, with the owner.
+    EXPECT_EQ(err, "kuv: " + squatted + "/ is taken by uid 0 (root); using " + home.path() +
+                       "/.cache/kuv/runtime/ instead\n");
 }

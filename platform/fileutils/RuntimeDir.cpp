@@ -169,12 +169,17 @@ std::string runtimeDir(std::string* error)
     const std::string home = homeOf(uid);
     const std::string cache = home.empty() ? std::string() : home + "/.cache/kuv";
     const std::string fallback = cache.empty() ? std::string() : cache + "/runtime";
+    const std::string dir = "/tmp/kuv-" + std::to_string(uid);
     struct stat st;
     if (!fallback.empty() && ::lstat(fallback.c_str(), &st) == 0 &&
         usableDir(fallback, uid, nullptr, nullptr, nullptr)) {
+        struct stat squat;
+        if (::lstat(dir.c_str(), &squat) == 0 && squat.st_uid != uid) {
+            setNotice(dir + "/ is taken by uid " + std::to_string(squat.st_uid) + " (" + userName(squat.st_uid) +
+                      "); using " + fallback + "/ instead");
+        }
         return fallback + '/';
     }
-    const std::string dir = "/tmp/kuv-" + std::to_string(uid);
     bool taken = false;
     uid_t owner = uid;
     std::string why;

@@ -39,7 +39,7 @@ constexpr size_t kReadChunk = 64 * 1024;
 constexpr size_t kReadPerEvent = 1024 * 1024; // fairness between busy connections
 constexpr int kBacklog = 512;
 // All half-received frames together hold at most this much; a frame that would pass it is refused.
-constexpr size_t kHeldBytes = 4 * CAfxPipeServer::kMaxMessage;
+constexpr size_t kHeldBytes = 4 * (CAfxPipeServer::kMaxMessage + 64);
 
 #define PIPE_LOG(level, fn, ...)                                                                           \
     do {                                                                                                   \

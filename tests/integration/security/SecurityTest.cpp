@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -366,6 +367,8 @@ TEST_F(Security, AHugeScanCommandStaysWithinTheMemoryBound)
     ASSERT_TRUE(waitForFileContains(svc.inst.log(), "paths refused (at most 100000)", 60000)) << svc.log();
     const long after = vmHwmKb(pid);
     const long boundKb = static_cast<long>(16 * payload.size() / 1024);
+    std::printf("VmHWM %ld kB -> %ld kB (+%ld kB) for a %zu-byte message; bound +%ld kB\n", before, after,
+                after - before, payload.size(), boundKb);
     EXPECT_LT(after - before, boundKb) << "peak grew from " << before << " kB to " << after << " kB";
     EXPECT_EQ(countInFile(svc.inst.log(), "context menu scan"), 1) << "one record, not one per path";
     // The user's own next command still gets through.

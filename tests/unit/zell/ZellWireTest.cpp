@@ -323,6 +323,33 @@ TEST(ZellLogFile, RecordLayoutEscapingAndRotationIntoTheBackupDirectory)
     EXPECT_NE(stat((tmp.path() + "/log/gui/backup/gui.ipc.3.log").c_str(), &st), 0) << "two backups kept";
 }
 
+TEST(ZellLogFile, TheLogRuleTheCapAndPrivateFiles)
+{
+    kuvtest::TempDir tmp("zelllog");
+    const std::string path = tmp.path() + "/log/kuv-zelld.log";
+    LogFile log;
+    std::string error;
+    ASSERT_TRUE(log.open(path, "", 1 << 20, 1, &error)) << error;
+    log.write("WARN", "platform/zelld/BrokerMain", "main", 1, "body \xc2\x85 \xe2\x80\xa8 \\n \xff end");
+    log.write("INFO", "platform/zelld/BrokerMain", "main", 2, std::string(20000, 'y'));
+    const std::string text = kuvtest::readFile(path);
+    EXPECT_NE(text.find("] body \\u0085 \\u2028 \\\\n \\xff end\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(std::string(16384, 'y') + " [... 3616 bytes cut]\n"), std::string::npos);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    ASSERT_EQ(stat((tmp.path() + "/log").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+
+    // A link planted where the log goes is not followed.
+    const std::string planted = tmp.path() + "/log/planted.log";
+    ASSERT_EQ(symlink((tmp.path() + "/target").c_str(), planted.c_str()), 0);
+    LogFile other;
+    EXPECT_FALSE(other.open(planted, "", 4096, 1, &error));
+    EXPECT_NE(stat((tmp.path() + "/target").c_str(), &st), 0);
+}
+
 TEST(ZellLogFile, UnwritableDirectoryIsReportedNotFatal)
 {
     LogFile log;

@@ -1,5 +1,10 @@
 #include "CppJson.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <fstream>
 #include <sstream>
 
@@ -38,6 +43,9 @@ bool nestingWithinLimit(const char* begin, const char* end)
     return true;
 }
 
+// The largest JSON file read: configuration and descriptions are small.
+constexpr off_t kMaxJsonFile = 4 * 1024 * 1024;
+
 bool parseText(const std::string& text, Json::Value& value)
 {
     if (!nestingWithinLimit(text.data(), text.data() + text.size())) {
@@ -58,14 +66,35 @@ bool LoadJsonFile(const char* path, Json::Value& value)
     }
     try {
         value = Json::Value();
-        std::ifstream in(path, std::ios::in);
-        if (!in.is_open()) {
+        // Only a regular file of sane size: a FIFO or a device would block or never end.
+        const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) {
             return false;
         }
-        std::ostringstream content;
-        content << in.rdbuf();
-        in.close();
-        return parseText(content.str(), value);
+        std::string content;
+        bool ok = false;
+        struct stat st;
+        if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kMaxJsonFile) {
+            ok = true;
+            char chunk[16384];
+            for (;;) {
+                const ssize_t n = ::read(fd, chunk, sizeof chunk);
+                if (n < 0 && errno == EINTR) {
+                    continue;
+                }
+                if (n <= 0) {
+                    ok = n == 0;
+                    break;
+                }
+                content.append(chunk, static_cast<size_t>(n));
+                if (content.size() > static_cast<size_t>(kMaxJsonFile)) {
+                    ok = false;
+                    break;
+                }
+            }
+        }
+        ::close(fd);
+        return ok && parseText(content, value);
     } catch (...) {
         return false;
     }

@@ -21,19 +21,56 @@ kuv_private_dir() {
 }
 
 # The per-user runtime directory, as the platform chooses it; empty (and status 1) when it is unusable.
+# Without XDG_RUNTIME_DIR: ~/.cache/kuv/runtime once it exists (it is made when another user took
+# /tmp/kuv-UID first), else /tmp/kuv-UID.
 kuv_runtime_dir() {
-  local dir
+  local dir fallback
   if [ -n "${XDG_RUNTIME_DIR:-}" ] && [ "${XDG_RUNTIME_DIR#/}" != "$XDG_RUNTIME_DIR" ] &&
      kuv_private_dir "$XDG_RUNTIME_DIR"; then
     dir="$XDG_RUNTIME_DIR/kuv"
   else
+    fallback="${HOME:-/nonexistent}/.cache/kuv/runtime"
+    if kuv_private_dir "$fallback"; then
+      printf '%s/\n' "$fallback"
+      return 0
+    fi
     dir="/tmp/kuv-$(id -u)"
+    if { [ -e "$dir" ] || [ -L "$dir" ]; } && [ "$(stat -c '%u' "$dir" 2>/dev/null)" != "$(id -u)" ]; then
+      mkdir -p -m 0700 "${HOME:-/nonexistent}/.cache/kuv" 2>/dev/null &&
+        mkdir -p -m 0700 "$fallback" 2>/dev/null && kuv_private_dir "$fallback" || return 1
+      printf '%s/\n' "$fallback"
+      return 0
+    fi
   fi
   if [ ! -e "$dir" ]; then
     mkdir -m 0700 "$dir" 2>/dev/null || return 1
   fi
   kuv_private_dir "$dir" || return 1
   printf '%s/\n' "$dir"
+}
+
+# Where the user's own files of an installation go (its log/ and data/pubcfg/), with a final "/": the
+# installation itself when the user owns it, else $XDG_STATE_HOME/kuv/ (default ~/.local/state/kuv/).
+kuv_state_dir() { # install_dir
+  local state
+  if [ -O "$1" ] && [ -w "$1" ]; then
+    printf '%s\n' "$1"
+    return 0
+  fi
+  state="${XDG_STATE_HOME:-${HOME:-/nonexistent}/.local/state}"
+  case "$state" in /*) ;; *) state="${HOME:-/nonexistent}/.local/state" ;; esac
+  mkdir -p -m 0700 "$state/kuv" 2>/dev/null || return 1
+  [ -d "$state/kuv" ] && [ ! -L "$state/kuv" ] && [ -O "$state/kuv" ] || return 1
+  chmod 0700 "$state/kuv" 2>/dev/null
+  printf '%s/\n' "$state/kuv"
+}
+
+# A log file of the user's, created private; empty when its directory cannot be made.
+kuv_user_log() { # install_dir, name
+  local base
+  base=$(kuv_state_dir "$1") || return 1
+  mkdir -p -m 0700 "${base}log" 2>/dev/null || return 1
+  printf '%slog/%s\n' "$base" "$2"
 }
 
 # The pid published by the instance (or by the last one that did not quit normally); empty when none.
@@ -57,7 +94,8 @@ kuv_is_service() { # pid
 kuv_log() { # file, message...
   local file=$1
   shift
-  printf '[%s] [%s] %s\n' "$(date '+%Y-%m-%d %H:%M:%S')" "$$" "$*" >>"$file" 2>/dev/null || true
+  [ -n "$file" ] && [ ! -L "$file" ] || return 0
+  (umask 077; printf '[%s] [%s] %s\n' "$(date '+%Y-%m-%d %H:%M:%S')" "$$" "$*" >>"$file") 2>/dev/null || true
 }
 
 # Starts the installed service detached from the caller, its output appended to the given log.

@@ -14,7 +14,8 @@
 # A crash loop is cut short: after KUV_GUARD_MAX_RESTARTS restarts (default 5) within
 # KUV_GUARD_WINDOW seconds (default 300) the guard gives up and says so in its log.
 #
-# Log: <install>/log/kuvgui_guard.log (the restarted service's own output goes there too).
+# Log: <install>/log/kuvgui_guard.log, or ~/.local/state/kuv/log/ in an installation the user does not
+# own (the restarted service's own output goes there too).
 set -u
 
 . "$(dirname "$0")/kuvgui_common.sh"
@@ -25,7 +26,7 @@ if [ "${1:-}" != "1" ]; then
 fi
 
 install_dir=$(kuv_install_dir) || exit 1
-guard_log="${install_dir}log/kuvgui_guard.log"
+guard_log=$(kuv_user_log "$install_dir" kuvgui_guard.log) || guard_log=/dev/null
 runtime=$(kuv_runtime_dir) || { kuv_log "$guard_log" "no usable runtime directory, guard not started"; exit 1; }
 
 # kuvgui starts this guard right after it removed the back end's stop marker: the back end runs again.

@@ -14,13 +14,14 @@
 # after a crash). Starting it while it runs does nothing (one per user), and it does not start while the
 # user's choice to stop it (data/pubcfg/.guiexit) stands: kuvgui removes that marker when it starts.
 #
-# Log: <install>/log/starttaviksd.log (the started service's own output goes there too).
+# Log: <install>/log/starttaviksd.log, or ~/.local/state/kuv/log/ in an installation the user does not
+# own (the started service's own output goes there too).
 set -u
 
 . "$(dirname "$0")/kuvgui_common.sh"
 
 install_dir=$(kuv_install_dir) || exit 1
-log="${install_dir}log/starttaviksd.log"
+log=$(kuv_user_log "$install_dir" starttaviksd.log) || log=/dev/null
 runtime=$(kuv_runtime_dir) || { kuv_log "$log" "no usable runtime directory"; exit 1; }
 timeout=${KUV_STOP_TIMEOUT:-30}
 

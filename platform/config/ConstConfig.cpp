@@ -38,20 +38,13 @@ void ConstConfig::UninitInstance()
 
 std::string ConstConfig::getInstallDir()
 {
-    const char* env = std::getenv("KUV_INSTALL_DIR");
-    if (env != nullptr && env[0] != '\0') {
-        return withSlash(env);
-    }
-    // DIR/bin/program: the installation is the parent of the executable's directory.
-    std::string dir = CDir::currentDir();
-    while (dir.size() > 1 && dir.back() == '/') {
-        dir.pop_back();
-    }
-    const auto slash = dir.rfind('/');
-    if (slash == std::string::npos) {
-        return std::string();
-    }
-    return dir.substr(0, slash + 1);
+    return kuv::installDir();
+}
+
+std::string ConstConfig::getUserPath(const std::string& installRelative)
+{
+    const std::string install = getInstallDir();
+    return install.empty() ? std::string() : kuv::userStatePath(install + installRelative);
 }
 
 std::string ConstConfig::getConfigurationDir()

@@ -2,6 +2,7 @@
 #include "FileUtils.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,12 +11,19 @@
 #include <memory>
 #include <sstream>
 
-CFile::CFile(const std::string& path) : m_strPath(path) {}
+// A user's own files in a shared installation live in the user's state directory.
+CFile::CFile(const std::string& path) : m_strPath(kuv::userStatePath(path)) {}
 
 CFile::~CFile()
 {
-    if (m_stream.is_open()) {
-        m_stream.close();
+    closeFd();
+}
+
+void CFile::closeFd()
+{
+    if (m_fd >= 0) {
+        ::close(m_fd);
+        m_fd = -1;
     }
 }
 
@@ -27,70 +35,112 @@ bool CFile::exists() const
 
 bool CFile::remove()
 {
-    if (m_stream.is_open()) {
-        m_stream.close();
-    }
+    closeFd();
     return !m_strPath.empty() && ::unlink(m_strPath.c_str()) == 0;
 }
 
 bool CFile::open(std::ios_base::openmode mode)
 {
-    if (m_stream.is_open()) {
-        m_stream.close();
-    }
+    closeFd();
     if ((mode & (std::ios::in | std::ios::out)) == 0 || m_strPath.empty()) {
         return false;
     }
-    // An output-only open truncates, as the callers expect of "create".
-    if ((mode & std::ios::out) && !(mode & std::ios::in) && !(mode & std::ios::app)) {
-        mode |= std::ios::trunc;
+    // Never through a planted link and never blocking on a FIFO or device; new files are private.
+    int flags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    if ((mode & std::ios::in) && (mode & std::ios::out)) {
+        flags |= O_RDWR | O_CREAT;
+    } else if (mode & std::ios::out) {
+        flags |= O_WRONLY | O_CREAT;
+        // An output-only open truncates, as the callers expect of "create".
+        flags |= (mode & std::ios::app) ? O_APPEND : O_TRUNC;
+    } else {
+        flags |= O_RDONLY;
     }
-    m_stream.clear();
-    m_stream.open(m_strPath, mode | std::ios::binary);
-    return m_stream.is_open();
+    if (mode & std::ios::app) {
+        flags |= O_APPEND;
+    }
+    const int fd = ::open(m_strPath.c_str(), flags, 0600);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        errno = EINVAL;
+        return false;
+    }
+    // Back to blocking reads and writes on the regular file.
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    m_fd = fd;
+    return true;
 }
 
 void CFile::close(std::ios_base::openmode /*mode*/)
 {
-    if (m_stream.is_open()) {
-        m_stream.close();
-    }
-    m_stream.clear();
+    closeFd();
 }
 
 bool CFile::isOpen() const
 {
-    return m_stream.is_open();
+    return m_fd >= 0;
 }
 
 bool CFile::ReadAll(std::string& content)
 {
     content.clear();
-    if (!m_stream.is_open()) {
+    if (m_fd < 0) {
         return false;
     }
-    m_stream.clear();
-    m_stream.seekg(0, std::ios::beg);
-    std::ostringstream buffer;
-    if (m_stream.peek() != std::char_traits<char>::eof()) {
-        buffer << m_stream.rdbuf();
-    }
-    if (m_stream.bad()) {
+    struct stat st;
+    if (::fstat(m_fd, &st) != 0 || static_cast<unsigned long long>(st.st_size) > kMaxReadAll) {
+        errno = EFBIG;
         return false;
     }
-    content = buffer.str();
-    m_stream.clear();
+    std::string buffer;
+    buffer.reserve(static_cast<size_t>(st.st_size));
+    char chunk[16384];
+    off_t pos = 0;
+    for (;;) {
+        const ssize_t n = ::pread(m_fd, chunk, sizeof chunk, pos);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            return false;
+        }
+        if (n == 0) {
+            break;
+        }
+        if (buffer.size() + static_cast<size_t>(n) > kMaxReadAll) {
+            errno = EFBIG;
+            return false;
+        }
+        buffer.append(chunk, static_cast<size_t>(n));
+        pos += n;
+    }
+    content.swap(buffer);
     return true;
 }
 
 bool CFile::Write(const std::string& content)
 {
-    if (!m_stream.is_open()) {
+    if (m_fd < 0) {
         return false;
     }
-    m_stream.write(content.data(), static_cast<std::streamsize>(content.size()));
-    m_stream.flush();
-    return m_stream.good();
+    const char* p = content.data();
+    size_t left = content.size();
+    while (left > 0) {
+        const ssize_t n = ::write(m_fd, p, left);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+    return true;
 }
 
 CFileInfo::CFileInfo(const std::string& path) : m_strPath(path)

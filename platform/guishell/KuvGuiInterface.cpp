@@ -14,6 +14,8 @@
 #include "CLogDebug.h"
 #include "FileUtils.h"
 #include "QuitSignals.h"
+#include "ScanPaths.h"
+#include "Utf8.h"
 #include "ShellCore.h"
 #include "ShellSettings.h"
 
@@ -98,9 +100,8 @@ void qtMessage(QtMsgType type, const QMessageLogContext& context, const QString&
 // A start that ends here says why where the person who started it looks, not only in the log.
 void refuse(const std::string& reason)
 {
-    const std::string text = kuv::escapeControl(reason);
-    SH_LOG(LOG_LEVEL_ERROR, "no GUI: %s", text.c_str());
-    std::fprintf(stderr, "kuvgui: no GUI: %s\n", text.c_str());
+    SH_LOG(LOG_LEVEL_ERROR, "no GUI: %s", reason.c_str());
+    std::fprintf(stderr, "kuvgui: no GUI: %s\n", kuv::escapeControl(reason).c_str());
 }
 
 // Runs fn on the GUI thread; false when the shell is not up.
@@ -208,7 +209,7 @@ int initShell(int& argc, char** argv, sUninstallFunc uninstall, bool& firstStart
     g_core->build(uninstall);
     kuv::shell::watchQuitSignals();
     SH_LOG(LOG_LEVEL_INFO, "GUI shell initialised on platform %s",
-           kuv::escapeControl(QApplication::platformName().toStdString()).c_str());
+           QApplication::platformName().toStdString().c_str());
     firstStartCommand = true;
     return 0;
 }
@@ -252,8 +253,13 @@ bool KuvGuiInterface::ctrl(_GUI_CTR_TYPE type, void* arg)
         Json::Value jpaths(Json::arrayValue);
         if (arg != nullptr) {
             for (const std::string& p : *static_cast<const std::list<std::string>*>(arg)) {
+                // Names that are not UTF-8 keep their bytes: in the list and in the journal, where
+                // they are marked {"b64": ...}.
                 paths.push_back(p);
-                jpaths.append(p);
+                jpaths.append(kuvscan::pathToJson(p));
+                if (!kuv::isValidUtf8(p)) {
+                    SH_LOG(LOG_LEVEL_WARN, "scan request names %s, which is not UTF-8; kept byte for byte", p.c_str());
+                }
             }
         }
         rec["paths"] = jpaths;

@@ -215,7 +215,7 @@ void ShellCore::applyLanguage()
             actions[1]->setText(tr("Quit"));
         }
     }
-    SH_LOG(LOG_LEVEL_INFO, "interface language %s, %d catalog(s)", kuv::escapeControl(language).c_str(),
+    SH_LOG(LOG_LEVEL_INFO, "interface language %s, %d catalog(s)", language.c_str(),
            static_cast<int>(m_translators.size()));
 }
 

@@ -280,7 +280,7 @@ void journal(const Json::Value& record)
     std::ofstream out(path, std::ios::out | std::ios::app | std::ios::binary);
     if (!out) {
         CLogDebug::Instance()->LogPrint(LOG_LEVEL_WARN, kSource, __func__, __LINE__, "cannot open journal %s",
-                                        kuv::escapeControl(path).c_str());
+                                        path);
         return;
     }
     out << line << '\n';

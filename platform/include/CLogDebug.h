@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <memory>
+#include <string>
 
 enum _LOG_LEVEL {
     LOG_LEVEL_TRACE = 0,
@@ -46,6 +47,9 @@ public:
     void Flush();
 
 private:
+    int printRecord(_LOG_LEVEL level, const char* file, const char* function, unsigned int line,
+                    const std::string& text, size_t alreadyCut);
+
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };

@@ -1,12 +1,14 @@
 // File, directory, string and process utilities.
 #pragma once
 
+#include <cstddef>
 #include <fstream>
 #include <list>
 #include <string>
 
 class CFile {
 public:
+    // Paths in an installation's per-user areas are mapped as kuv::userStatePath() does.
     explicit CFile(const std::string& path);
     ~CFile();
     CFile(const CFile&) = delete;
@@ -16,19 +18,26 @@ public:
     bool exists() const;
     // Removes the file; false when it could not be removed. Never throws.
     bool remove();
-    // std::ios::out creates or truncates the file; std::ios::in reads it. false on failure.
+    // std::ios::out creates (0600) or truncates the file; std::ios::in reads it. Only a regular file is
+    // opened, never through a symbolic link and never blocking. false on failure.
     bool open(std::ios_base::openmode mode);
     void close(std::ios_base::openmode mode);
     bool isOpen() const;
-    // Reads the whole content of a file opened for reading. false on a read error.
+    // Largest content ReadAll takes.
+    static constexpr unsigned long long kMaxReadAll = 4ull * 1024 * 1024;
+
+    // Reads the whole content of a file opened for reading. false on a read error or when the file
+    // holds more than kMaxReadAll bytes.
     bool ReadAll(std::string& content);
     // Writes to a file opened for writing. false on a write error.
     bool Write(const std::string& content);
     const std::string& path() const { return m_strPath; }
 
 private:
+    void closeFd();
+
     std::string m_strPath;
-    std::fstream m_stream;
+    int m_fd = -1;
 };
 
 class CFileInfo {
@@ -82,13 +91,41 @@ namespace kuv {
 
 // The per-user runtime directory ($XDG_RUNTIME_DIR/kuv/ or /tmp/kuv-<uid>/), created 0700 and checked
 // with lstat (a real directory, ours, mode 0700). Returns it with a final "/", or empty and sets error.
+// When /tmp/kuv-<uid> belongs to another user, ~/.cache/kuv/runtime/ is used instead (and from then
+// on by every process of the user), and the owner is named on stderr and in runtimeDirNotice().
 std::string runtimeDir(std::string* error = nullptr);
+// What the runtime directory had to avoid (empty when nothing), for the caller's log.
+std::string runtimeDirNotice();
 // A logical name such as "/tmp/kuv-gui" or "./kuv_zell" resolved into the runtime directory
 // (its last path component). Empty when the runtime directory is refused.
 std::string runtimePath(const std::string& logicalName, std::string* error = nullptr);
+// The installation directory: $KUV_INSTALL_DIR, else the parent of the executable's directory; with a
+// final "/" (empty when unknown).
+std::string installDir();
+// Whether the user owns the installation (owner and writable): then the user's files stay in it.
+bool ownInstallation(const std::string& dir);
+// The user's state directory $XDG_STATE_HOME/kuv/ (default ~/.local/state/kuv/), created 0700 and
+// checked to be a real directory of the user. Empty (and error) when unusable.
+std::string userStateDir(std::string* error = nullptr);
+// The per-user place of a path in an installation's per-user areas (DIR/log..., DIR/data/pubcfg...):
+// the path itself in an installation the user owns, else the same place under userStateDir(), so that
+// users of a shared installation never share a file. Any other path is returned unchanged.
+std::string userStatePath(const std::string& path);
 // Writes content to path through a temporary file in the same directory and rename(). true on success.
 bool writeFileAtomic(const std::string& path, const std::string& content, unsigned int mode = 0644);
-// Escapes control characters (\n \r \t \xHH) so that outside text cannot forge log records.
-std::string escapeControl(const std::string& text);
+// The escaping rule of every log writer: C0 controls, DEL and the backslash as \n \r \t \\ \xHH,
+// C1 controls and U+2028/U+2029 as \uHHHH, every byte that is not well-formed UTF-8 as \xHH.
+// escapeBackslash=false leaves backslashes alone (text that is already escaped, such as log lines).
+std::string escapeControl(const std::string& text, bool escapeBackslash = true);
+// Longest message a record carries, in escaped bytes.
+constexpr size_t kMaxLogMessage = 16 * 1024;
+// A message as a record carries it: one final line feed dropped, escaped, and cut to limit bytes with
+// a marker " [... N bytes cut]" (N counted in the message's own bytes; alreadyCut is added for text
+// that the caller cut before).
+std::string logMessage(const std::string& text, size_t limit = kMaxLogMessage, size_t alreadyCut = 0);
+// Appends one whole record to fd (one write(), a short one continued). When the rest cannot be
+// written (ENOSPC, EFBIG) the file is cut back to where the record began, so no fragment is left for the next record to
+// join. Returns the record's size, or -1 with errno set.
+long appendRecord(int fd, const std::string& record);
 
 } // namespace kuv

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -18,8 +19,9 @@
 #include <vector>
 
 #include <spdlog/details/log_msg.h>
+#include <spdlog/details/null_mutex.h>
 #include <spdlog/formatter.h>
-#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/sinks/base_sink.h>
 
 #include "FileUtils.h"
 
@@ -41,6 +43,97 @@ public:
         dest.push_back('\n');
     }
     std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<LineFormatter>(); }
+};
+
+// A size-rotated file that takes each record with one write(): a record is in the file whole or not
+// at all, whatever the disk or the file size limit says (ENOSPC, EFBIG). Backups are NAME.1.log ..
+// NAME.N.log beside the file; no backups means the file starts afresh. Files are created 0600 and
+// never through a symbolic link.
+class RecordFileSink final : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+public:
+    RecordFileSink(std::string file, size_t maxSize, size_t backups)
+        : m_file(std::move(file)), m_maxSize(maxSize), m_backups(backups)
+    {
+        openFile();
+    }
+    ~RecordFileSink() override
+    {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+    }
+
+protected:
+    void sink_it_(const spdlog::details::log_msg& msg) override
+    {
+        spdlog::memory_buf_t formatted;
+        formatter_->format(msg, formatted);
+        const std::string record(formatted.data(), formatted.size());
+        if (m_size > 0 && m_size + record.size() > m_maxSize) {
+            rotate();
+        }
+        if (kuv::appendRecord(m_fd, record) < 0) {
+            throw spdlog::spdlog_ex("cannot write " + m_file, errno);
+        }
+        m_size += record.size();
+    }
+    void flush_() override {}
+
+private:
+    std::string backupName(size_t index) const
+    {
+        std::string stem = m_file;
+        if (stem.size() > 4 && stem.compare(stem.size() - 4, 4, ".log") == 0) {
+            stem.resize(stem.size() - 4);
+        }
+        return stem + "." + std::to_string(index) + ".log";
+    }
+
+    void openFile()
+    {
+        const int fd = ::open(m_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (fd < 0) {
+            throw spdlog::spdlog_ex("cannot open " + m_file, errno);
+        }
+        struct stat st;
+        if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            ::close(fd);
+            throw spdlog::spdlog_ex("cannot open " + m_file + ": not a regular file");
+        }
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        m_fd = fd;
+        m_size = static_cast<size_t>(st.st_size);
+    }
+
+    void rotate()
+    {
+        if (m_backups == 0) {
+            if (::ftruncate(m_fd, 0) == 0) {
+                m_size = 0;
+            }
+            return;
+        }
+        ::unlink(backupName(m_backups).c_str());
+        for (size_t i = m_backups; i > 1; --i) {
+            ::rename(backupName(i - 1).c_str(), backupName(i).c_str());
+        }
+        if (::rename(m_file.c_str(), backupName(1).c_str()) != 0) {
+            // Cannot keep the old file: start it afresh rather than let it grow without end.
+            if (::ftruncate(m_fd, 0) == 0) {
+                m_size = 0;
+            }
+            return;
+        }
+        openFile();
+    }
+
+    std::string m_file;
+    size_t m_maxSize;
+    size_t m_backups;
+    int m_fd = -1;
+    size_t m_size = 0;
 };
 
 bool parseLong(const char* text, long long min, long long max, long long& out)
@@ -106,13 +199,14 @@ struct CLogDebug::Impl {
     std::string path;
     size_t size = kDefaultSize;
     size_t backups = kDefaultBackups;
-    std::unique_ptr<spdlog::sinks::rotating_file_sink_st> sink;
+    std::unique_ptr<RecordFileSink> sink;
     bool haveReported = false;
     Clock::time_point lastReport;
     bool haveFailedOpen = false;
     Clock::time_point lastFailedOpen;
 
-    std::string fileName() const { return path + name + ".log"; }
+    // In a shared installation the user's log lives in the user's state directory.
+    std::string fileName() const { return kuv::userStatePath(path) + name + ".log"; }
 
     void reset()
     {
@@ -164,31 +258,19 @@ struct CLogDebug::Impl {
         }
         const std::string file = fileName();
         std::string reason;
-        if (!CDir::mkpath(path, 0755)) {
-            reason = "cannot create log directory " + path + ": " + std::strerror(errno);
+        const std::string dir = kuv::userStatePath(path);
+        if (!CDir::mkpath(dir, 0700)) {
+            reason = "cannot create log directory " + dir + ": " + std::strerror(errno);
         } else {
-            // Probe first: spdlog retries a failing open with sleeps in between.
-            const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-            if (fd < 0) {
-                reason = "cannot open " + file + ": " + std::strerror(errno);
-            } else {
-                ::close(fd);
-                try {
-                    spdlog::file_event_handlers handlers;
-                    handlers.after_open = [](const spdlog::filename_t&, std::FILE* f) {
-                        if (f != nullptr) {
-                            ::fcntl(fileno(f), F_SETFD, FD_CLOEXEC);
-                        }
-                    };
-                    sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(file, size, backups, false, handlers);
-                    sink->set_formatter(std::make_unique<LineFormatter>());
-                } catch (const std::exception& e) {
-                    sink.reset();
-                    reason = std::string("cannot open ") + file + ": " + e.what();
-                } catch (...) {
-                    sink.reset();
-                    reason = "cannot open " + file;
-                }
+            try {
+                sink = std::make_unique<RecordFileSink>(file, size, backups);
+                sink->set_formatter(std::make_unique<LineFormatter>());
+            } catch (const std::exception& e) {
+                sink.reset();
+                reason = e.what();
+            } catch (...) {
+                sink.reset();
+                reason = "cannot open " + file;
             }
         }
         if (sink) {
@@ -358,9 +440,11 @@ int CLogDebug::LogPrintV(_LOG_LEVEL level, const char* file, const char* functio
         if (static_cast<size_t>(n) < sizeof small) {
             return LogPrintStr(level, file, function, line, small);
         }
-        std::vector<char> big(static_cast<size_t>(n) + 1);
+        // Only what a record can carry is formatted; the rest is counted as cut.
+        const size_t keep = std::min(static_cast<size_t>(n), 4 * kuv::kMaxLogMessage);
+        std::vector<char> big(keep + 1);
         std::vsnprintf(big.data(), big.size(), format, args);
-        return LogPrintStr(level, file, function, line, big.data());
+        return printRecord(level, file, function, line, std::string(big.data(), keep), static_cast<size_t>(n) - keep);
     } catch (...) {
         return 0;
     }
@@ -383,10 +467,17 @@ int CLogDebug::LogPrintStr(_LOG_LEVEL level, const char* file, const char* funct
         return 0;
     }
     try {
-        std::string message(text);
-        if (!message.empty() && message.back() == '\n') {
-            message.pop_back();
-        }
+        return printRecord(level, file, function, line, std::string(text), 0);
+    } catch (...) {
+        return 0;
+    }
+}
+
+int CLogDebug::printRecord(_LOG_LEVEL level, const char* file, const char* function, unsigned int line,
+                           const std::string& text, size_t alreadyCut)
+{
+    try {
+        const std::string message = kuv::logMessage(text, kuv::kMaxLogMessage, alreadyCut);
         std::string record;
         record.reserve(message.size() + 128);
         record += '[';
@@ -404,7 +495,7 @@ int CLogDebug::LogPrintStr(_LOG_LEVEL level, const char* file, const char* funct
         record += ':';
         record += std::to_string(line);
         record += "] ";
-        record += kuv::escapeControl(message);
+        record += message;
         return m_impl->write(record);
     } catch (...) {
         return 0;

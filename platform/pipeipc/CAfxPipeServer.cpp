@@ -38,6 +38,8 @@ constexpr size_t kQueueMessages = 8192;
 constexpr size_t kReadChunk = 64 * 1024;
 constexpr size_t kReadPerEvent = 1024 * 1024; // fairness between busy connections
 constexpr int kBacklog = 512;
+// All half-received frames together hold at most this much; a frame that would pass it is refused.
+constexpr size_t kHeldBytes = 4 * (CAfxPipeServer::kMaxMessage + 64);
 
 #define PIPE_LOG(level, fn, ...)                                                                           \
     do {                                                                                                   \
@@ -82,6 +84,8 @@ struct Connection {
     size_t total = 0;             // header + payload
     size_t got = 0;
     Clock::time_point deadline;
+    Clock::time_point lastFrame; // accepted, or last whole frame: the oldest idle one goes first
+    bool idle() const { return !body && headGot == 0; }
 };
 
 // Everything the two threads use; they keep it alive even past the server object.
@@ -99,6 +103,8 @@ struct Runtime {
     std::unordered_map<int, std::unique_ptr<Connection>> conns;
     RateLimit fullWarning;
     RateLimit acceptWarning;
+    RateLimit heldWarning;
+    size_t heldBytes = 0; // buffers of frames still arriving, all connections together
     Fd spare; // given up when descriptors run out, to turn a waiting connection away
 
     // Shared, under mutex.
@@ -119,7 +125,13 @@ struct Runtime {
 void closeConnection(Runtime& rt, int fd)
 {
     ::epoll_ctl(rt.epoll.get(), EPOLL_CTL_DEL, fd, nullptr);
-    rt.conns.erase(fd);
+    auto it = rt.conns.find(fd);
+    if (it != rt.conns.end()) {
+        if (it->second->body) {
+            rt.heldBytes -= it->second->total + 1;
+        }
+        rt.conns.erase(it);
+    }
 }
 
 // Queues one whole message; false when stopping. Waits while the queue is full.
@@ -143,6 +155,7 @@ bool completeFrame(Runtime& rt, Connection& c)
 {
     Message m;
     c.body[c.total] = '\0';
+    rt.heldBytes -= c.total + 1;
     m.data.adopt(std::move(c.body), c.total);
     m.pid = c.pid;
     c.headGot = 0;
@@ -155,6 +168,7 @@ bool completeFrame(Runtime& rt, Connection& c)
         return false;
     }
     c.deadline = Clock::now() + kuvpipe::kConnectionDeadline;
+    c.lastFrame = Clock::now();
     return true;
 }
 
@@ -180,8 +194,19 @@ bool consume(Runtime& rt, Connection& c, const char* p, size_t n)
                          c.pid, CAfxPipeServer::kMaxMessage);
                 return false;
             }
-            c.total = sizeof head + head.length;
+            const size_t total = sizeof head + head.length;
+            if (rt.heldBytes + total + 1 > kHeldBytes) {
+                if (rt.heldWarning.due()) {
+                    PIPE_LOG(LOG_LEVEL_WARN, "recv",
+                             "message of %lu bytes from pid %lu refused: %zu bytes of unfinished messages held "
+                             "already, connection dropped",
+                             head.length, c.pid, rt.heldBytes);
+                }
+                return false;
+            }
+            c.total = total;
             c.body.reset(new char[c.total + 1]);
+            rt.heldBytes += c.total + 1;
             std::memcpy(c.body.get(), c.head, sizeof head);
             c.got = sizeof head;
         }
@@ -273,15 +298,33 @@ void acceptAll(Runtime& rt)
             continue;
         }
         if (rt.conns.size() >= kMaxConnections) {
-            if (rt.fullWarning.due()) {
-                PIPE_LOG(LOG_LEVEL_WARN, "accept", "%zu connections open; further ones are closed at once",
-                         rt.conns.size());
+            // The newest caller is most likely the user's own command: make room by dropping the
+            // connection that has been idle longest (or, with none idle, the one silent longest).
+            int oldest = -1;
+            bool oldestIdle = false;
+            Clock::time_point oldestTime = Clock::time_point::max();
+            for (const auto& kv : rt.conns) {
+                const Connection& other = *kv.second;
+                const bool better = (other.idle() && !oldestIdle) ||
+                                    (other.idle() == oldestIdle && other.lastFrame < oldestTime);
+                if (oldest < 0 || better) {
+                    oldest = kv.first;
+                    oldestIdle = other.idle();
+                    oldestTime = other.lastFrame;
+                }
             }
-            continue;
+            if (rt.fullWarning.due()) {
+                PIPE_LOG(LOG_LEVEL_WARN, "accept", "%zu connections open; the one %s longest is closed",
+                         rt.conns.size(), oldestIdle ? "idle" : "silent");
+            }
+            if (oldest >= 0) {
+                closeConnection(rt, oldest);
+            }
         }
         auto c = std::make_unique<Connection>();
         c->pid = static_cast<unsigned long>(cred.pid);
         c->deadline = Clock::now() + kuvpipe::kConnectionDeadline;
+        c->lastFrame = Clock::now();
         struct epoll_event ev {};
         ev.events = EPOLLIN | EPOLLRDHUP;
         ev.data.fd = fd.get();
@@ -350,6 +393,7 @@ void ioLoop(std::shared_ptr<Runtime> rt)
         }
     }
     rt->conns.clear();
+    rt->heldBytes = 0;
 }
 
 thread_local const Runtime* tl_delivering = nullptr;
@@ -522,9 +566,13 @@ int CAfxPipeServer::start()
         std::string error;
         rt->path = kuv::runtimePath(m_impl->name, &error);
         if (rt->path.empty()) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "no socket for \"%s\": %s", kuv::escapeControl(m_impl->name).c_str(),
+            PIPE_LOG(LOG_LEVEL_ERROR, "start", "no socket for \"%s\": %s", m_impl->name.c_str(),
                      error.c_str());
             return 0;
+        }
+        const std::string runtimeNotice = kuv::runtimeDirNotice();
+        if (!runtimeNotice.empty()) {
+            PIPE_LOG(LOG_LEVEL_WARN, "start", "%s", runtimeNotice.c_str());
         }
         if (rt->path.size() >= sizeof(sockaddr_un::sun_path)) {
             PIPE_LOG(LOG_LEVEL_ERROR, "start", "socket path %s is too long", rt->path.c_str());

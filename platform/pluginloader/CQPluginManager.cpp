@@ -29,10 +29,10 @@ const char* const kSource = "platform/pluginloader/CQPluginManager";
 
 #define PL_LOG(level, ...) CLogDebug::Instance()->LogPrint(level, kSource, __func__, __LINE__, __VA_ARGS__)
 
-// Outside text (ids, paths, plugin messages) is escaped before it reaches a log record.
+// Outside text (ids, paths, plugin messages) as bytes for a log record; the log escapes it.
 std::string esc(const QString& text)
 {
-    return kuv::escapeControl(text.toStdString());
+    return text.toStdString();
 }
 
 std::mutex g_instanceMutex;

@@ -1,5 +1,12 @@
 #include "PluginInfo.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include <QFile>
 #include <QFileInfo>
 
@@ -61,29 +68,48 @@ bool isContainedRelativePath(const QString& path)
 
 bool readPluginInfo(const QString& path, PluginInfo& info, QString& reason)
 {
-    const QFileInfo fi(path);
-    if (fi.isSymLink()) {
-        reason = QStringLiteral("is a symbolic link");
+    // Opened once, without following a link and without waiting on a FIFO; the checks are made on
+    // what was opened, so nothing can be swapped in between.
+    const QByteArray native = QFile::encodeName(path);
+    const int fd = ::open(native.constData(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        reason = errno == ELOOP ? QStringLiteral("is a symbolic link")
+                                : QStringLiteral("cannot be read: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
         return false;
     }
-    if (!fi.isFile()) {
+    struct FdCloser {
+        int fd;
+        ~FdCloser() { ::close(fd); }
+    } closer{fd};
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         reason = QStringLiteral("is not a regular file");
         return false;
     }
-    if (fi.size() > kMaxInfoFileBytes) {
+    if (st.st_size > kMaxInfoFileBytes) {
         reason = QStringLiteral("is larger than %1 bytes").arg(kMaxInfoFileBytes);
-        return false;
-    }
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        reason = QStringLiteral("cannot be read: %1").arg(file.errorString());
         return false;
     }
     // Read one byte past the cap so a file that grew after the size check is still refused.
-    const QByteArray content = file.read(kMaxInfoFileBytes + 1);
-    if (content.size() > kMaxInfoFileBytes) {
-        reason = QStringLiteral("is larger than %1 bytes").arg(kMaxInfoFileBytes);
-        return false;
+    QByteArray content;
+    char chunk[4096];
+    for (;;) {
+        const ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            reason = QStringLiteral("cannot be read: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
+            return false;
+        }
+        if (n == 0) {
+            break;
+        }
+        content.append(chunk, static_cast<int>(n));
+        if (content.size() > kMaxInfoFileBytes) {
+            reason = QStringLiteral("is larger than %1 bytes").arg(kMaxInfoFileBytes);
+            return false;
+        }
     }
     Json::Value root;
     if (!CppJson::LoadJsonString(content.toStdString(), root)) {

@@ -26,6 +26,7 @@
 
 #include "FileUtils.h"
 #include "ZellAddress.h"
+#include "PeerCredZmq.h"
 #include "ZellLogFile.h"
 #include "ZellRouter.h"
 #include "UniqueFd.h"
@@ -437,8 +438,12 @@ bool Broker::receiveOne()
     }
     const int64_t now = nowMs();
     const std::string peer(static_cast<const char*>(zmq_msg_data(&m_frames[0].msg)), zmq_msg_size(&m_frames[0].msg));
-    PeerCred cred;
-    parsePeerAddress(zmq_msg_gets(&m_frames[0].msg, "Peer-Address"), cred);
+    // Every message is checked on its own credentials, the first one after a poll wake-up included.
+    std::array<zmq_msg_t*, 4> held{};
+    for (size_t i = 0; i < count && i < m_frames.size(); ++i) {
+        held[i] = &m_frames[i].msg;
+    }
+    const PeerCred cred = peerCredOf(held.data(), count < held.size() ? count : held.size());
 
     std::array<FrameView, 4> views;
     size_t viewCount = 0;
@@ -456,7 +461,11 @@ bool Broker::receiveOne()
     if (tooLong || decision.error != ParseError::None || decision.foreign) {
         if (m_badLimit.allow(now)) {
             if (decision.foreign) {
-                LOGT(3, "dropped a message from uid %u pid %d: not our user", cred.uid, cred.pid);
+                if (cred.known) {
+                    LOGT(3, "dropped a message from uid %u pid %d: not our user", cred.uid, cred.pid);
+                } else {
+                    LOGT(3, "dropped a message whose sender is unknown");
+                }
             } else {
                 LOGT(3, "dropped a malformed message from pid %d (%zu frames): %s", cred.known ? cred.pid : 0,
                      count, tooLong ? "too many frames" : parseErrorText(decision.error));
@@ -466,6 +475,9 @@ bool Broker::receiveOne()
     }
     switch (decision.action) {
     case Router::Action::Drop:
+        if (decision.refusedUnregister && m_badLimit.allow(now)) {
+            LOGT(3, "refused unregister of %s by pid %d: not its owner", guidText(decision.msg.dest).c_str(), cred.pid);
+        }
         break;
     case Router::Action::Reply:
         if (decision.msg.cmd == Cmd::Register) {
@@ -569,6 +581,10 @@ int main(int argc, char** argv)
         if (!g_log.file().open(path, std::string(), 10u * 1024 * 1024, 3, &why) && options.foreground) {
             fprintf(stderr, "kuv-zelld: no log: %s\n", why.c_str());
         }
+    }
+    const std::string runtimeNotice = kuv::runtimeDirNotice();
+    if (!runtimeNotice.empty()) {
+        LOGT(3, "%s", runtimeNotice.c_str());
     }
 
     // Signals are taken through a descriptor; blocked before ZMQ starts its threads so none sees them.

@@ -161,7 +161,8 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
 {
     Decision decision;
     ++m_counters.received;
-    if (cred.known && cred.uid != m_uid) {
+    // A sender the kernel did not vouch for is treated as a foreign one.
+    if (!cred.known || cred.uid != m_uid) {
         ++m_counters.foreignPeer;
         decision.foreign = true;
         return decision;
@@ -216,11 +217,19 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
     case Cmd::Register:
         registerGuid(peerId, peer, msg, nowMs, decision);
         break;
-    case Cmd::Unregister:
+    case Cmd::Unregister: {
+        // Only the owner lets a GUID go; a GUID nobody holds is let go at once.
+        auto owner = m_owners.find(guidKey(msg.dest));
+        if (owner != m_owners.end() && owner->second != peerId) {
+            ++m_counters.refused;
+            decision.refusedUnregister = true;
+            break;
+        }
         unregisterGuid(peerId, peer, msg.dest);
         decision.action = Action::Reply;
         decision.reply = encodeGuid(Cmd::Unregistered, msg.dest);
         break;
+    }
     case Cmd::Bye:
         dropPeer(peerId);
         break;

@@ -59,7 +59,8 @@ public:
         std::string forwardTo;
         std::string reply; // one message
         wire::ParseError error = wire::ParseError::None;
-        bool foreign = false; // dropped because the peer runs as another user
+        bool foreign = false; // dropped because the peer runs as another user (or is unknown)
+        bool refusedUnregister = false; // an Unregister for a GUID that another client owns
     };
 
     // alive(pid) tells whether a process still exists; it decides GUID take-over from dead clients.

@@ -31,26 +31,51 @@ using UniqueFd = kuv::UniqueFd;
 volatile sig_atomic_t g_stop = 0;
 void onStopSignal(int) { g_stop = 1; }
 
-// Standard output with control characters other than line feed and tab written as \xHH, so a
-// log line cannot drive the terminal. Remembers whether the reader went away.
+// Standard output through the escaping rule of the log writers, line by line, so a line cannot drive
+// the terminal or pass for two; backslashes are left alone, the lines are escaped already. Remembers
+// whether the reader went away.
 class Output {
 public:
     enum State { Open, ReaderGone, Failed };
 
+    // Whole lines are printed; a partial line waits for its end (or for finishLine()).
     bool write(const char* data, size_t size)
     {
+        m_pending.append(data, size);
         std::string buf;
-        buf.reserve(size + 16);
-        for (size_t i = 0; i < size; ++i) {
-            const unsigned char c = static_cast<unsigned char>(data[i]);
-            if ((c < 0x20 && c != '\n' && c != '\t') || c == 0x7f) {
-                char esc[5];
-                std::snprintf(esc, sizeof esc, "\\x%02x", c);
-                buf += esc;
-            } else {
-                buf += static_cast<char>(c);
+        size_t start = 0;
+        for (;;) {
+            const size_t lf = m_pending.find('\n', start);
+            if (lf == std::string::npos) {
+                break;
             }
+            buf += kuv::escapeControl(m_pending.substr(start, lf - start), false);
+            buf += '\n';
+            start = lf + 1;
         }
+        m_pending.erase(0, start);
+        // A line without end is not held without bound.
+        if (m_pending.size() > kChunk * 4) {
+            buf += kuv::escapeControl(m_pending, false);
+            m_pending.clear();
+        }
+        return put(buf);
+    }
+    bool finishLine()
+    {
+        if (m_pending.empty()) {
+            return true;
+        }
+        std::string buf = kuv::escapeControl(m_pending, false);
+        m_pending.clear();
+        return put(buf);
+    }
+    State state() const { return m_state; }
+    const std::string& error() const { return m_error; }
+
+private:
+    bool put(const std::string& buf)
+    {
         size_t done = 0;
         while (done < buf.size()) {
             const ssize_t n = ::write(STDOUT_FILENO, buf.data() + done, buf.size() - done);
@@ -70,12 +95,10 @@ public:
         }
         return true;
     }
-    State state() const { return m_state; }
-    const std::string& error() const { return m_error; }
 
-private:
     State m_state = Open;
     std::string m_error;
+    std::string m_pending;
 };
 
 struct Options {
@@ -167,7 +190,7 @@ int parseOptions(const std::vector<std::string>& args, Options& opt)
         opt.path = file;
     } else {
         const std::string dir = ConstConfig::singleInstance()->getInstallDir();
-        opt.path = dir + (zell ? "log/kuvgui.zell.log" : "log/kuvgui.log");
+        opt.path = kuv::userStatePath(dir + (zell ? "log/kuvgui.zell.log" : "log/kuvgui.log"));
     }
     return 0;
 }
@@ -366,11 +389,14 @@ std::string logsUsage()
 {
     return "Usage: kuvctl logs [-n N] [--no-follow] [--zell | --file PATH]\n"
            "\n"
-           "Prints the last lines of the service log DIR/log/kuvgui.log, then follows it like\n"
+           "Prints the last lines of the service log DIR/log/kuvgui.log\n"
+           "(in an installation the user does not own: ~/.local/state/kuv/log/kuvgui.log, or under\n"
+           "$XDG_STATE_HOME), then follows it like\n"
            "tail -F: every line appended is printed, across rotation (kuvgui.log becomes\n"
            "kuvgui.1.log and a new kuvgui.log is started) and truncation, and a log that does\n"
            "not exist yet is waited for. DIR is $KUV_INSTALL_DIR or the installation of kuvctl.\n"
-           "Control characters other than line feed and tab are printed as \\xHH.\n"
+           "Control characters, Unicode line separators and bytes that are not UTF-8 are printed\n"
+           "escaped (\\t, \\xHH, \\u2028), the way the log writers escape them.\n"
            "\n"
            "  -n, --lines N   lines to print first (default 10, 0 for none, at most 1000000)\n"
            "  --no-follow     print the last lines and exit\n"
@@ -413,6 +439,7 @@ int runLogs(const std::vector<std::string>& args)
                 std::fprintf(stderr, "kuvctl logs: cannot read %s: %s\n", kuv::escapeControl(opt.path).c_str(), std::strerror(errno));
                 return 1;
             }
+            out.finishLine();
             return finish(out);
         }
     } else if (!opt.follow) {

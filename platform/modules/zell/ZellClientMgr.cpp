@@ -37,11 +37,11 @@ void Logger::print(int level, uint32_t category, const char* source, const char*
     va_start(args, format);
     vsnprintf(text, sizeof(text), format, args);
     va_end(args);
-    const std::string escaped = kuv::escapeControl(text);
+    // Both the file and the receiver of the callback escape the text by the log rule themselves.
     static const char* const names[] = {"ERROR", "WARN", "INFO", "DEBUG", "TRACE"};
-    m_file.write(names[level < 0 ? 0 : (level > 4 ? 4 : level)], source, function, line, escaped);
+    m_file.write(names[level < 0 ? 0 : (level > 4 ? 4 : level)], source, function, line, text);
     if (PFN_ZELL_LOG_CALLBACK callback = m_callback.load()) {
-        callback(level, escaped.c_str(), static_cast<int>(category));
+        callback(level, text, static_cast<int>(category));
     }
 }
 

@@ -255,6 +255,32 @@ TEST_F(DesktopLaunch, FileManagerScriptTakesAbsolutePathsAndLocalUris)
         expected);
 }
 
+// Names that are not UTF-8 reach the shell with their very bytes, never as other characters.
+TEST_F(DesktopLaunch, NamesThatAreNotUtf8ArriveByteForByte)
+{
+    const std::vector<std::string> odd = {s_files + "/csi\x9b" "3", s_files + "/\xff\xfe", s_files + "/ok-\xe5\x88"};
+    for (const std::string& path : odd) {
+        writeFile(path, "data\n");
+    }
+    expectScanOf("kuvgui right", [&] {
+        std::vector<std::string> argv = {s_inst->bin("kuvgui"), "right"};
+        argv.insert(argv.end(), odd.begin(), odd.end());
+        const RunResult r = run(argv, s_inst->env(), 30000);
+        EXPECT_EQ(r.status, 1) << r.out << r.err;
+    }, odd);
+    expectScanOf("kuvgui-scan.desktop", [&] { gioLaunch(s_inst->share("applications/kuvgui-scan.desktop"), odd); },
+                 odd);
+    const std::string script = s_inst->share("kuvgui/filemanager/kuvgui-scan-script");
+    expectScanOf("file-manager script", [&] {
+        std::vector<std::string> argv = {script};
+        for (const std::string& path : odd) {
+            argv.push_back(path.substr(s_files.size() + 1));
+        }
+        const RunResult r = run(argv, s_inst->env(), 30000, s_files);
+        EXPECT_EQ(r.status, 1) << r.out << r.err;
+    }, odd);
+}
+
 TEST_F(DesktopLaunch, LauncherShowsTheMainWindow)
 {
     const std::string file = s_inst->share("applications/kuvgui.desktop");

@@ -1,5 +1,7 @@
 #include "DesktopSupport.h"
 
+#include "ScanPaths.h"
+
 #include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -173,7 +175,14 @@ std::vector<std::vector<std::string>> scanRequests(const std::string& journalPat
         if (r.get("event", "").asString() == "ctrl" && r.get("code", -1).asInt() == 1) {
             std::vector<std::string> paths;
             for (const Json::Value& p : r["paths"]) {
-                paths.push_back(p.asString());
+                // A name that is not UTF-8 is marked {"b64": ...} with its exact bytes.
+                std::string bytes;
+                if (p.isString()) {
+                    bytes = p.asString();
+                } else if (!kuvscan::pathFromJson(p, bytes)) {
+                    bytes = "<unreadable journal entry>";
+                }
+                paths.push_back(bytes);
             }
             out.push_back(paths);
         }

@@ -115,9 +115,10 @@ TEST_F(KuvctlLogs, LongLogReadFromTheEnd)
 
 TEST_F(KuvctlLogs, ControlCharactersAreEscaped)
 {
-    append(m_log, "plain\ttab\n\x1b[31mred\x7f\r\n");
+    append(m_log, "plain\ttab\n\x1b[31mred\x7f\r\n\xc2\x9b" "2J \xe2\x80\xa8 \xff" " kept\\n\n");
     const RunResult r = logs({"--no-follow"});
-    EXPECT_EQ(r.out, "plain\ttab\n\\x1b[31mred\\x7f\\x0d\n");
+    // The rule of the log writers, backslashes left as the writers wrote them.
+    EXPECT_EQ(r.out, "plain\\ttab\n\\x1b[31mred\\x7f\\r\n\\u009b2J \\u2028 \\xff kept\\n\n");
 }
 
 TEST_F(KuvctlLogs, MissingLogWithoutFollowFails)

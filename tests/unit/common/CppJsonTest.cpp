@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -47,6 +48,27 @@ TEST(CppJson, LoadJsonFileReadsObjectWithComments)
     EXPECT_EQ(value["log_level"].asInt(), 2);
     EXPECT_EQ(value["log_size"].asInt(), 10);
     unlink(path.c_str());
+}
+
+TEST(CppJson, LoadJsonFileReadsOnlyRegularFiles)
+{
+    char dir[] = "/tmp/kuvjson-XXXXXX";
+    ASSERT_NE(::mkdtemp(dir), nullptr);
+    const std::string fifo = std::string(dir) + "/fifo.json";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    Json::Value value;
+    // Returns at once: nobody will ever write to the FIFO.
+    EXPECT_FALSE(CppJson::LoadJsonFile(fifo.c_str(), value));
+    EXPECT_FALSE(CppJson::LoadJsonFile(dir, value));
+    const std::string big = std::string(dir) + "/big.json";
+    {
+        std::ofstream out(big);
+        out << "[" << std::string(5 * 1024 * 1024, ' ') << "]";
+    }
+    EXPECT_FALSE(CppJson::LoadJsonFile(big.c_str(), value));
+    ::unlink(fifo.c_str());
+    ::unlink(big.c_str());
+    ::rmdir(dir);
 }
 
 TEST(CppJson, LoadJsonStringEmptyLeavesValueUntouched)

@@ -153,12 +153,3 @@ TEST(WriteFileAtomicTest, ReplacesContentWithModeAndLeavesNoTemporary)
     EXPECT_FALSE(kuv::writeFileAtomic("", "x"));
 }
 
-TEST(EscapeControlTest, EveryControlCharacterIsEscaped)
-{
-    EXPECT_EQ(kuv::escapeControl("plain text"), "plain text");
-    EXPECT_EQ(kuv::escapeControl("a\nb\rc\td"), "a\\nb\\rc\\td");
-    EXPECT_EQ(kuv::escapeControl(std::string("\x01\x1f\x7f", 3)), "\\x01\\x1f\\x7f");
-    EXPECT_EQ(kuv::escapeControl(std::string("x\0y", 3)), "x\\x00y");
-    // Text beyond ASCII passes untouched.
-    EXPECT_EQ(kuv::escapeControl("删除文件"), "删除文件");
-}

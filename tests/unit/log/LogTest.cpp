@@ -256,15 +256,52 @@ TEST(LogTest, IndependentLogsThroughLogInit)
     EXPECT_EQ(lines[0].back(), 'i');
 }
 
-TEST(LogTest, LongMessageIsWhole)
+TEST(LogTest, LongMessageIsCutWithAMarker)
 {
     TempDir dir;
     auto log = makeLog(dir.path(), "long");
     const std::string big(100000, 'x');
-    EXPECT_GT(log->LogPrint(LOG_LEVEL_INFO, kFile, "f", 1, "%s|", big.c_str()), 100000);
+    EXPECT_GT(log->LogPrint(LOG_LEVEL_INFO, kFile, "f", 1, "%s|", big.c_str()), 16384);
+    EXPECT_GT(log->LogPrintStr(LOG_LEVEL_INFO, kFile, "f", 2, (big + "|").c_str()), 16384);
     const auto lines = kuvtest::lines(kuvtest::readFile(dir / "long.log"));
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].substr(lines[0].size() - 100001), big + "|");
+    ASSERT_EQ(lines.size(), 2u);
+    for (const auto& line : lines) {
+        const std::string tail = std::string(16384, 'x') + " [... 83617 bytes cut]";
+        ASSERT_GE(line.size(), tail.size());
+        EXPECT_EQ(line.substr(line.size() - tail.size()), tail);
+    }
+}
+
+TEST(LogTest, FilesArePrivateAndNeverFollowALink)
+{
+    TempDir dir;
+    TempDir other;
+    ASSERT_EQ(::symlink((other / "target").c_str(), (dir / "planted.log").c_str()), 0);
+    auto planted = makeLog(dir.path(), "planted");
+    EXPECT_EQ(planted->LogPrintStr(LOG_LEVEL_INFO, kFile, "f", 1, "secret"), 0);
+    EXPECT_FALSE(kuvtest::exists(other / "target"));
+
+    auto log = makeLog(dir.path() + "/sub", "own");
+    EXPECT_GT(log->LogPrintStr(LOG_LEVEL_INFO, kFile, "f", 1, "x"), 0);
+    struct stat st;
+    ASSERT_EQ(::stat((dir / "sub/own.log").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    ASSERT_EQ(::stat((dir / "sub").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+}
+
+TEST(LogTest, ForgedRecordsAreEscaped)
+{
+    TempDir dir;
+    auto log = makeLog(dir.path(), "forged");
+    log->LogPrintStr(LOG_LEVEL_INFO, kFile, "RecvData", 9,
+                     "a\xc2\x85[x] b\xe2\x80\xa8[y] c\xe2\x80\xa9[z] \xc2\x9b[2J lit\\n \xff\xfe end");
+    const std::string content = kuvtest::readFile(dir / "forged.log");
+    ASSERT_EQ(content.back(), '\n');
+    EXPECT_EQ(content.find('\n'), content.size() - 1);
+    EXPECT_NE(content.find("] a\\u0085[x] b\\u2028[y] c\\u2029[z] \\u009b[2J lit\\\\n \\xff\\xfe end\n"),
+              std::string::npos)
+        << content;
 }
 
 TEST(LogTest, ConcurrentWritersGiveWholeRecords)

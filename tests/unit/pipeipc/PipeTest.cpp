@@ -651,3 +651,91 @@ TEST_F(PipeTest, ConcurrentStopsWaitAndTheReceiverMayCallBackIn)
     EXPECT_FALSE(insideAtReturn);
     ASSERT_EQ(server->start(), 1); // and it comes back
 }
+
+// Frames still arriving hold their buffers; all of them together are capped, not just each one.
+TEST_F(PipeTest, HalfSentFramesAreCappedInTotal)
+{
+    TempDir logs;
+    CLogDebug* log = CLogDebug::Instance();
+    log->SetProperty(LOG_PROPERTY_PATH, logs.path().c_str());
+    log->SetProperty(LOG_PROPERTY_NAME, "kuvgui");
+    log->SetProperty(LOG_PROPERTY_LEVEL, "3");
+    ASSERT_EQ(server->start(), 1);
+
+    // Five largest messages begun and never finished: room for four.
+    std::vector<int> fds;
+    for (int i = 0; i < 5; ++i) {
+        const int fd = rawConnect(socketPath());
+        ASSERT_GE(fd, 0);
+        sPipeFrameHead head{4, CAfxPipeServer::kMaxMessage};
+        ASSERT_TRUE(sendAll(fd, std::string(reinterpret_cast<const char*>(&head), sizeof head) + "{\"paths\""));
+        fds.push_back(fd);
+    }
+    const auto refusals = [&] {
+        log->Flush();
+        const std::string text = kuvtest::readFile(logs / "kuvgui.log");
+        int n = 0;
+        for (size_t at = text.find("bytes of unfinished messages held already"); at != std::string::npos;
+             at = text.find("bytes of unfinished messages held already", at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    EXPECT_TRUE(eventually([&] { return refusals() == 1; }, 60s)) << kuvtest::readFile(logs / "kuvgui.log");
+    for (int fd : fds) {
+        ::close(fd);
+    }
+    // The user's own next command still gets through.
+    CAfxPipeClient client(kName);
+    const std::string next = frame(1, "");
+    ASSERT_NE(client.async(next.data(), next.size()), 0);
+    ASSERT_TRUE(receiver.waitFor(1));
+    EXPECT_EQ(refusals(), 1);
+}
+
+// With every connection slot taken by idle connections, the longest idle one gives way.
+TEST_F(PipeTest, AFullConnectionTableDropsTheOldestIdleConnection)
+{
+    struct rlimit lim;
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &lim), 0);
+    const struct rlimit saved = lim;
+    if (lim.rlim_max != RLIM_INFINITY && lim.rlim_max < 2300) {
+        GTEST_SKIP() << "needs 2300 descriptors";
+    }
+    lim.rlim_cur = lim.rlim_max == RLIM_INFINITY ? 4096 : std::min<rlim_t>(lim.rlim_max, 4096);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lim), 0);
+    TempDir logs;
+    CLogDebug* log = CLogDebug::Instance();
+    log->SetProperty(LOG_PROPERTY_PATH, logs.path().c_str());
+    log->SetProperty(LOG_PROPERTY_NAME, "kuvgui");
+    log->SetProperty(LOG_PROPERTY_LEVEL, "3");
+    ASSERT_EQ(server->start(), 1);
+
+    std::vector<int> idle;
+    for (int i = 0; i < 1024; ++i) {
+        const int fd = rawConnect(socketPath());
+        ASSERT_GE(fd, 0) << i;
+        idle.push_back(fd);
+        if (i == 0) {
+            // The first one is certainly accepted before the others.
+            const std::string one = frame(1, "");
+            ASSERT_TRUE(sendAll(fd, one));
+            ASSERT_EQ(nextByte(fd), kuvpipe::kAck);
+            ASSERT_TRUE(receiver.waitFor(1));
+        }
+    }
+    CAfxPipeClient client(kName);
+    const std::string next = frame(5, "{}");
+    ASSERT_NE(client.async(next.data(), next.size()), 0);
+    ASSERT_TRUE(receiver.waitFor(2));
+    // The connection idle longest was closed to make room.
+    EXPECT_EQ(nextByte(idle[0]), -1);
+    log->Flush();
+    EXPECT_NE(kuvtest::readFile(logs / "kuvgui.log").find("1024 connections open; the one idle longest is closed"),
+              std::string::npos);
+    for (int fd : idle) {
+        ::close(fd);
+    }
+    server->stop();
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+}

@@ -1,4 +1,6 @@
 // The plugin loader against real plugin modules: descriptions, load failures, unload signals, order.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <atomic>
 #include <fstream>
@@ -184,6 +186,15 @@ TEST_F(PluginLoaderTest, OversizedDescriptionIsSkipped)
     writeConfig("big.json", big);
     EXPECT_EQ(0, m_mgr->loadAllPluginInfo());
     EXPECT_NE(std::string::npos, log().find("big.json] skipped: is larger than"));
+}
+
+TEST_F(PluginLoaderTest, AFifoDescriptionIsSkippedWithoutWaiting)
+{
+    const QString fifo = m_configDir + "/fifo.json";
+    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    describe("alpha", "fake_good_c.so", "alpha.json");
+    EXPECT_EQ(1, m_mgr->loadAllPluginInfo());
+    EXPECT_NE(std::string::npos, log().find("fifo.json] skipped: is not a regular file")) << log();
 }
 
 TEST_F(PluginLoaderTest, LoadsOnTheEventLoopAndHandsOverParasWithGuid)

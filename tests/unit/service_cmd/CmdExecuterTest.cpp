@@ -4,6 +4,7 @@
 #include "CGuiCmdExecuter.h"
 #include "CmdTestSupport.h"
 #include "FakePlatform.h"
+#include "JRGUIContextMenuScan.h"
 
 namespace {
 
@@ -101,4 +102,21 @@ TEST_F(CmdExecuterTest, PathsNeedingJsonEscapesTravelIntact)
     EXPECT_EQ(headLength(sends[0].bytes), payload.size());
     EXPECT_NE(payload.find("\\\"uote"), std::string::npos) << payload;
     EXPECT_EQ(payload.back(), '}');
+}
+
+TEST_F(CmdExecuterTest, PathsThatAreNotUtf8TravelByteForByte)
+{
+    const std::string odd = "/home/u/\x9b" "3 \xff\xfe \"q\" \\ \x01";
+    EXPECT_EQ(run({"right", "/中文 ok", odd}), 1);
+    const auto sends = fake::pipeSends();
+    ASSERT_EQ(sends.size(), 1u);
+    const std::string payload = sends[0].bytes.substr(16);
+    // The UTF-8 path as the JSON writer writes it, the other one with its own bytes.
+    EXPECT_EQ(payload, "{\"paths\":[\"/\\u4e2d\\u6587 ok\",\"/home/u/\x9b" "3 \xff\xfe \\\"q\\\" \\\\ \\u0001\"]}");
+    // The record on the other end reads back the very bytes.
+    JsonReflect::JRGUIContextMenuScan::JRGUIContextMenuScan record;
+    ASSERT_TRUE(record.FromJsonString(payload));
+    ASSERT_EQ(record.getPaths().size(), 2u);
+    EXPECT_EQ(record.getPaths()[0], "/中文 ok");
+    EXPECT_EQ(record.getPaths()[1], odd);
 }

@@ -1,4 +1,7 @@
 // Combo map files: the directory scan, the reader's codes and the rules that fill the three tables.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "PluginTestSupport.h"
 
 using namespace svctest;
@@ -88,6 +91,25 @@ TEST_F(MapFileTest, UnreadableContentIsMinusOneOrMinusTwo)
         EXPECT_EQ(rc, -1);
         EXPECT_TRUE(fake::logContains("open " + path + " failed", 4));
     }
+}
+
+TEST_F(MapFileTest, AFifoIsRefusedAtOnceWithMinusOne)
+{
+    // Nobody writes to it: a reader that waited would never return.
+    const std::string path = inst.mapDir + "/fifo.json";
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    sComboPluginInfo info;
+    EXPECT_EQ(mgr.readOneMapFile(path, info), -1);
+    EXPECT_TRUE(fake::logContains("open " + path + " failed", 4));
+}
+
+TEST_F(MapFileTest, AHugeFileIsRefusedWithMinusTwoUnread)
+{
+    const std::string path = inst.write("huge.json", "");
+    ASSERT_EQ(::truncate(path.c_str(), 44 * 1000 * 1000), 0);
+    sComboPluginInfo info;
+    EXPECT_EQ(mgr.readOneMapFile(path, info), -2);
+    EXPECT_TRUE(fake::logContains("read " + path + " content failed", 4));
 }
 
 TEST_F(MapFileTest, InvalidJsonIsMinusThreeWithTheRawContent)

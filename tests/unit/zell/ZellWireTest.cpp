@@ -323,6 +323,33 @@ TEST(ZellLogFile, RecordLayoutEscapingAndRotationIntoTheBackupDirectory)
     EXPECT_NE(stat((tmp.path() + "/log/gui/backup/gui.ipc.3.log").c_str(), &st), 0) << "two backups kept";
 }
 
+TEST(ZellLogFile, TheLogRuleTheCapAndPrivateFiles)
+{
+    kuvtest::TempDir tmp("zelllog");
+    const std::string path = tmp.path() + "/log/kuv-zelld.log";
+    LogFile log;
+    std::string error;
+    ASSERT_TRUE(log.open(path, "", 1 << 20, 1, &error)) << error;
+    log.write("WARN", "platform/zelld/BrokerMain", "main", 1, "body \xc2\x85 \xe2\x80\xa8 \\n \xff end");
+    log.write("INFO", "platform/zelld/BrokerMain", "main", 2, std::string(20000, 'y'));
+    const std::string text = kuvtest::readFile(path);
+    EXPECT_NE(text.find("] body \\u0085 \\u2028 \\\\n \\xff end\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(std::string(16384, 'y') + " [... 3616 bytes cut]\n"), std::string::npos);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    ASSERT_EQ(stat((tmp.path() + "/log").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+
+    // A link planted where the log goes is not followed.
+    const std::string planted = tmp.path() + "/log/planted.log";
+    ASSERT_EQ(symlink((tmp.path() + "/target").c_str(), planted.c_str()), 0);
+    LogFile other;
+    EXPECT_FALSE(other.open(planted, "", 4096, 1, &error));
+    EXPECT_NE(stat((tmp.path() + "/target").c_str(), &st), 0);
+}
+
 TEST(ZellLogFile, UnwritableDirectoryIsReportedNotFatal)
 {
     LogFile log;
@@ -331,4 +358,49 @@ TEST(ZellLogFile, UnwritableDirectoryIsReportedNotFatal)
     EXPECT_FALSE(error.empty());
     log.write("INFO", "s", "f", 1, "goes nowhere"); // no crash
     EXPECT_FALSE(log.isOpen());
+}
+
+TEST_F(RouterTest, ASenderWithoutCredentialsIsDroppedFromItsFirstMessage)
+{
+    auto d = send("anon", {header(Cmd::Hello)}, 0, PeerCred{});
+    EXPECT_TRUE(d.foreign);
+    EXPECT_EQ(d.action, Router::Action::Drop);
+    EXPECT_EQ(registerStatus("peerA", 1), kRegOk);
+    d = send("anon", {header(Cmd::Send), guidBytes(1), guidBytes(5), metaBytes(1003, 1), "x"}, 0, PeerCred{});
+    EXPECT_TRUE(d.foreign);
+    EXPECT_EQ(d.action, Router::Action::Drop);
+    d = send("other", {header(Cmd::Send), guidBytes(1), guidBytes(5), metaBytes(1003, 1), "x"}, 0,
+             PeerCred{true, 65534, 77});
+    EXPECT_TRUE(d.foreign);
+    EXPECT_EQ(d.action, Router::Action::Drop);
+    EXPECT_EQ(router.counters().foreignPeer, 3u);
+    EXPECT_EQ(router.counters().routed, 0u);
+}
+
+TEST_F(RouterTest, OnlyTheOwnerUnregistersAGuid)
+{
+    EXPECT_EQ(registerStatus("peerA", 1, 0, PeerCred{true, 1000, 10}), kRegOk);
+    auto d = send("peerB", {header(Cmd::Unregister), guidBytes(1)}, 0, PeerCred{true, 1000, 11});
+    EXPECT_EQ(d.action, Router::Action::Drop);
+    EXPECT_TRUE(d.refusedUnregister);
+    d = send("peerC", {header(Cmd::Send), guidBytes(1), guidBytes(3), metaBytes(1, 1), "x"}, 0,
+             PeerCred{true, 1000, 12});
+    EXPECT_EQ(d.forwardTo, "peerA") << "the GUID stays with its owner";
+    // A GUID nobody holds is let go at once, as before.
+    d = send("peerB", {header(Cmd::Unregister), guidBytes(9)}, 0, PeerCred{true, 1000, 11});
+    EXPECT_EQ(d.action, Router::Action::Reply);
+    d = send("peerA", {header(Cmd::Unregister), guidBytes(1)}, 0, PeerCred{true, 1000, 10});
+    EXPECT_EQ(d.action, Router::Action::Reply);
+    EXPECT_EQ(router.guidCount(), 0u);
+}
+
+TEST_F(RouterTest, AGuidOfADeadOwnerGoesToTheNewRegistrantAtOnce)
+{
+    EXPECT_EQ(registerStatus("old", 1, 0, PeerCred{true, 1000, 40}), kRegOk);
+    sink.dead.insert(40);
+    // No expiry to wait for: the same moment.
+    EXPECT_EQ(registerStatus("new", 1, 1, PeerCred{true, 1000, 41}), kRegOk);
+    auto d = send("peerC", {header(Cmd::Send), guidBytes(1), guidBytes(3), metaBytes(1, 1), "x"}, 1,
+                  PeerCred{true, 1000, 12});
+    EXPECT_EQ(d.forwardTo, "new");
 }

@@ -7,6 +7,51 @@
 #include "AfxPipe.h"
 #include "GuiPipeMsg.h"
 #include "JRGUIContextMenuScan.h"
+#include "Utf8.h"
+
+#include <json/json.h>
+
+namespace {
+
+// A path as a JSON string with its bytes as they are: only the quote, the backslash and control
+// characters are escaped. The JSON writer would turn bytes that are not UTF-8 into other characters
+// (a different file, or none); the reader on the other end keeps the bytes of a string unchanged.
+std::string quotedBytes(const std::string& path)
+{
+    std::string out = "\"";
+    for (const char c : path) {
+        const auto u = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (u < 0x20 || u == 0x7f) {
+            static const char hex[] = "0123456789abcdef";
+            out += "\\u00";
+            out += hex[u >> 4];
+            out += hex[u & 0xf];
+        } else {
+            out += c;
+        }
+    }
+    out += '"';
+    return out;
+}
+
+// The record's compact text when a path is not UTF-8: the same object, with such paths byte for byte.
+std::string recordWithRawPaths(const std::vector<std::string>& paths)
+{
+    std::string text = "{\"paths\":[";
+    for (size_t i = 0; i < paths.size(); ++i) {
+        if (i > 0) {
+            text += ',';
+        }
+        text += kuv::isValidUtf8(paths[i]) ? Json::valueToQuotedString(paths[i].c_str()) : quotedBytes(paths[i]);
+    }
+    text += "]}";
+    return text;
+}
+
+} // namespace
 
 int CGuiCmdExecuter::execute(int argc, char** argv)
 {
@@ -53,6 +98,12 @@ int CGuiCmdExecuter::contextMenuScan(const std::list<std::string>& paths)
     std::string text;
     if (!record.ToJsonString(text, true)) {
         return 0;
+    }
+    for (const std::string& path : recordPaths) {
+        if (!kuv::isValidUtf8(path)) {
+            text = recordWithRawPaths(recordPaths);
+            break;
+        }
     }
     const unsigned long size = text.size() + sizeof(sGuiPipeMsgHead);
     std::unique_ptr<char[]> buffer(new (std::nothrow) char[size]);

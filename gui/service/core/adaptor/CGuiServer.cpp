@@ -14,6 +14,37 @@
 #define SERVER_LOG(level, ...) \
     BFLogPrintX(level, "gui/service/core/adaptor/CGuiServer", __FUNCTION__, __LINE__, __VA_ARGS__)
 
+namespace {
+
+// The most paths one scan command may name. A parsed JSON element costs far more than its few bytes
+// of text (5.5 million empty paths fit in 16 MB and would take gigabytes), so the count is taken on
+// the text, before anything is built from it.
+constexpr size_t kMaxScanPaths = 100000;
+
+// An upper bound of the elements in a JSON text: the separators outside strings, plus one.
+size_t jsonElementBound(const std::string& text)
+{
+    size_t commas = 0;
+    bool inString = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (inString) {
+            if (c == '\\') {
+                ++i;
+            } else if (c == '"') {
+                inString = false;
+            }
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == ',') {
+            ++commas;
+        }
+    }
+    return commas + 1;
+}
+
+} // namespace
+
 int CGuiServer::start()
 {
     m_pipeServer.setName(KUV_GUI_PIPE_NAME);
@@ -47,13 +78,18 @@ void CGuiServer::RecvData(CCharVector& data, long /*kind*/, void* /*context*/, u
         const char* text = bytes + sizeof(sGuiPipeMsgHead);
         const size_t available = data.length() - sizeof(sGuiPipeMsgHead);
         const std::string payload(text, strnlen(text, available));
+        const size_t bound = jsonElementBound(payload);
+        if (bound > kMaxScanPaths) {
+            SERVER_LOG(LOG_LEVEL_WARN, "CGuiServer: context menu scan of up to %zu paths refused (at most %zu).",
+                       bound, kMaxScanPaths);
+            break;
+        }
         if (record.FromJsonString(payload)) {
             for (const std::string& path : record.getPaths()) {
                 paths.push_back(path);
-                // The path comes from another process: no control character reaches stdout or the log raw.
-                const std::string shown = kuv::escapeControl(path);
-                printf("CGuiServer: context menu scan [%s].\n", shown.c_str());
-                SERVER_LOG(LOG_LEVEL_INFO, "CGuiServer: context menu scan [%s].\n", shown.c_str());
+                // The path comes from another process: stdout gets it escaped, the log escapes it itself.
+                printf("CGuiServer: context menu scan [%s].\n", kuv::escapeControl(path).c_str());
+                SERVER_LOG(LOG_LEVEL_INFO, "CGuiServer: context menu scan [%s].\n", path.c_str());
             }
             fflush(stdout);
         }

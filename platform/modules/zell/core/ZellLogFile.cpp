@@ -1,5 +1,6 @@
 #include "ZellLogFile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -48,7 +49,7 @@ bool makePath(const std::string& dir)
         }
     }
     // "x/.." components are left as they are: mkdir resolves them against what exists.
-    if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
         return false;
     }
     return ::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
@@ -60,53 +61,68 @@ bool LogFile::open(const std::string& path, const std::string& backupDir, uint64
                    std::string* error)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_file != nullptr && !m_stderr) {
-        fclose(m_file);
+    if (m_fd >= 0 && !m_stderr) {
+        ::close(m_fd);
     }
-    m_file = nullptr;
+    m_fd = -1;
     m_stderr = false;
-    m_path = path;
-    m_backupDir = backupDir.empty() ? dirName(path) : backupDir;
+    m_path = kuv::userStatePath(path);
+    m_backupDir = backupDir.empty() ? dirName(m_path) : kuv::userStatePath(backupDir);
     while (m_backupDir.size() > 1 && m_backupDir.back() == '/') {
         m_backupDir.pop_back();
     }
-    m_stem = baseName(path);
+    m_stem = baseName(m_path);
     if (m_stem.size() > 4 && m_stem.compare(m_stem.size() - 4, 4, ".log") == 0) {
         m_stem.resize(m_stem.size() - 4);
     }
     m_maxSize = maxSize;
     m_backups = backups < 0 ? 0 : backups;
-    if (path.empty() || m_stem.empty()) {
+    if (m_path.empty() || m_stem.empty()) {
         if (error != nullptr) {
             *error = "no log file name";
         }
         return false;
     }
-    if (!makePath(dirName(path))) {
+    if (!makePath(dirName(m_path))) {
         if (error != nullptr) {
-            *error = "cannot create " + dirName(path) + ": " + strerror(errno);
+            *error = "cannot create " + dirName(m_path) + ": " + strerror(errno);
         }
         return false;
     }
-    m_file = fopen(path.c_str(), "ae");
-    if (m_file == nullptr) {
+    if (!openLocked()) {
         if (error != nullptr) {
-            *error = "cannot open " + path + ": " + strerror(errno);
+            *error = "cannot open " + m_path + ": " + strerror(errno);
         }
+        return false;
+    }
+    return true;
+}
+
+// Never through a planted link, never anything but a regular file, private to the user.
+bool LogFile::openLocked()
+{
+    const int fd = ::open(m_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    if (fd < 0) {
         return false;
     }
     struct stat st;
-    m_size = fstat(fileno(m_file), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        errno = EINVAL;
+        return false;
+    }
+    m_fd = fd;
+    m_size = static_cast<uint64_t>(st.st_size);
     return true;
 }
 
 void LogFile::openStderr()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_file != nullptr && !m_stderr) {
-        fclose(m_file);
+    if (m_fd >= 0 && !m_stderr) {
+        ::close(m_fd);
     }
-    m_file = stderr;
+    m_fd = STDERR_FILENO;
     m_stderr = true;
     m_maxSize = 0;
 }
@@ -114,16 +130,16 @@ void LogFile::openStderr()
 bool LogFile::isOpen() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_file != nullptr;
+    return m_fd >= 0;
 }
 
 void LogFile::close()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_file != nullptr && !m_stderr) {
-        fclose(m_file);
+    if (m_fd >= 0 && !m_stderr) {
+        ::close(m_fd);
     }
-    m_file = nullptr;
+    m_fd = -1;
     m_stderr = false;
 }
 
@@ -139,14 +155,10 @@ std::string LogFile::format(const char* levelName, const char* source, const cha
     char stamp[64];
     snprintf(stamp, sizeof(stamp), "%04d-%02d-%02d %02d:%02d:%02d.%03ld", local.tm_year + 1900, local.tm_mon + 1,
              local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, millis);
-    std::string text = message;
-    if (!text.empty() && text.back() == '\n') {
-        text.pop_back();
-    }
     char head[256];
     snprintf(head, sizeof(head), "[%s] [%d:%ld] [%s] [%s:%s:%d] ", stamp, static_cast<int>(getpid()),
              static_cast<long>(syscall(SYS_gettid)), levelName, source, function, line);
-    return head + kuv::escapeControl(text);
+    return head + kuv::logMessage(message);
 }
 
 void LogFile::write(const char* levelName, const char* source, const char* function, int line,
@@ -155,25 +167,24 @@ void LogFile::write(const char* levelName, const char* source, const char* funct
     std::string record = format(levelName, source, function, line, message);
     record += '\n';
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_file == nullptr) {
+    if (m_fd < 0) {
         return;
     }
     if (!m_stderr && m_maxSize > 0 && m_size > 0 && m_size + record.size() > m_maxSize) {
         rotateLocked();
-        if (m_file == nullptr) {
+        if (m_fd < 0) {
             return;
         }
     }
-    if (fwrite(record.data(), 1, record.size(), m_file) == record.size()) {
+    if (kuv::appendRecord(m_fd, record) >= 0) {
         m_size += record.size();
     }
-    fflush(m_file);
 }
 
 void LogFile::rotateLocked()
 {
-    fclose(m_file);
-    m_file = nullptr;
+    ::close(m_fd);
+    m_fd = -1;
     makePath(m_backupDir);
     auto backup = [&](int index) { return m_backupDir + "/" + m_stem + "." + std::to_string(index) + ".log"; };
     if (m_backups > 0) {
@@ -188,8 +199,8 @@ void LogFile::rotateLocked()
     } else {
         ::unlink(m_path.c_str());
     }
-    m_file = fopen(m_path.c_str(), "ae");
     m_size = 0;
+    openLocked();
 }
 
 } // namespace zell

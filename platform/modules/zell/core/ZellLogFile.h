@@ -25,7 +25,7 @@ public:
     bool isOpen() const;
     void close();
 
-    // levelName: TRACE DEBUG INFO WARN ERROR. message is escaped; one record per call.
+    // levelName: TRACE DEBUG INFO WARN ERROR. message is escaped and capped; one whole record per call.
     void write(const char* levelName, const char* source, const char* function, int line,
                const std::string& message);
 
@@ -37,7 +37,9 @@ private:
     void rotateLocked();
 
     mutable std::mutex m_mutex;
-    FILE* m_file = nullptr;
+    bool openLocked();
+
+    int m_fd = -1;
     bool m_stderr = false;
     std::string m_path;
     std::string m_backupDir;
@@ -47,7 +49,7 @@ private:
     int m_backups = 0;
 };
 
-// Creates dir and its parents (mode 0755 for new ones). true when it is a directory afterwards.
+// Creates dir and its parents (mode 0700 for new ones). true when it is a directory afterwards.
 bool makePath(const std::string& dir);
 
 } // namespace zell

@@ -1,0 +1,17 @@
+// The sender's credentials of a message received on the broker's ipc ROUTER socket.
+#pragma once
+
+#include <cstddef>
+
+#include <zmq.h>
+
+#include "ZellRouter.h"
+
+namespace zell {
+
+// libzmq attaches the connection's "Peer-Address" (host:uid:gid:pid) to the frames it read from it;
+// after a zmq_poll wake-up the routing-id frame made up by the ROUTER may carry none, so the payload
+// frames are asked first and the routing id last. Unknown (known=false) when no frame tells.
+PeerCred peerCredOf(zmq_msg_t* const* frames, size_t count);
+
+} // namespace zell

@@ -3,6 +3,7 @@
 
 #include <fstream>
 #include <list>
+#include <functional>
 #include <string>
 
 class CFile {
@@ -90,5 +91,12 @@ std::string runtimePath(const std::string& logicalName, std::string* error = nul
 bool writeFileAtomic(const std::string& path, const std::string& content, unsigned int mode = 0644);
 // Escapes control characters (\n \r \t \xHH) so that outside text cannot forge log records.
 std::string escapeControl(const std::string& text);
+
+// A deferral takes a program launch and either keeps it to run later (true) or declines (false: the
+// launch runs now). The GUI shell installs one so that launches asked for during start-up run once its
+// event loop is up; CProcess::execute then reports only whether the program can be run.
+using LaunchDeferral = std::function<bool(std::function<void()>)>;
+void setLaunchDeferral(LaunchDeferral deferral);
+bool deferLaunch(std::function<void()> launch);
 
 } // namespace kuv

@@ -475,7 +475,9 @@ bool Broker::receiveOne()
         m_router.noteMalformed();
     } else {
         decision = m_router.handle(peer, cred, views.data(), viewCount, now);
-        if (!m_router.noteConnection(peer, zmq_msg_get(&m_frames[0].msg, ZMQ_SRCFD))) {
+        // The connection's descriptor rides on the payload: a routing id prefetched by zmq_poll has none.
+        const int fd = zmq_msg_get(&m_frames[count > 1 ? 1 : 0].msg, ZMQ_SRCFD);
+        if (!m_router.noteConnection(peer, fd)) {
             LOGT(1, "pid %d: its connection had already closed; dropped", cred.known ? cred.pid : 0);
         }
     }

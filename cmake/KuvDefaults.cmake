@@ -34,6 +34,11 @@ function(kuv_library name type)
   add_library(${name} ${type} ${ARGN})
   add_library(kuv::${name} ALIAS ${name})
   kuv_strict(${name})
+  if(type STREQUAL "SHARED")
+    # Installed in DIR/lib beside the libraries it needs: "$ORIGIN/../lib" would make the loader probe
+    # lib/../lib for every dependency.
+    set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  endif()
 endfunction()
 
 # A module that is dlopen()ed from DIR/lib/modules or DIR/lib/plugins.

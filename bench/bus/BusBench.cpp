@@ -80,6 +80,22 @@ int main(int argc, char** argv)
 {
     uint64_t messages = 200000;
     int rtts = 10000;
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--help" || a == "-h") {
+            printf("usage: bench_bus [--messages N] [--rtt N]\n"
+                   "The bus through a real kuv-zelld with two clients of libZellClientMgr.so: one-way throughput\n"
+                   "(64 B and 1 KiB, N messages, default 200000), round trip (N, default 10000), broker memory\n"
+                   "with a stalled client, and the resume after kill -9. Prints a table.\n");
+            return 0;
+        }
+        if ((a == "--messages" || a == "--rtt") && i + 1 < argc) {
+            ++i;
+        } else {
+            fprintf(stderr, "bench_bus: unknown argument %s; see --help\n", argv[i]);
+            return 2;
+        }
+    }
     for (int i = 1; i + 1 < argc; i += 2) {
         if (std::string(argv[i]) == "--messages") {
             messages = std::strtoull(argv[i + 1], nullptr, 10);

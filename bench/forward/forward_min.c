@@ -1,6 +1,8 @@
 /* The floor for a forwarding start: connect to the command socket, send the 39-byte scan message of
- * "right" "/a b" "/c", exit. Usage: kuv_forward_min SOCKET_PATH */
+ * "right" "/a b" "/c", wait for the server's one-byte receipt (as the service's own client does), exit.
+ * Usage: kuv_forward_min SOCKET_PATH */
 #include <stdint.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,7 +16,14 @@ int main(int argc, char** argv)
     struct sockaddr_un addr;
     int fd;
     size_t sent = 0;
+    char receipt = 0;
 
+    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+        puts("usage: kuv_forward_min SOCKET_PATH\n"
+             "Sends the scan message of \"right\" \"/a b\" \"/c\" to the command socket and waits for its\n"
+             "one-byte receipt: the floor for a forwarding start. Exit 0 sent, 1 failed, 2 usage.");
+        return 0;
+    }
     if (argc != 2 || strlen(argv[1]) >= sizeof(addr.sun_path)) {
         return 2;
     }
@@ -35,6 +44,9 @@ int main(int argc, char** argv)
             return 1;
         }
         sent += (size_t)n;
+    }
+    if (read(fd, &receipt, 1) != 1) {
+        return 1;
     }
     close(fd);
     return 0;

@@ -122,7 +122,21 @@ Row run(Counter& counter, const std::string& name, int threads, int each, size_t
 
 int main(int argc, char** argv)
 {
-    const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+    bool quick = false;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            std::printf("usage: kuv_bench_pipe [--quick]\n"
+                        "Command socket throughput and the cost of one connect-and-send through a real\n"
+                        "CAfxPipeServer in this process; --quick runs a tenth of the messages. Prints a table.\n");
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--quick") == 0) {
+            quick = true;
+        } else {
+            std::fprintf(stderr, "kuv_bench_pipe: unknown argument %s; see --help\n", argv[i]);
+            return 2;
+        }
+    }
     const int scale = quick ? 10 : 1;
 
     char base[] = "/tmp/kuv-bench-XXXXXX";

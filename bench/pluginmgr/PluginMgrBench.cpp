@@ -1,6 +1,6 @@
 // Times one plugin state update over N combo map files (5 plugins each): the first update, which
 // installs every combo, and a second one over unchanged files, with the log written and filtered.
-// Usage: bench_pluginmgr [max files]   (default 10000)
+// Usage: bench_pluginmgr [--sizes N,N,...] [max files]   (default 10000); --help
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -92,8 +92,46 @@ Timing measure(CContainerMgr& conMgr, const std::string& installDir, int files, 
 
 int main(int argc, char** argv)
 {
+    int maxFiles = 10000;
+    std::vector<int> only;
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--help" || a == "-h") {
+            printf("usage: bench_pluginmgr [--sizes N,N,...] [MAX_FILES]\n"
+                   "Times updatePluginStatus over N combo map files (%d plugins each) with the log at the\n"
+                   "shipped level 2 and with it at level 4: the first update and one over unchanged files.\n"
+                   "Sizes default to 100, 300, 1000, ... up to MAX_FILES (default 10000); --sizes picks them.\n",
+                   kPluginsPerFile);
+            return 0;
+        }
+        if (a == "--sizes" && i + 1 < argc) {
+            std::string list = argv[++i];
+            for (size_t at = 0; at <= list.size();) {
+                const size_t comma = list.find(',', at);
+                const std::string item = list.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
+                char* end = nullptr;
+                const long n = strtol(item.c_str(), &end, 10);
+                if (item.empty() || *end != '\0' || n < 1 || n > 1000000) {
+                    fprintf(stderr, "bench_pluginmgr: bad size '%s'\n", item.c_str());
+                    return 2;
+                }
+                only.push_back(static_cast<int>(n));
+                if (comma == std::string::npos) {
+                    break;
+                }
+                at = comma + 1;
+            }
+            continue;
+        }
+        char* end = nullptr;
+        const long n = strtol(argv[i], &end, 10);
+        if (*argv[i] == '\0' || *end != '\0' || n < 1 || n > 1000000) {
+            fprintf(stderr, "bench_pluginmgr: '%s' is not a file count; see --help\n", argv[i]);
+            return 2;
+        }
+        maxFiles = static_cast<int>(n);
+    }
     QCoreApplication app(argc, argv);
-    const int maxFiles = argc > 1 ? std::max(100, atoi(argv[1])) : 10000;
 
     const kuvtest::TempDir tmp("kuvbench");
     const std::string root = tmp.path();
@@ -107,10 +145,12 @@ int main(int argc, char** argv)
     log->SetProperty(LOG_PROPERTY_BACKUP, "1");
 
     CContainerMgr conMgr(nullptr);
-    std::vector<int> sizes;
-    for (int n : {100, 300, 1000, 3000, 10000, 30000, 100000}) {
-        if (n <= maxFiles) {
-            sizes.push_back(n);
+    std::vector<int> sizes = only;
+    if (sizes.empty()) {
+        for (int n : {100, 300, 1000, 3000, 10000, 30000, 100000}) {
+            if (n <= maxFiles) {
+                sizes.push_back(n);
+            }
         }
     }
 

@@ -1,9 +1,14 @@
-// CProcess: starts a program without a shell, detached through a double fork, and confirms the exec.
+// CProcess: starts a program without a shell, detached through two short-lived children, and confirms the
+// exec.
 #include "FileUtils.h"
 
 #include <fcntl.h>
 #include <linux/close_range.h>
+#include <pthread.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,39 +16,13 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <functional>
+#include <mutex>
 #include <vector>
 
 extern char** environ;
 
 namespace {
-
-class Pipe {
-public:
-    Pipe() { m_ok = ::pipe2(m_fds, O_CLOEXEC) == 0; }
-    ~Pipe()
-    {
-        closeRead();
-        closeWrite();
-    }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-    bool ok() const { return m_ok; }
-    int readEnd() const { return m_fds[0]; }
-    int writeEnd() const { return m_fds[1]; }
-    void closeRead() { closeOne(m_fds[0]); }
-    void closeWrite() { closeOne(m_fds[1]); }
-
-private:
-    static void closeOne(int& fd)
-    {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        fd = -1;
-    }
-    int m_fds[2] = {-1, -1};
-    bool m_ok = false;
-};
 
 std::vector<std::string> splitBlanks(const std::string& text)
 {
@@ -90,24 +69,28 @@ std::vector<std::string> candidates(const std::string& program)
     return out;
 }
 
-void writeErrno(int fd, int err)
-{
-    while (::write(fd, &err, sizeof err) < 0 && errno == EINTR) {
-    }
-}
+// What the two short-lived children share with the caller (CLONE_VM: the same memory).
+struct Launch {
+    const std::vector<std::string>* paths = nullptr;
+    char* const* argv = nullptr;
+    char* grandStackTop = nullptr;
+    int err = 0;      // written by the grandchild when every exec failed
+    int spawnErr = 0; // written by the middle child when it could not start the grandchild
+};
 
-// Only async-signal-safe calls from here on: the parent may have other threads.
-[[noreturn]] void runGrandchild(int errFd, const std::vector<std::string>& paths, char* const* argv)
+// Only async-signal-safe calls from here on: these run on their own stacks in the caller's memory.
+int runGrandchild(void* arg)
 {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    Launch& launch = *static_cast<Launch*>(arg);
     struct sigaction dfl {};
     dfl.sa_handler = SIG_DFL;
     for (int sig = 1; sig < NSIG; ++sig) {
         sigaction(sig, &dfl, nullptr);
     }
-    // Every descriptor above stderr closes on exec; the error pipe already does.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    // Every descriptor above stderr closes on exec.
     if (::syscall(SYS_close_range, 3u, ~0u, CLOSE_RANGE_CLOEXEC) != 0) {
         const long max = sysconf(_SC_OPEN_MAX);
         for (int fd = 3; fd < (max > 0 && max < INT_MAX ? static_cast<int>(max) : 65536); ++fd) {
@@ -115,14 +98,78 @@ void writeErrno(int fd, int err)
         }
     }
     int err = ENOENT;
-    for (const std::string& path : paths) {
-        ::execve(path.c_str(), argv, environ);
+    for (const std::string& path : *launch.paths) {
+        ::execve(path.c_str(), launch.argv, environ);
         if (errno != ENOENT && errno != ENOTDIR) {
             err = errno;
         }
     }
-    writeErrno(errFd, err);
+    launch.err = err;
     _exit(127);
+}
+
+// The middle child: a new session, then the program in a grandchild that init adopts once we end.
+int runMiddle(void* arg)
+{
+    Launch& launch = *static_cast<Launch*>(arg);
+    ::setsid();
+    // CLONE_VFORK: we go on only once the grandchild has exec'd or given up, so launch.err is final.
+    if (::clone(&runGrandchild, launch.grandStackTop, CLONE_VM | CLONE_VFORK | SIGCHLD, arg) < 0) {
+        launch.spawnErr = errno;
+    }
+    _exit(0);
+}
+
+// Stacks of the two children, released when the launch is over.
+class Stacks {
+public:
+    static constexpr size_t kSize = 64 * 1024;
+    Stacks() : m_base(::mmap(nullptr, 2 * kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0))
+    {
+    }
+    ~Stacks()
+    {
+        if (ok()) {
+            ::munmap(m_base, 2 * kSize);
+        }
+    }
+    Stacks(const Stacks&) = delete;
+    Stacks& operator=(const Stacks&) = delete;
+    bool ok() const { return m_base != MAP_FAILED; }
+    char* firstTop() const { return static_cast<char*>(m_base) + kSize; }
+    char* secondTop() const { return static_cast<char*>(m_base) + 2 * kSize; }
+
+private:
+    void* m_base;
+};
+
+// Spawning with fork() would copy the page tables of this (large, threaded) process twice; children
+// that share our memory until they exec cost next to nothing.
+int launchDetached(const std::vector<std::string>& paths, char* const* argv)
+{
+    Stacks stacks;
+    if (!stacks.ok()) {
+        return 0;
+    }
+    Launch launch;
+    launch.paths = &paths;
+    launch.argv = argv;
+    launch.grandStackTop = stacks.secondTop();
+    // No handler of ours may run in a child that shares our memory: block everything until the
+    // grandchild has reset its handlers.
+    sigset_t all;
+    sigset_t old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &old);
+    const pid_t middle = ::clone(&runMiddle, stacks.firstTop(), CLONE_VM | CLONE_VFORK | SIGCHLD, &launch);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    if (middle < 0) {
+        return 0;
+    }
+    int status = 0;
+    while (::waitpid(middle, &status, 0) < 0 && errno == EINTR) {
+    }
+    return launch.spawnErr == 0 && launch.err == 0 ? 1 : 0;
 }
 
 } // namespace
@@ -144,36 +191,47 @@ int CProcess::execute(std::string program, std::string arguments, bool /*wait*/)
     }
     argv.push_back(nullptr);
 
-    Pipe errPipe;
-    if (!errPipe.ok()) {
+    if (kuv::deferLaunch([paths, words]() mutable {
+            std::vector<char*> args;
+            for (std::string& w : words) {
+                args.push_back(&w[0]);
+            }
+            args.push_back(nullptr);
+            launchDetached(paths, args.data());
+        })) {
+        // Started later (see kuv::setLaunchDeferral); what can be known now is whether it can run.
+        for (const std::string& path : paths) {
+            struct stat st;
+            if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(path.c_str(), X_OK) == 0) {
+                return 1;
+            }
+        }
         return 0;
     }
-    const pid_t child = ::fork();
-    if (child < 0) {
-        return 0;
-    }
-    if (child == 0) {
-        // The middle child: a new session, then the program in a grandchild that init adopts.
-        ::setsid();
-        const pid_t grandchild = ::fork();
-        if (grandchild < 0) {
-            writeErrno(errPipe.writeEnd(), errno);
-            _exit(1);
-        }
-        if (grandchild == 0) {
-            runGrandchild(errPipe.writeEnd(), paths, argv.data());
-        }
-        _exit(0);
-    }
-    errPipe.closeWrite();
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    // EOF without data: the exec succeeded and closed the pipe; an int: why it failed.
-    int err = 0;
-    ssize_t n;
-    do {
-        n = ::read(errPipe.readEnd(), &err, sizeof err);
-    } while (n < 0 && errno == EINTR);
-    return n == 0 ? 1 : 0;
+    return launchDetached(paths, argv.data());
 }
+
+namespace kuv {
+
+namespace {
+std::mutex g_deferralMutex;
+LaunchDeferral g_deferral;
+} // namespace
+
+void setLaunchDeferral(LaunchDeferral deferral)
+{
+    std::lock_guard<std::mutex> lock(g_deferralMutex);
+    g_deferral = std::move(deferral);
+}
+
+bool deferLaunch(std::function<void()> launch)
+{
+    LaunchDeferral deferral;
+    {
+        std::lock_guard<std::mutex> lock(g_deferralMutex);
+        deferral = g_deferral;
+    }
+    return deferral && deferral(std::move(launch));
+}
+
+} // namespace kuv

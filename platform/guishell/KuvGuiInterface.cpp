@@ -1,5 +1,6 @@
 #include "KuvGuiInterface.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@
 
 #include "CLogDebug.h"
 #include "FileUtils.h"
+#include "MainWindow.h"
 #include "QuitSignals.h"
 #include "ScanPaths.h"
 #include "Utf8.h"
@@ -30,6 +32,8 @@ std::mutex g_mutex;
 // own global objects, and a plugin that missed the quit deadline may still hold widgets.
 QApplication* g_app = nullptr;
 kuv::shell::ShellCore* g_core = nullptr;
+// Set by the first event the loop handles: from then on program launches run when asked for.
+std::atomic<bool> g_loopUp{false};
 
 // The platform Qt will pick: "-platform X" on the command line, else QT_QPA_PLATFORM, else xcb.
 std::string platformName(int argc, char** argv)
@@ -208,6 +212,17 @@ int initShell(int& argc, char** argv, sUninstallFunc uninstall, bool& firstStart
     }
     g_core->build(uninstall);
     kuv::shell::watchQuitSignals();
+    // Launches asked for while the service is still starting (its guard script) wait for the event
+    // loop: a start is over sooner without them.
+    g_loopUp.store(false);
+    QMetaObject::invokeMethod(qApp, []() { g_loopUp.store(true); }, Qt::QueuedConnection);
+    kuv::setLaunchDeferral([](std::function<void()> launch) {
+        QCoreApplication* app = QCoreApplication::instance();
+        if (g_loopUp.load() || app == nullptr) {
+            return false;
+        }
+        return QMetaObject::invokeMethod(app, [launch]() { launch(); }, Qt::QueuedConnection);
+    });
     SH_LOG(LOG_LEVEL_INFO, "GUI shell initialised on platform %s",
            QApplication::platformName().toStdString().c_str());
     firstStartCommand = true;
@@ -228,6 +243,8 @@ int KuvGuiInterface::exec()
         return -1;
     }
     const int rc = QApplication::exec();
+    kuv::setLaunchDeferral(nullptr);
+    g_loopUp.store(true);
     Json::Value rec(Json::objectValue);
     rec["event"] = "exec-end";
     kuv::shell::journal(rec);
@@ -281,6 +298,19 @@ bool KuvGuiInterface::ctrl(_GUI_CTR_TYPE type, void* arg)
     SH_LOG(LOG_LEVEL_WARN, "unknown control code %d", static_cast<int>(type));
     return false;
 }
+
+namespace kuv {
+namespace shell {
+
+// The main window, built now if the shell is up and has not built it yet; GUI thread. For tools and tests.
+QWidget* mainWindow()
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_core != nullptr ? g_core->window() : nullptr;
+}
+
+} // namespace shell
+} // namespace kuv
 
 namespace basegui {
 

@@ -67,10 +67,7 @@ void ShellCore::build(sUninstallFunc uninstall)
     if (!m_scanClient) {
         m_scanClient = std::make_unique<ScanClient>();
     }
-    m_window = std::make_unique<MainWindow>();
-    m_window->setScanClient(m_scanClient.get());
-    connect(m_window.get(), &MainWindow::quitRequested, this, &ShellCore::quit);
-    connect(m_window.get(), &MainWindow::languageChosen, this, &ShellCore::applyLanguage);
+    // The main window (its pages and the fonts they need) is built when it is first wanted.
     // Plugins bring their own catalogs; a newly loaded one needs the translators set up again.
     connect(CQPluginManager::singleInstance(), &CQPluginManager::sig_pluginStateChanged, this, [this]() {
         QStringList installed;
@@ -122,9 +119,21 @@ void ShellCore::teardown()
     m_quitting = false;
 }
 
+MainWindow* ShellCore::window()
+{
+    if (!m_window && m_up.load()) {
+        m_window = std::make_unique<MainWindow>();
+        m_window->setScanClient(m_scanClient.get());
+        connect(m_window.get(), &MainWindow::quitRequested, this, &ShellCore::quit);
+        connect(m_window.get(), &MainWindow::languageChosen, this, &ShellCore::applyLanguage);
+        SH_LOG(LOG_LEVEL_INFO, "main window built");
+    }
+    return m_window.get();
+}
+
 void ShellCore::showMain()
 {
-    if (!m_window) {
+    if (window() == nullptr) {
         return;
     }
     m_window->show();
@@ -135,7 +144,7 @@ void ShellCore::showMain()
 
 void ShellCore::scan(const std::vector<std::string>& paths)
 {
-    if (!m_window) {
+    if (window() == nullptr) {
         return;
     }
     SH_LOG(LOG_LEVEL_INFO, "context-menu scan of %d path(s)", static_cast<int>(paths.size()));

@@ -34,6 +34,8 @@ public:
     void teardown();
     // Whether control requests are taken (between build and teardown); any thread.
     bool isUp() const { return m_up.load(); }
+    // The main window, built on first use while the shell is up; null otherwise. GUI thread.
+    MainWindow* window();
 
 public slots:
     void showMain();

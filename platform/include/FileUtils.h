@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <fstream>
 #include <list>
+#include <functional>
 #include <string>
 
 class CFile {
@@ -127,5 +128,12 @@ std::string logMessage(const std::string& text, size_t limit = kMaxLogMessage, s
 // written (ENOSPC, EFBIG) the file is cut back to where the record began, so no fragment is left for the next record to
 // join. Returns the record's size, or -1 with errno set.
 long appendRecord(int fd, const std::string& record);
+
+// A deferral takes a program launch and either keeps it to run later (true) or declines (false: the
+// launch runs now). The GUI shell installs one so that launches asked for during start-up run once its
+// event loop is up; CProcess::execute then reports only whether the program can be run.
+using LaunchDeferral = std::function<bool(std::function<void()>)>;
+void setLaunchDeferral(LaunchDeferral deferral);
+bool deferLaunch(std::function<void()> launch);
 
 } // namespace kuv

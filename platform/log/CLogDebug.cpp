@@ -2,6 +2,7 @@
 #include "CLogDebug.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -171,18 +172,56 @@ const char* levelName(int level)
     }
 }
 
+// "YYYY-MM-DD HH:MM:SS.mmm" in local time. The calendar part changes once a second, so it is kept per
+// thread and only the milliseconds are written for each record.
 std::string timestamp()
 {
+    struct Cache {
+        std::time_t secs = -1;
+        char text[64] = {0};
+    };
+    thread_local Cache cache;
     const auto now = std::chrono::system_clock::now();
     const std::time_t secs = std::chrono::system_clock::to_time_t(now);
-    const long ms =
+    long ms =
         static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000);
-    struct tm tmv;
-    localtime_r(&secs, &tmv);
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02d %02d:%02d:%02d.%03ld", tmv.tm_year + 1900, tmv.tm_mon + 1,
-                  tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec, ms < 0 ? 0 : ms);
-    return buffer;
+    if (ms < 0) {
+        ms = 0;
+    }
+    if (secs != cache.secs) {
+        struct tm tmv;
+        localtime_r(&secs, &tmv);
+        std::snprintf(cache.text, sizeof cache.text, "%04d-%02d-%02d %02d:%02d:%02d.", tmv.tm_year + 1900,
+                      tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec);
+        cache.secs = secs;
+    }
+    std::string out(cache.text);
+    out += static_cast<char>('0' + ms / 100);
+    out += static_cast<char>('0' + ms / 10 % 10);
+    out += static_cast<char>('0' + ms % 10);
+    return out;
+}
+
+// "<pid>:<tid>" of the calling thread, made once per thread; a forked child makes its own afresh.
+const std::string& processThreadIds()
+{
+    struct Ids {
+        pid_t pid = -1;
+        std::string text;
+    };
+    thread_local Ids ids;
+    static std::atomic<pid_t> s_pid{::getpid()};
+    static const bool s_atFork = [] {
+        pthread_atfork(nullptr, nullptr, [] { s_pid.store(::getpid()); });
+        return true;
+    }();
+    (void)s_atFork;
+    const pid_t pid = s_pid.load(std::memory_order_relaxed);
+    if (ids.pid != pid) {
+        ids.pid = pid;
+        ids.text = std::to_string(pid) + ':' + std::to_string(::gettid());
+    }
+    return ids.text;
 }
 
 std::string escaped(const char* text)
@@ -483,9 +522,7 @@ int CLogDebug::printRecord(_LOG_LEVEL level, const char* file, const char* funct
         record += '[';
         record += timestamp();
         record += "] [";
-        record += std::to_string(::getpid());
-        record += ':';
-        record += std::to_string(::gettid());
+        record += processThreadIds();
         record += "] [";
         record += levelName(level);
         record += "] [";

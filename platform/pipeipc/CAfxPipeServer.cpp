@@ -1,6 +1,7 @@
 // CAfxPipeServer: one epoll thread reads framed messages from many connections; one delivery thread
 // hands them to the monitor in arrival order.
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
@@ -339,6 +340,7 @@ void acceptAll(Runtime& rt)
 
 void ioLoop(std::shared_ptr<Runtime> rt)
 {
+    pthread_setname_np(pthread_self(), "kuv-pipe-io");
     std::vector<struct epoll_event> events(64);
     for (;;) {
         {
@@ -400,6 +402,7 @@ thread_local const Runtime* tl_delivering = nullptr;
 
 void deliveryLoop(std::shared_ptr<Runtime> rt)
 {
+    pthread_setname_np(pthread_self(), "kuv-pipe-recv");
     tl_delivering = rt.get();
     std::unique_lock<std::mutex> lock(rt->mutex);
     for (;;) {

@@ -1,6 +1,8 @@
 // CCronTimerInterface: named timers on one thread that sleeps until the next deadline.
 #include "CCronTimer.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -143,6 +145,7 @@ void fire(const std::shared_ptr<State>& s, const std::shared_ptr<Timer>& t, std:
         auto w = std::make_shared<Worker>();
         try {
             w->thread = std::thread([s, t, w] {
+                pthread_setname_np(pthread_self(), "kuv-timer-run");
                 runCallback(s, t);
                 std::unique_lock<std::mutex> lk(s->mutex);
                 finishRun(*s, *t, lk);
@@ -162,6 +165,7 @@ void fire(const std::shared_ptr<State>& s, const std::shared_ptr<Timer>& t, std:
 
 void timerThread(std::shared_ptr<State> s)
 {
+    pthread_setname_np(pthread_self(), "kuv-timer");
     std::unique_lock<std::mutex> lock(s->mutex);
     while (!s->stopping) {
         reapWorkers(*s, lock);

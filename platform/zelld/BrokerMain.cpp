@@ -2,7 +2,9 @@
 // the private runtime directory and register endpoint GUIDs; the broker routes each message to the
 // connection that owns its destination GUID.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/file.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -301,6 +303,25 @@ void report(Fd& ready, unsigned char status)
 
 bool processAlive(int32_t pid) { return ::kill(pid, 0) == 0 || errno == EPERM; }
 
+// Whether descriptor fd (a client connection as libzmq numbers it) is still an open connection of pid.
+// By the time a close is reported the number may be closed, or reused for another connection.
+bool connectionOpen(int fd, int32_t pid)
+{
+    struct ucred peer {};
+    socklen_t length = sizeof(peer);
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        return false;
+    }
+    if (pid > 0 && peer.pid != pid) {
+        return false;
+    }
+    struct pollfd p {fd, POLLRDHUP, 0};
+    if (::poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) != 0) {
+        return false;
+    }
+    return true;
+}
+
 uint64_t randomInstance()
 {
     std::random_device device;
@@ -343,10 +364,11 @@ struct ZmqMsg {
 
 class Broker {
 public:
-    Broker(void* socket, int signalFd)
-        : m_socket(socket), m_signalFd(signalFd),
+    Broker(void* socket, void* monitor, int signalFd)
+        : m_socket(socket), m_monitor(monitor), m_signalFd(signalFd),
           m_router(static_cast<uint32_t>(geteuid()), randomInstance(), Router::Limits{}, processAlive)
     {
+        m_router.setConnectionCheck(connectionOpen);
     }
 
     int run();
@@ -354,10 +376,12 @@ public:
 
 private:
     bool receiveOne();
+    void readMonitor();
     void sendSmall(const std::string& peer, const std::string& message);
     void forward(const std::string& sender, Router::Decision& decision);
 
     void* m_socket;
+    void* m_monitor; // PAIR socket with the router's disconnect events
     int m_signalFd;
     Router m_router;
     // Routing id + the message; a few more are kept only to report them (a message is one frame).
@@ -457,6 +481,11 @@ bool Broker::receiveOne()
         m_router.noteMalformed();
     } else {
         decision = m_router.handle(peer, cred, views.data(), viewCount, now);
+        // The connection's descriptor rides on the payload: a routing id prefetched by zmq_poll has none.
+        const int fd = zmq_msg_get(&m_frames[count > 1 ? 1 : 0].msg, ZMQ_SRCFD);
+        if (!m_router.noteConnection(peer, fd)) {
+            LOGT(1, "pid %d: its connection had already closed; dropped", cred.known ? cred.pid : 0);
+        }
     }
     if (tooLong || decision.error != ParseError::None || decision.foreign) {
         if (m_badLimit.allow(now)) {
@@ -494,20 +523,50 @@ bool Broker::receiveOne()
     return true;
 }
 
+// A client's connection closed: its endpoints go at once, so a restarted client gets its GUIDs back.
+void Broker::readMonitor()
+{
+    for (;;) {
+        ZmqMsg event;
+        if (zmq_msg_recv(&event.msg, m_monitor, ZMQ_DONTWAIT) < 0) {
+            return;
+        }
+        uint16_t id = 0;
+        uint32_t value = 0;
+        if (zmq_msg_size(&event.msg) >= 6) {
+            memcpy(&id, zmq_msg_data(&event.msg), sizeof(id));
+            memcpy(&value, static_cast<const char*>(zmq_msg_data(&event.msg)) + 2, sizeof(value));
+        }
+        while (zmq_msg_more(&event.msg)) { // the endpoint address
+            event.reset();
+            if (zmq_msg_recv(&event.msg, m_monitor, 0) < 0) {
+                return;
+            }
+        }
+        if (id == ZMQ_EVENT_DISCONNECTED) {
+            const size_t gone = m_router.connectionClosed(static_cast<int>(value));
+            if (gone > 0) {
+                LOGT(2, "connection %u closed: dropped %zu client(s) and their endpoints", value, gone);
+            }
+        }
+    }
+}
+
 int Broker::run()
 {
-    int64_t nextExpiry = nowMs() + 1000;
+    // No timeout: the broker sleeps until a message, a connection event or a signal arrives.
     for (;;) {
-        zmq_pollitem_t items[2] = {{m_socket, 0, ZMQ_POLLIN, 0}, {nullptr, m_signalFd, ZMQ_POLLIN, 0}};
-        const long timeout = std::max<int64_t>(0, nextExpiry - nowMs());
-        if (zmq_poll(items, 2, timeout) < 0) {
+        zmq_pollitem_t items[3] = {{m_socket, 0, ZMQ_POLLIN, 0},
+                                   {m_monitor, 0, ZMQ_POLLIN, 0},
+                                   {nullptr, m_signalFd, ZMQ_POLLIN, 0}};
+        if (zmq_poll(items, 3, -1) < 0) {
             if (errno == EINTR) {
                 continue;
             }
             LOGT(4, "poll failed: %s", zmq_strerror(errno));
             return kExitFailure;
         }
-        if (items[1].revents & ZMQ_POLLIN) {
+        if (items[2].revents & ZMQ_POLLIN) {
             signalfd_siginfo info;
             if (::read(m_signalFd, &info, sizeof(info)) == sizeof(info)) {
                 LOGT(2, "signal %u: stopping", info.ssi_signo);
@@ -515,17 +574,12 @@ int Broker::run()
             }
         }
         if (items[0].revents & ZMQ_POLLIN) {
-            // Bounded batch, so signals and expiry are looked at under constant load too.
+            // Bounded batch, so signals and connection events are looked at under constant load too.
             for (int i = 0; i < 4096 && receiveOne(); ++i) {
             }
         }
-        const int64_t now = nowMs();
-        if (now >= nextExpiry) {
-            const size_t gone = m_router.expire(now);
-            if (gone > 0) {
-                LOGT(2, "%zu silent client(s) expired", gone);
-            }
-            nextExpiry = now + 1000;
+        if (items[1].revents & ZMQ_POLLIN) {
+            readMonitor();
         }
     }
 }
@@ -654,7 +708,18 @@ int main(int argc, char** argv)
         struct stat bound_st;
         const bool haveInode = ::stat(address.path.c_str(), &bound_st) == 0;
 
-        Broker broker(router.sock, signals.get());
+        ZmqSocket monitor;
+        if (zmq_socket_monitor(router.sock, "inproc://kuv-zelld-monitor", ZMQ_EVENT_DISCONNECTED) == 0) {
+            monitor.sock = zmq_socket(context.ctx, ZMQ_PAIR);
+        }
+        if (monitor.sock == nullptr || zmq_setsockopt(monitor.sock, ZMQ_LINGER, &zero, sizeof(zero)) != 0 ||
+            zmq_connect(monitor.sock, "inproc://kuv-zelld-monitor") != 0) {
+            LOGT(4, "cannot watch client connections: %s", zmq_strerror(errno));
+            report(ready, kExitFailure);
+            return kExitFailure;
+        }
+
+        Broker broker(router.sock, monitor.sock, signals.get());
         LOGT(2, "kuv-zelld %s serving %s (pid %d, instance %016llx)", KUV_VERSION, address.endpoint.c_str(),
              static_cast<int>(getpid()), static_cast<unsigned long long>(broker.router().instance()));
         report(ready, kExitOk);
@@ -663,10 +728,10 @@ int main(int argc, char** argv)
         const Router::Counters& c = broker.router().counters();
         LOGT(2,
              "stopped: received %llu, routed %llu, unknown destination %llu, congested %llu, malformed %llu, "
-             "foreign %llu, registrations %llu, refused %llu, expired clients %llu",
+             "foreign %llu, registrations %llu, refused %llu, closed clients %llu",
              (unsigned long long)c.received, (unsigned long long)c.routed, (unsigned long long)c.unknownDest,
              (unsigned long long)c.congested, (unsigned long long)c.malformed, (unsigned long long)c.foreignPeer,
-             (unsigned long long)c.registered, (unsigned long long)c.refused, (unsigned long long)c.expiredPeers);
+             (unsigned long long)c.registered, (unsigned long long)c.refused, (unsigned long long)c.closedPeers);
         // Remove the socket only if it is still the one we made.
         struct stat now_st;
         if (haveInode && ::stat(address.path.c_str(), &now_st) == 0 && now_st.st_ino == bound_st.st_ino &&

@@ -69,16 +69,67 @@ std::string Router::notRouted(const std::string& sender, const Message& msg, uin
     return encodeError(msg, code);
 }
 
-bool Router::ownerGone(const Peer& owner, int64_t nowMs) const
+bool Router::connectionGone(const Peer& peer) const
 {
-    if (nowMs - owner.lastSeen > m_limits.peerExpiryMs) {
+    return peer.fd >= 0 && m_connectionOpen && !m_connectionOpen(peer.fd, peer.cred.known ? peer.cred.pid : 0);
+}
+
+bool Router::ownerGone(const Peer& owner) const
+{
+    if (connectionGone(owner)) {
         return true;
     }
     return owner.cred.known && owner.cred.pid > 0 && m_alive && !m_alive(owner.cred.pid);
 }
 
-void Router::registerGuid(const std::string& peerId, Peer& peer, const Message& msg, int64_t nowMs,
-                          Decision& decision)
+bool Router::noteConnection(const std::string& peerId, int fd)
+{
+    auto found = m_peers.find(peerId);
+    if (found == m_peers.end() || fd < 0 || found->second.fd == fd) {
+        return true;
+    }
+    found->second.fd = fd;
+    // A message may be read after its connection closed (and after the close was reported): such a
+    // peer must not keep what it registers.
+    if (connectionGone(found->second)) {
+        dropPeer(peerId);
+        ++m_counters.closedPeers;
+        return false;
+    }
+    return true;
+}
+
+size_t Router::connectionClosed(int fd)
+{
+    std::vector<std::string> gone;
+    for (const auto& [id, peer] : m_peers) {
+        if (peer.fd == fd && connectionGone(peer)) {
+            gone.push_back(id);
+        }
+    }
+    for (const std::string& id : gone) {
+        dropPeer(id);
+    }
+    m_counters.closedPeers += gone.size();
+    return gone.size();
+}
+
+size_t Router::dropClosed()
+{
+    std::vector<std::string> gone;
+    for (const auto& [id, peer] : m_peers) {
+        if (ownerGone(peer)) {
+            gone.push_back(id);
+        }
+    }
+    for (const std::string& id : gone) {
+        dropPeer(id);
+    }
+    m_counters.closedPeers += gone.size();
+    return gone.size();
+}
+
+void Router::registerGuid(const std::string& peerId, Peer& peer, const Message& msg, Decision& decision)
 {
     uint32_t status = kRegOk;
     const GuidKey key = guidKey(msg.dest);
@@ -88,7 +139,7 @@ void Router::registerGuid(const std::string& peerId, Peer& peer, const Message& 
         auto owner = m_owners.find(key);
         if (owner != m_owners.end() && owner->second != peerId) {
             auto holder = m_peers.find(owner->second);
-            if (holder == m_peers.end() || ownerGone(holder->second, nowMs)) {
+            if (holder == m_peers.end() || ownerGone(holder->second)) {
                 if (holder != m_peers.end()) {
                     holder->second.guids.erase(key);
                 }
@@ -141,21 +192,6 @@ void Router::dropPeer(const std::string& peerId)
     m_peers.erase(found);
 }
 
-size_t Router::expire(int64_t nowMs)
-{
-    std::vector<std::string> gone;
-    for (const auto& [id, peer] : m_peers) {
-        if (nowMs - peer.lastSeen > m_limits.peerExpiryMs) {
-            gone.push_back(id);
-        }
-    }
-    for (const std::string& id : gone) {
-        dropPeer(id);
-    }
-    m_counters.expiredPeers += gone.size();
-    return gone.size();
-}
-
 Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred, const FrameView* frames,
                                 size_t count, int64_t nowMs)
 {
@@ -187,7 +223,7 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
             return decision;
         }
         if (m_peers.size() >= m_limits.maxPeers) {
-            expire(nowMs);
+            dropClosed();
             if (m_peers.size() >= m_limits.maxPeers) {
                 ++m_counters.peerLimit;
                 return decision;
@@ -207,7 +243,7 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
             decision.reply = encodeInstance(Cmd::Pong, m_instance);
             break;
         }
-        // A ping from a client we do not know (expired while it was stopped, say): a Welcome makes it
+        // A ping from a client we do not know (its connection was dropped, say): a Welcome makes it
         // register its endpoints again.
         [[fallthrough]];
     case Cmd::Hello:
@@ -215,7 +251,7 @@ Router::Decision Router::handle(const std::string& peerId, const PeerCred& cred,
         decision.reply = encodeInstance(Cmd::Welcome, m_instance);
         break;
     case Cmd::Register:
-        registerGuid(peerId, peer, msg, nowMs, decision);
+        registerGuid(peerId, peer, msg, decision);
         break;
     case Cmd::Unregister: {
         // Only the owner lets a GUID go; a GUID nobody holds is let go at once.

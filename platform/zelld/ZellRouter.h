@@ -30,7 +30,6 @@ public:
         size_t maxPeers = 4096;
         size_t maxGuidsPerPeer = 4096;
         size_t maxGuids = 65536;
-        int64_t peerExpiryMs = 15000; // clients ping every second; silence this long frees their GUIDs
     };
 
     struct Counters {
@@ -43,7 +42,7 @@ public:
         uint64_t sourceTaken = 0;
         uint64_t registered = 0;
         uint64_t refused = 0;
-        uint64_t expiredPeers = 0;
+        uint64_t closedPeers = 0; // dropped because their connection closed
         uint64_t peerLimit = 0;
     };
 
@@ -74,8 +73,16 @@ public:
     // After a Forward could not go out: the Error for the sender. For congestion it is sent only when the
     // sender asked for a verdict, or once a second otherwise: a flood of notices would only add to the load.
     std::string notRouted(const std::string& sender, const wire::Message& msg, uint32_t code, int64_t nowMs);
-    // Frees the GUIDs of clients silent for longer than the expiry. Returns how many peers went.
-    size_t expire(int64_t nowMs);
+    // Whether the transport's connection `fd` is still open and still belongs to `pid` (0: unknown).
+    // Without a check every connection counts as open.
+    using ConnectionCheck = std::function<bool(int fd, int32_t pid)>;
+    void setConnectionCheck(ConnectionCheck check) { m_connectionOpen = std::move(check); }
+    // The message just handled from `peer` came in on connection `fd`. false: that connection is already
+    // gone, and the peer with its GUIDs was dropped.
+    bool noteConnection(const std::string& peer, int fd);
+    // The transport saw connection `fd` close: drops every peer on it whose connection is gone (the
+    // number may already name a new connection). Returns how many peers went.
+    size_t connectionClosed(int fd);
     // The destination connection vanished (the transport said so): forget it.
     void dropPeer(const std::string& peer);
 
@@ -89,20 +96,23 @@ public:
 private:
     struct Peer {
         PeerCred cred;
+        int fd = -1; // the transport's connection, -1 unknown
         int64_t lastSeen = 0;
         int64_t lastCongestionNotice = INT64_MIN / 2;
         std::unordered_set<wire::GuidKey, wire::GuidKeyHash> guids;
     };
 
-    void registerGuid(const std::string& peerId, Peer& peer, const wire::Message& msg, int64_t nowMs,
-                      Decision& decision);
+    void registerGuid(const std::string& peerId, Peer& peer, const wire::Message& msg, Decision& decision);
     void unregisterGuid(const std::string& peerId, Peer& peer, const GUID& guid);
-    bool ownerGone(const Peer& owner, int64_t nowMs) const;
+    bool ownerGone(const Peer& owner) const;
+    bool connectionGone(const Peer& peer) const;
+    size_t dropClosed();
 
     uint32_t m_uid;
     uint64_t m_instance;
     Limits m_limits;
     std::function<bool(int32_t)> m_alive;
+    ConnectionCheck m_connectionOpen;
     std::unordered_map<std::string, Peer> m_peers;
     std::unordered_map<wire::GuidKey, std::string, wire::GuidKeyHash> m_owners; // guid -> peer id
     Counters m_counters;

@@ -283,9 +283,9 @@ private:
     bool m_session = false;
     uint64_t m_instance = 0;
     std::optional<Outgoing> m_stalled; // taken from a queue, not accepted by the socket yet
-    int64_t m_lastHeard = 0;
+    bool m_linkUp = false;          // a connection to the broker is established (monitor events)
+    bool m_refusedPending = false;  // some endpoint stands refused; ask again now and then
     int64_t m_nextHello = 0;
-    int64_t m_nextPing = 0;
     int64_t m_nextRetry = 0;
     bool m_paused = false;
     std::vector<std::vector<Delivery>> m_outbox; // per dispatch thread, filled while reading a batch

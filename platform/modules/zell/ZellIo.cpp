@@ -1,6 +1,7 @@
-// The I/O thread: the only user of the DEALER socket. It keeps the session with the broker (hello,
-// pings, re-registration after a reconnect), sends what endpoints queued and hands received messages to
-// the dispatch threads.
+// The I/O thread: the only user of the DEALER socket. It keeps the session with the broker (hello and
+// re-registration after a reconnect), sends what endpoints queued and hands received messages to the
+// dispatch threads. Nothing here ticks: a lost broker shows up as the connection's own disconnect event
+// (socket monitor), and the thread sleeps in zmq_poll without a timeout while nothing happens.
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -22,9 +23,9 @@ constexpr const char* kLogSource = "platform/modules/zell/ZellIo";
 
 constexpr size_t kMaxQueuedMessages = 20000;
 constexpr size_t kMaxQueuedBytes = 64u * 1024 * 1024;
+// Hello is repeated only while a connection is up and the broker has not welcomed us yet.
 constexpr int64_t kHelloEveryMs = 250;
-constexpr int64_t kPingEveryMs = 1000;
-constexpr int64_t kSilenceMs = 5000;
+// Refused registrations are asked again only while some endpoint stands refused.
 constexpr int64_t kRetryRefusedMs = 5000;
 constexpr int kReadBatch = 1024;
 
@@ -351,9 +352,7 @@ void Io::sessionUp(uint64_t instance)
     const bool again = m_session && !restarted;
     m_instance = instance;
     m_session = true;
-    m_lastHeard = monotonicMs();
-    m_nextPing = m_lastHeard + kPingEveryMs;
-    m_nextRetry = m_lastHeard + kRetryRefusedMs;
+    m_nextRetry = monotonicMs() + kRetryRefusedMs;
     // Registrations go out before anything queued, so the broker knows our endpoints first. (A message
     // the old connection refused may still go ahead of them; the broker accepts unregistered sources.)
     size_t count = 0;
@@ -408,9 +407,11 @@ void Io::readMonitor()
             more = rest.more();
         }
         if (id == ZMQ_EVENT_DISCONNECTED) {
+            m_linkUp = false;
             sessionDown("connection closed");
         } else if (id == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
             ZLOG(m_log, kLogDebug, ZELL_LOG_CONNECTION, "connection to %s established", m_endpoint.c_str());
+            m_linkUp = true;
             m_nextHello = 0;
         }
     }
@@ -457,7 +458,6 @@ void Io::handle(zmq::message_t& message)
              parseErrorText(error));
         return;
     }
-    m_lastHeard = monotonicMs();
     switch (msg.cmd) {
     case Cmd::Welcome:
         // An answer to our Hello, or the broker no longer knows us: either way, register everything.
@@ -476,6 +476,10 @@ void Io::handle(zmq::message_t& message)
         if (msg.code == kRegOk) {
             ZLOG(m_log, kLogDebug, ZELL_LOG_ENDPOINT, "endpoint %s registered", guidText(msg.dest).c_str());
         } else {
+            if (!m_refusedPending) {
+                m_refusedPending = true;
+                m_nextRetry = monotonicMs() + kRetryRefusedMs;
+            }
             ZLOG(m_log, kLogError, ZELL_LOG_ENDPOINT, "the broker refused endpoint %s: %s",
                  guidText(msg.dest).c_str(),
                  msg.code == kRegTaken ? "another live endpoint has that GUID"
@@ -586,25 +590,21 @@ void Io::run()
 void Io::loopOnce(bool& stop)
 {
     const int64_t now = monotonicMs();
-    if (!m_session && now >= m_nextHello) {
+    if (!m_session && m_linkUp && now >= m_nextHello) {
         sendControl(encodeEmpty(Cmd::Hello));
         m_nextHello = now + kHelloEveryMs;
     }
-    if (m_session && now - m_lastHeard > kSilenceMs) {
-        sessionDown("no answer to pings");
-    }
-    if (m_session && now >= m_nextPing) {
-        sendControl(encodeEmpty(Cmd::Ping));
-        m_nextPing = now + kPingEveryMs;
-    }
-    if (m_session && now >= m_nextRetry) {
+    if (m_session && m_refusedPending && now >= m_nextRetry) {
         // Endpoints the broker refused may get their GUID once its holder is gone.
+        bool any = false;
         for (const auto& endpoint : m_mgr.boundEndPoints()) {
             GUID guid;
             if (endpoint->currentGuid(guid, true)) {
                 sendControl(encodeGuid(Cmd::Register, guid));
+                any = true;
             }
         }
+        m_refusedPending = any;
         m_nextRetry = now + kRetryRefusedMs;
     }
     flush();
@@ -619,8 +619,14 @@ void Io::loopOnce(bool& stop)
         {m_monitor->handle(), 0, ZMQ_POLLIN, 0},
         {nullptr, m_wakeFd, ZMQ_POLLIN, 0},
     };
-    const int64_t next = m_session ? std::min(m_nextPing, m_nextRetry) : m_nextHello;
-    const long timeout = static_cast<long>(std::max<int64_t>(0, std::min<int64_t>(next - monotonicMs(), 1000)));
+    // Sleep without a timeout unless a hello or a refused registration is outstanding.
+    int64_t next = -1;
+    if (!m_session && m_linkUp) {
+        next = m_nextHello;
+    } else if (m_session && m_refusedPending) {
+        next = m_nextRetry;
+    }
+    const long timeout = next < 0 ? -1L : static_cast<long>(std::max<int64_t>(0, next - monotonicMs()));
     if (zmq_poll(items, 3, timeout) < 0) {
         stop = zmq_errno() == ETERM;
         return;

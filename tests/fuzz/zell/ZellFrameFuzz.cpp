@@ -32,7 +32,9 @@ void checkReply(const std::string& reply)
 // fuzzer reaches the commands quickly.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    Router router(1000, 42, Router::Limits{8, 4, 16, 15000}, [](int32_t pid) { return pid % 2 == 0; });
+    Router router(1000, 42, Router::Limits{8, 4, 16}, [](int32_t pid) { return pid % 2 == 0; });
+    // Connections with odd numbers count as closed.
+    router.setConnectionCheck([](int fd, int32_t) { return fd % 2 == 0; });
     size_t at = 0;
     int64_t now = 0;
     while (at + 2 <= size) {
@@ -65,6 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         cred.pid = peerByte % 12;
         now += peerByte;
         Router::Decision decision = router.handle(peer, cred, views.data(), views.size(), now);
+        router.noteConnection(peer, (peerByte >> 2) % 5);
         switch (decision.action) {
         case Router::Action::Reply:
             checkReply(decision.reply);
@@ -88,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             break;
         }
         if ((peerByte & 0x3F) == 0x3F) {
-            router.expire(now + 20000);
+            router.connectionClosed(peerByte % 5);
         }
         if (router.guidCount() > 16 || router.peerCount() > 8) {
             abort(); // the limits hold

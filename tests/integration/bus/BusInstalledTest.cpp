@@ -143,6 +143,28 @@ TEST_F(BusInstalled, ListenerSurvivesABrokerKilledAndRestarted)
     EXPECT_EQ(listener->exitStatus(), 0);
 }
 
+TEST_F(BusInstalled, AKilledClientsEndpointsAreDroppedAtOnce)
+{
+    startDaemon();
+    auto listener = listen({});
+    listener->signal(SIGKILL);
+    ASSERT_TRUE(listener->wait(30000));
+    // The broker learns it from the closed connection itself, not from a later timeout or the next
+    // registration of that GUID.
+    EXPECT_TRUE(kuvtest::waitForFileContains(install->dir + "log/kuv-zelld.log",
+                                             "closed: dropped 1 client(s) and their endpoints", 30000));
+    RunResult r = kuvctl({"bus", "send", "--to", kApp, "--type", "1003", "--body", "x"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("no endpoint"), std::string::npos) << r.err;
+    // A new start with the same GUID gets it on its first try.
+    auto again = listen({"--count", "1"});
+    r = kuvctl({"bus", "send", "--to", kApp, "--type", "5", "--body", "back"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    ASSERT_TRUE(again->wait(30000));
+    EXPECT_EQ(again->exitStatus(), 0);
+    EXPECT_NE(again->out().find("body=back"), std::string::npos) << again->out();
+}
+
 TEST_F(BusInstalled, ListenerWithATakenGuidFails)
 {
     startDaemon();

@@ -1,5 +1,6 @@
 // The installed service, headless, in a private installation: start lines, instance state, failed starts,
 // back-end marker, guard script and restart monitor.
+#include <chrono>
 #include <fstream>
 
 #include "ServiceSupport.h"
@@ -141,9 +142,24 @@ TEST(ServiceApp, GuardBringsBackAKilledServiceButNotAQuitOne)
     const pid_t first = s.service->pid();
     ASSERT_TRUE(kuvtest::waitForFileContains(guardLog, "guarding kuvgui pid " + std::to_string(first)));
 
+    const auto killedAt = std::chrono::steady_clock::now();
     s.service->signal(SIGKILL);
     ASSERT_TRUE(s.service->wait(10000));
-    // The guard starts the installed service again; it is the guard's child, not ours.
+    // The guard starts the installed service again; it is the guard's child, not ours. The guard blocks
+    // on the tag's lock, so the new process is there as soon as the old one is gone.
+    const std::string attr = s.runtimeKuv() + svctest::kTag + ".attr";
+    const std::string firstText = "\"pid\":\"" + std::to_string(first) + "\"";
+    ASSERT_TRUE(kuvtest::waitUntil(
+        [&] {
+            const std::string text = kuvtest::readFile(attr);
+            return text.find("\"pid\"") != std::string::npos && text.find(firstText) == std::string::npos;
+        },
+        60000, 5))
+        << kuvtest::readFile(guardLog);
+    const double restartMs =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - killedAt).count();
+    printf("[     INFO ] killed service replaced by the guard after %.0f ms\n", restartMs);
+    EXPECT_LT(restartMs, 20000.0) << "the guard waits on the tag, not on a timer";
     std::string restarted;
     ASSERT_TRUE(kuvtest::waitUntil(
         [&] {
@@ -155,6 +171,9 @@ TEST(ServiceApp, GuardBringsBackAKilledServiceButNotAQuitOne)
             return false;
         },
         60000, 200))
+        << kuvtest::readFile(guardLog);
+    EXPECT_TRUE(kuvtest::fileContains(guardLog, "kuvgui pid " + std::to_string(first) +
+                                                    " ended without quitting, restarting it in 0s"))
         << kuvtest::readFile(guardLog);
     EXPECT_TRUE(kuvtest::waitForFileContains(guardLog, "guarding kuvgui pid " + restarted));
     // Only one guard: the restarted service's own guard gave way to the running one.

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -101,4 +103,33 @@ TEST(CProcessTest, ScriptWithArgumentRuns)
     CProcess process;
     EXPECT_EQ(process.execute(script, "user_restart", true), 1);
     ASSERT_TRUE(kuvtest::eventually([&] { return kuvtest::readFile(script + ".out") == "user_restart\n"; }));
+}
+
+TEST(CProcessTest, DeferredLaunchesRunWhenTheDeferralSaysSo)
+{
+    TempDir dir;
+    const std::string report = dir / "report";
+    std::vector<std::function<void()>> kept;
+    kuv::setLaunchDeferral([&kept](std::function<void()> launch) {
+        kept.push_back(std::move(launch));
+        return true;
+    });
+    CProcess process;
+    EXPECT_EQ(process.execute(KUV_FD_PROBE, report + " later", true), 1) << "it can run";
+    EXPECT_EQ(process.execute("/nonexistent/kuv/program", "1", true), 0) << "it cannot";
+    ASSERT_EQ(kept.size(), 2u);
+    usleep(100 * 1000);
+    EXPECT_FALSE(kuvtest::exists(report)) << "nothing started before the deferral runs it";
+    kept[0]();
+    kept[1]();
+    EXPECT_TRUE(noChildLeft());
+    ASSERT_TRUE(kuvtest::eventually([&] { return kuvtest::exists(report); }));
+    EXPECT_EQ(linesWith(kuvtest::readFile(report), "arg:"), (std::vector<std::string>{report, "later"}));
+
+    // A deferral that declines leaves the launch to execute itself.
+    kuv::setLaunchDeferral([](std::function<void()>) { return false; });
+    EXPECT_EQ(process.execute("/bin/true", "", true), 1);
+    EXPECT_EQ(process.execute("/nonexistent/kuv/program", "", true), 0);
+    kuv::setLaunchDeferral(nullptr);
+    EXPECT_TRUE(noChildLeft());
 }

@@ -15,6 +15,12 @@
 
 #include "CppJson.h"
 
+namespace kuv {
+namespace shell {
+QWidget* mainWindow();
+}
+} // namespace kuv
+
 namespace shelltest {
 
 namespace {
@@ -129,7 +135,8 @@ QWidget* mainWindow()
             return w;
         }
     }
-    return nullptr;
+    // The shell builds its window when it is first wanted.
+    return kuv::shell::mainWindow();
 }
 
 } // namespace shelltest

@@ -1,5 +1,6 @@
 // CLogDebug on real files: layout, level rule, escaping, rotation, failures that cost only the log.
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <regex>
@@ -340,4 +341,34 @@ TEST(LogTest, ConcurrentWritersGiveWholeRecords)
         }
     }
     EXPECT_EQ(seen.size(), 1800u);
+}
+
+TEST(LogTest, ThreadsAndForkedChildrenNameThemselves)
+{
+    TempDir dir;
+    auto log = makeLog(dir.path(), "ids", 2);
+    log->LogPrint(LOG_LEVEL_INFO, kFile, "main", 1, "from the main thread");
+    std::string workerIds;
+    std::thread worker([&] {
+        workerIds = ownPrefix();
+        log->LogPrint(LOG_LEVEL_INFO, kFile, "worker", 2, "from a worker");
+    });
+    worker.join();
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        log->LogPrint(LOG_LEVEL_INFO, kFile, "child", 3, "from the child");
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    const std::string content = kuvtest::readFile(dir / "ids.log");
+    EXPECT_NE(content.find("] [" + ownPrefix() + "] [INFO] [" + kFile + ":main:1] from the main thread"),
+              std::string::npos)
+        << content;
+    EXPECT_NE(content.find("] [" + workerIds + "] [INFO] [" + kFile + ":worker:2] from a worker"), std::string::npos)
+        << content;
+    const std::string childIds = std::to_string(child) + ":" + std::to_string(child);
+    EXPECT_NE(content.find("] [" + childIds + "] [INFO] [" + kFile + ":child:3] from the child"), std::string::npos)
+        << content;
 }

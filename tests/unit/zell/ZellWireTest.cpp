@@ -243,7 +243,7 @@ TEST_F(RouterTest, SecondLiveRegistrationIsRefusedUntilTheHolderIsGone)
     EXPECT_EQ(registerStatus("peerC", 1, 0, PeerCred{true, 1000, 12}), kRegOk);
 }
 
-TEST_F(RouterTest, SilentClientsExpireAndByeFreesEverything)
+TEST_F(RouterTest, SilentClientsStayAndByeFreesEverything)
 {
     EXPECT_EQ(registerStatus("peerA", 1, 0), kRegOk);
     EXPECT_EQ(registerStatus("peerA", 2, 0), kRegOk);
@@ -252,10 +252,43 @@ TEST_F(RouterTest, SilentClientsExpireAndByeFreesEverything)
     EXPECT_EQ(router.guidCount(), 0u);
     EXPECT_EQ(router.peerCount(), 0u);
 
+    // Silence alone frees nothing: an idle client sends nothing at all.
     EXPECT_EQ(registerStatus("peerA", 1, 0), kRegOk);
-    EXPECT_EQ(router.expire(10000), 0u);
-    EXPECT_EQ(router.expire(20000), 1u);
-    EXPECT_EQ(router.guidCount(), 0u);
+    auto d = send("peerB", {header(Cmd::Send), guidBytes(1), guidBytes(2), metaBytes(1, 1), "x"}, 3600 * 1000);
+    EXPECT_EQ(d.forwardTo, "peerA");
+}
+
+TEST_F(RouterTest, ClosedConnectionsDropTheirClientsAtOnce)
+{
+    std::set<int> open = {5, 6, 7};
+    router.setConnectionCheck([&](int fd, int32_t) { return open.count(fd) != 0; });
+    EXPECT_EQ(registerStatus("peerA", 1, 0, PeerCred{true, 1000, 10}), kRegOk);
+    EXPECT_TRUE(router.noteConnection("peerA", 5));
+    EXPECT_EQ(registerStatus("peerA", 2, 0, PeerCred{true, 1000, 10}), kRegOk);
+    EXPECT_EQ(registerStatus("peerB", 3, 0, PeerCred{true, 1000, 11}), kRegOk);
+    EXPECT_TRUE(router.noteConnection("peerB", 6));
+    EXPECT_EQ(router.guidCount(), 3u);
+
+    // A close reported for a number that is open again (another connection took it) drops nothing.
+    EXPECT_EQ(router.connectionClosed(6), 0u);
+    EXPECT_EQ(router.connectionClosed(9), 0u);
+    open.erase(5);
+    EXPECT_EQ(router.connectionClosed(5), 1u);
+    EXPECT_EQ(router.guidCount(), 1u);
+    EXPECT_EQ(router.peerCount(), 1u);
+    EXPECT_EQ(router.counters().closedPeers, 1u);
+    // Its GUIDs are free for the client's next start at once, though its process id is still alive.
+    EXPECT_EQ(registerStatus("peerC", 1, 0, PeerCred{true, 1000, 12}), kRegOk);
+    EXPECT_TRUE(router.noteConnection("peerC", 7));
+
+    // A message read after its connection had closed keeps nothing.
+    EXPECT_EQ(registerStatus("peerD", 4, 0, PeerCred{true, 1000, 13}), kRegOk);
+    EXPECT_FALSE(router.noteConnection("peerD", 8));
+    EXPECT_EQ(router.guidCount(), 2u);
+
+    // A holder whose connection is gone gives up its GUID to a new registration.
+    open.erase(7);
+    EXPECT_EQ(registerStatus("peerE", 1, 0, PeerCred{true, 1000, 14}), kRegOk);
 }
 
 TEST_F(RouterTest, ForeignUsersAndStolenSourcesAreRefused)
@@ -278,8 +311,9 @@ TEST_F(RouterTest, HelloAndPingCarryTheInstance)
     EXPECT_EQ(d.reply, encodeInstance(Cmd::Welcome, 77));
     d = send("peerA", {header(Cmd::Ping)});
     EXPECT_EQ(d.reply, encodeInstance(Cmd::Pong, 77));
-    // A client that expired (it was stopped for a while) is welcomed again so that it re-registers.
-    EXPECT_EQ(router.expire(100000), 1u);
+    // A client the broker dropped (its connection closed) is welcomed again so that it re-registers.
+    router.setConnectionCheck([](int, int32_t) { return false; });
+    EXPECT_FALSE(router.noteConnection("peerA", 3));
     d = send("peerA", {header(Cmd::Ping)}, 100000);
     EXPECT_EQ(d.reply, encodeInstance(Cmd::Welcome, 77));
     d = send("peerA", {header(Cmd::Send)});

@@ -43,7 +43,8 @@ PFN_KUVGUI_SERVICE_RUN loadService()
     dir.erase(slash);
     const std::string library = dir + "/../lib/" KUVGUI_SERVICE_LIBRARY;
     // Never closed: the service's objects, atexit handlers and Qt live in it until the process ends.
-    void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    // Lazy binding: most of Qt's functions are never called by a service that stays in the tray.
+    void* handle = dlopen(library.c_str(), RTLD_LAZY | RTLD_GLOBAL);
     if (handle == nullptr) {
         const char* error = dlerror();
         fprintf(stderr, "kuvgui: cannot load %s: %s\n", library.c_str(), error != nullptr ? error : "");

@@ -15,6 +15,7 @@
 
 #include <json/json.h>
 
+#include "ScanSettings.h"
 #include "Sha256.h"
 #include "StorePaths.h"
 
@@ -327,6 +328,34 @@ int linkNoReplace(int dirFd, const std::string& tempName, const std::string& fin
 }
 
 } // namespace
+
+std::unique_ptr<StoreDb> openUserDb(const std::string& dataDir, std::vector<std::string>& notices, std::string& error)
+{
+    UniqueFd dir = openPrivateDir(dataDir, 1, &error);
+    if (!dir.valid()) {
+        return nullptr;
+    }
+    return StoreDb::open(dataDir + "/" + kDbName, notices, error);
+}
+
+bool recordJob(const std::string& dataDir, JobRecord& job, std::vector<std::string>& notices, std::string& error)
+{
+    auto db = openUserDb(dataDir, notices, error);
+    if (!db) {
+        return false;
+    }
+    if (!db->addJob(job)) {
+        error = db->lastError();
+        return false;
+    }
+    ScanSettings settings;
+    std::string why;
+    if (!loadScanSettings(settings, &why)) {
+        notices.push_back(why);
+    }
+    db->pruneHistory(settings.historyDays, nowMs());
+    return true;
+}
 
 const char* statusName(QStatus status)
 {

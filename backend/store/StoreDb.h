@@ -88,5 +88,11 @@ private:
 
 int64_t nowMs();
 
+// The user's database in dataDir (created 0700 when missing): history.sqlite.
+std::unique_ptr<StoreDb> openUserDb(const std::string& dataDir, std::vector<std::string>& notices, std::string& error);
+// Records a finished scan job and drops history older than the user's retention setting; what the
+// back end calls at the end of every job. notices gets what the user should hear about.
+bool recordJob(const std::string& dataDir, JobRecord& job, std::vector<std::string>& notices, std::string& error);
+
 } // namespace store
 } // namespace kuv

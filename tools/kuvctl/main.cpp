@@ -7,6 +7,8 @@
 
 #include "BusCommand.h"
 #include "FileUtils.h"
+#include "HistoryCommand.h"
+#include "QuarantineCommand.h"
 #include "StatusCommand.h"
 #ifdef KUVCTL_HAVE_LOGS
 #include "LogsCommand.h"
@@ -23,6 +25,8 @@ struct Command {
 const Command kCommands[] = {
     {"status", "is kuvgui running, and what it publishes (pid, status)", &kuvctl::runStatus},
     {"bus", "send to and listen on the message bus", &kuvctl::runBus},
+    {"quarantine", "list, restore and delete quarantined files", &kuvctl::runQuarantine},
+    {"history", "past scan jobs and their findings", &kuvctl::runHistory},
 #ifdef KUVCTL_HAVE_LOGS
     {"logs", "print and follow the service log", &kuvctl::runLogs},
 #endif

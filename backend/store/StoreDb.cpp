@@ -452,6 +452,18 @@ bool StoreDb::setFindingAction(int64_t id, const std::string& path, const std::s
     return sqlite3_changes(m_db) > 0;
 }
 
+int64_t StoreDb::pendingFindings()
+{
+    Stmt s(m_db, "SELECT COUNT(*) FROM findings WHERE verdict='infected' AND (action IS NULL OR action='')");
+    return s.ok() && s.step() == SQLITE_ROW ? s.col64(0) : 0;
+}
+
+int64_t StoreDb::lastJobId()
+{
+    Stmt s(m_db, "SELECT COALESCE(MAX(id), 0) FROM jobs");
+    return s.ok() && s.step() == SQLITE_ROW ? s.col64(0) : 0;
+}
+
 int StoreDb::pruneHistory(int days, int64_t now)
 {
     if (days <= 0) {

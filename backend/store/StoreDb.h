@@ -74,6 +74,10 @@ public:
     bool job(int64_t id, JobRecord& out);
     // Sets the action of the findings of job id at path.
     bool setFindingAction(int64_t id, const std::string& path, const std::string& action);
+    // Findings with a threat that nobody acted on yet (no quarantine, delete or ignore).
+    int64_t pendingFindings();
+    // Highest job row id, 0 for none.
+    int64_t lastJobId();
     // Drops jobs that started more than days ago; returns how many went, -1 on error.
     int pruneHistory(int days, int64_t nowMs);
 

@@ -15,7 +15,9 @@ class QStackedWidget;
 namespace kuv {
 namespace shell {
 
+class HistoryPage;
 class OverviewPage;
+class QuarantinePage;
 class ScanPage;
 class SettingsPage;
 
@@ -26,6 +28,10 @@ public:
     ~MainWindow() override;
 
     void showScanRequest(const QStringList& paths);
+    QuarantinePage* quarantinePage() const { return m_quarantine; }
+    HistoryPage* historyPage() const { return m_history; }
+    // Shows the history page with job id opened (a history row id).
+    void showHistoryJob(qint64 id);
     // Gives plugin pages back to their plugins before the window goes.
     void detachPluginPages();
 
@@ -58,6 +64,10 @@ private:
     OverviewPage* m_overview;
     ScanPage* m_scan;
     SettingsPage* m_settings;
+    QuarantinePage* m_quarantine;
+    HistoryPage* m_history;
+    QListWidgetItem* m_quarantineItem;
+    QListWidgetItem* m_historyItem;
     QListWidgetItem* m_overviewItem;
     QListWidgetItem* m_scanItem;
     QListWidgetItem* m_settingsItem;

@@ -9,6 +9,7 @@
 #include <QVBoxLayout>
 
 #include "FileUtils.h"
+#include "ScanSettingsBox.h"
 #include "ShellSettings.h"
 
 namespace kuv {
@@ -39,6 +40,8 @@ SettingsPage::SettingsPage(QWidget* parent) : QWidget(parent)
     m_language->addItem(QStringLiteral("简体中文"), QStringLiteral("zh-CN"));
     form->addRow(m_languageCaption, m_language);
     layout->addWidget(m_languageBox);
+
+    layout->addWidget(new ScanSettingsBox(this));
 
     m_savedTo = new QLabel(this);
     m_savedTo->setWordWrap(true);

@@ -18,7 +18,10 @@ class QTranslator;
 namespace kuv {
 namespace shell {
 
+class DesktopNotifier;
+class HistoryWatcher;
 class MainWindow;
+class TrayController;
 
 class ShellCore : public QObject {
     Q_OBJECT
@@ -39,14 +42,21 @@ public slots:
     void quit();
     void applyLanguage();
 
+    // The tray and the notifications; a test reaches them here.
+    TrayController* tray() const { return m_tray.get(); }
+    MainWindow* window() const { return m_window.get(); }
+
 private:
     void onUnloadComplete();
+    void onJobRecorded(qint64 id, const QString& state, qint64 files, qint64 infected, qint64 durationMs);
+    void updateAttention();
     void finishQuit(bool timedOut);
 
     sUninstallFunc m_uninstall{nullptr, nullptr};
     std::unique_ptr<MainWindow> m_window;
-    std::unique_ptr<QMenu> m_trayMenu;
-    std::unique_ptr<QSystemTrayIcon> m_tray;
+    std::unique_ptr<TrayController> m_tray;
+    std::unique_ptr<DesktopNotifier> m_notifier;
+    std::unique_ptr<HistoryWatcher> m_historyWatcher;
     std::vector<std::unique_ptr<QTranslator>> m_translators;
     std::atomic<bool> m_up{false};
     bool m_quitting = false;

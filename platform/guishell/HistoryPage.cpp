@@ -86,6 +86,7 @@ HistoryPage::HistoryPage(QWidget* parent) : QWidget(parent)
     m_findings->setObjectName(QStringLiteral("kuvHistoryFindings"));
     m_findings->setColumnCount(F_COUNT);
     m_findings->setRootIsDecorated(false);
+    m_findings->setTextElideMode(Qt::ElideMiddle);
     m_findings->setSelectionMode(QAbstractItemView::ExtendedSelection);
     m_findings->header()->setStretchLastSection(false);
     m_findings->header()->setSectionResizeMode(F_PATH, QHeaderView::Stretch);

@@ -53,6 +53,7 @@ QuarantinePage::QuarantinePage(QWidget* parent) : QWidget(parent)
     m_list->setRootIsDecorated(false);
     m_list->setSelectionMode(QAbstractItemView::ExtendedSelection);
     m_list->setUniformRowHeights(true);
+    m_list->setTextElideMode(Qt::ElideMiddle);
     m_list->header()->setStretchLastSection(false);
     m_list->header()->setSectionResizeMode(COL_PATH, QHeaderView::Stretch);
     m_list->header()->setSectionResizeMode(COL_DATE, QHeaderView::ResizeToContents);

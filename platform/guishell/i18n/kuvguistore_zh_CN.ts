@@ -201,7 +201,7 @@
     </message>
     <message>
         <source>Quarantine</source>
-        <translation>隔离区</translation>
+        <translation>隔离</translation>
     </message>
     <message>
         <source>Delete...</source>

@@ -1,5 +1,6 @@
 #include "HistoryWatcher.h"
 
+#include <algorithm>
 #include <vector>
 
 #include <QFileInfo>
@@ -69,9 +70,12 @@ void HistoryWatcher::check()
             fresh.push_back(j);
         }
     }
-    for (auto it = fresh.rbegin(); it != fresh.rend(); ++it) {
-        m_lastSeen = std::max<qint64>(m_lastSeen, it->id);
-        emit jobRecorded(it->id, QString::fromStdString(it->state), it->files, it->infected, it->durationMs);
+    // In the order they were recorded, which is not always the order they started in.
+    std::sort(fresh.begin(), fresh.end(),
+              [](const kuv::store::JobRecord& a, const kuv::store::JobRecord& b) { return a.id < b.id; });
+    for (const kuv::store::JobRecord& j : fresh) {
+        m_lastSeen = std::max<qint64>(m_lastSeen, j.id);
+        emit jobRecorded(j.id, QString::fromStdString(j.state), j.files, j.infected, j.durationMs);
     }
     emit changed();
 }

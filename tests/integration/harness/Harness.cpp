@@ -105,7 +105,9 @@ Install::Install() : m_tmp("kuvinst")
 
 std::vector<std::string> Install::env() const
 {
-    return {"XDG_RUNTIME_DIR=" + runtime, "QT_QPA_PLATFORM=offscreen", "KUV_SHELL_JOURNAL=" + journal()};
+    // The user's quarantine, history and scan settings stay inside the test too.
+    return {"XDG_RUNTIME_DIR=" + runtime, "QT_QPA_PLATFORM=offscreen", "KUV_SHELL_JOURNAL=" + journal(),
+            "XDG_DATA_HOME=" + m_tmp.path() + "/data", "XDG_CONFIG_HOME=" + m_tmp.path() + "/config"};
 }
 
 Process::Process(const std::vector<std::string>& argv, const std::vector<std::string>& env, const std::string& cwd)

@@ -116,6 +116,12 @@ void ShellCore::build(sUninstallFunc uninstall)
     connect(m_tray.get(), &TrayController::stateChanged, stateLabel,
             [this, stateLabel]() { stateLabel->setText(m_tray->stateText()); });
     stateLabel->setText(m_tray->stateText());
+    connect(m_tray.get(), &TrayController::stateChanged, this, [](TrayController::State state) {
+        SH_LOG(LOG_LEVEL_INFO, "tray state: %s",
+               state == TrayController::STATE_ATTENTION  ? "attention"
+               : state == TrayController::STATE_SCANNING ? "scanning"
+                                                         : "protected");
+    });
 
     m_notifier = std::make_unique<DesktopNotifier>();
     connect(m_notifier.get(), &DesktopNotifier::openResults, this, [this](qint64 job) {

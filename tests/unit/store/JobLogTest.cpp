@@ -2,6 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <thread>
+#include <vector>
+
 #include <json/json.h>
 
 #include "Harness.h"
@@ -105,4 +108,45 @@ TEST(JobLog, WithoutQuarantineFilesStayAndUnknownJobsAreIgnored)
     EXPECT_TRUE(store->list().empty());
     ASSERT_EQ(store->db().jobs().size(), 1u);
     EXPECT_EQ(store->db().jobs()[0].state, "cancelled");
+}
+
+TEST(JobLog, JobsFromSeveralThreadsAtOnce)
+{
+    kuvtest::TempDir dir;
+    const std::string data = dir.path() + "/data/kuv";
+    JobLog log(data);
+    constexpr int kJobs = 4;
+    for (int t = 0; t < kJobs; ++t) {
+        const std::string d = dir.path() + "/d" + std::to_string(t);
+        mkdir(d.c_str(), 0700);
+        for (int i = 0; i < 5; ++i) {
+            kuvtest::writeFile(d + "/f" + std::to_string(i), "payload " + std::to_string(i));
+        }
+        log.started("t" + std::to_string(t), {d}, t % 2 == 0);
+    }
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kJobs; ++t) {
+        threads.emplace_back([&log, &dir, t]() {
+            const std::string job = "t" + std::to_string(t);
+            const std::string d = dir.path() + "/d" + std::to_string(t);
+            for (int i = 0; i < 5; ++i) {
+                Json::Value body(Json::objectValue);
+                body["results"].append(result(d + "/f" + std::to_string(i), "infected", "S"));
+                log.results(job, body);
+            }
+            Json::Value end(Json::objectValue);
+            end["state"] = "done";
+            end["infected"] = 5;
+            EXPECT_TRUE(log.ended(job, end));
+        });
+    }
+    for (auto& th : threads) {
+        th.join();
+    }
+    std::string error;
+    auto store = QuarantineStore::open(data, error);
+    ASSERT_TRUE(store) << error;
+    EXPECT_EQ(store->list().size(), 10u); // the jobs that asked for it: t0 and t2
+    EXPECT_EQ(store->db().jobs().size(), size_t(kJobs));
+    EXPECT_EQ(store->db().pendingFindings(), 10);
 }

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -395,3 +396,146 @@ TEST_F(QuarantineInstalled, HistorySurvivesARestartAndIsPrunedByTheRetentionSett
 }
 
 } // namespace
+
+namespace {
+
+bool alive(pid_t pid)
+{
+    if (pid <= 0 || ::kill(pid, 0) != 0) {
+        return false;
+    }
+    const std::string stat = kuvtest::readFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t close = stat.rfind(')');
+    return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
+}
+
+pid_t parentOf(pid_t pid)
+{
+    const std::string stat = kuvtest::readFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t close = stat.rfind(')');
+    if (close == std::string::npos) {
+        return 0;
+    }
+    int ppid = 0;
+    char state = 0;
+    std::sscanf(stat.c_str() + close + 2, "%c %d", &state, &ppid);
+    return ppid;
+}
+
+// The broker and the back end of the installation, stopped (killed) when it goes.
+class BackEnd {
+public:
+    explicit BackEnd(QuarantineInstalled& t) : m_t(t) {}
+    ~BackEnd() { stop(); }
+    std::string start()
+    {
+        if (m_broker <= 0) {
+            const RunResult r = kuvtest::run({m_t.inst->bin("kuv-zelld")}, m_t.inst->env(), 60000);
+            if (r.status != 0) {
+                return "kuv-zelld: " + r.err;
+            }
+            m_broker = pid("kuv_zell.lock");
+        }
+        const RunResult r = kuvtest::run({m_t.inst->bin("kuv-scand")}, m_t.inst->env(), 60000);
+        if (r.status != 0) {
+            return "kuv-scand: " + r.out + r.err;
+        }
+        m_worker = pid("kuv-scand.lock");
+        m_supervisor = parentOf(m_worker);
+        const bool ready = kuvtest::waitUntil(
+            [&] {
+                const RunResult s = m_t.kuvctl({"scan", "--timeout", "2000", "/dev/null"});
+                return s.status == 0 || s.status == 1;
+            },
+            60000, 200);
+        return ready ? std::string() : "kuv-scand does not answer: " + kuvtest::readFile(m_t.inst->dir + "log/kuv-scand.log");
+    }
+    void stopScand()
+    {
+        for (pid_t p : {m_supervisor, m_worker}) {
+            if (alive(p)) {
+                ::kill(p, SIGKILL);
+            }
+        }
+        kuvtest::waitUntil([&] { return !alive(m_supervisor) && !alive(m_worker); }, 20000);
+    }
+    void stop()
+    {
+        stopScand();
+        if (alive(m_broker)) {
+            ::kill(m_broker, SIGKILL);
+            kuvtest::waitUntil([&] { return !alive(m_broker); }, 20000);
+        }
+    }
+
+private:
+    pid_t pid(const std::string& lock) const
+    {
+        return static_cast<pid_t>(std::atoi(kuvtest::readFile(m_t.inst->runtime + "/kuv/" + lock).c_str()));
+    }
+    QuarantineInstalled& m_t;
+    pid_t m_broker = 0;
+    pid_t m_worker = 0;
+    pid_t m_supervisor = 0;
+};
+
+} // namespace
+
+TEST_F(QuarantineInstalled, ScanWithQuarantineThroughTheBackEndAndItsHistoryAfterARestart)
+{
+    if (access(inst->bin("kuv-scand").c_str(), X_OK) != 0) {
+        GTEST_SKIP() << "this installation has no back end kuv-scand";
+    }
+    BackEnd backend(*this);
+    ASSERT_EQ(backend.start(), "");
+    const std::string dir = files->path() + "/scan";
+    mkdir(dir.c_str(), 0755);
+    const std::string bad = dir + "/eicar.com";
+    makeFile(bad, eicar(), 0644);
+    kuvtest::writeFile(dir + "/clean.txt", "nothing here\n");
+
+    RunResult r = kuvctl({"scan", "--json", "--quarantine", dir});
+    ASSERT_EQ(r.status, 1) << r.out << r.err;
+    const Json::Value doc = parse(r.out);
+    bool quarantined = false;
+    for (const Json::Value& res : doc["results"]) {
+        quarantined = quarantined || (res["path"].asString() == bad && res["verdict"].asString() == "quarantined");
+    }
+    EXPECT_TRUE(quarantined) << r.out;
+    EXPECT_FALSE(exists(bad));
+    Json::Value entries = list();
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0]["path"].asString(), bad);
+    EXPECT_EQ(entries[0]["job"].asString(), doc["job"].asString());
+
+    // A scan without --quarantine leaves what it finds where it is.
+    makeFile(dir + "/second.com", eicar(), 0644);
+    r = kuvctl({"scan", dir});
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    EXPECT_TRUE(exists(dir + "/second.com"));
+
+    // The back end goes and comes back: the history is still there.
+    backend.stopScand();
+    ASSERT_EQ(backend.start(), "");
+    r = kuvctl({"history", "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Json::Value jobs = parse(r.out)["jobs"];
+    const Json::Value* first = nullptr;
+    for (const Json::Value& j : jobs) {
+        if (j["job"].asString() == doc["job"].asString()) {
+            first = &j;
+        }
+    }
+    ASSERT_NE(first, nullptr) << r.out;
+    EXPECT_EQ((*first)["state"].asString(), "done");
+    EXPECT_EQ((*first)["paths"][0].asString(), dir);
+    EXPECT_GE((*first)["files"].asInt(), 2);
+    EXPECT_EQ((*first)["infected"].asInt(), 1);
+    r = kuvctl({"history", std::to_string((*first)["id"].asInt64()), "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Json::Value one = parse(r.out);
+    ASSERT_GE(one["findings"].size(), 1u);
+    EXPECT_EQ(one["findings"][0]["verdict"].asString(), "quarantined");
+    EXPECT_EQ(one["findings"][0]["action"].asString(), "quarantined " + entries[0]["id"].asString());
+    EXPECT_EQ(list().size(), 1u);
+}

@@ -7,6 +7,7 @@
 
 #include "BusCommand.h"
 #include "FileUtils.h"
+#include "ScanCommand.h"
 #include "HistoryCommand.h"
 #include "QuarantineCommand.h"
 #include "StatusCommand.h"
@@ -25,6 +26,7 @@ struct Command {
 const Command kCommands[] = {
     {"status", "is kuvgui running, and what it publishes (pid, status)", &kuvctl::runStatus},
     {"bus", "send to and listen on the message bus", &kuvctl::runBus},
+    {"scan", "scan files and folders with the back end kuv-scand", &kuvctl::runScan},
     {"quarantine", "list, restore and delete quarantined files", &kuvctl::runQuarantine},
     {"history", "past scan jobs and their findings", &kuvctl::runHistory},
 #ifdef KUVCTL_HAVE_LOGS

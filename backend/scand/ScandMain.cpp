@@ -38,10 +38,12 @@
 #include "ClamdEngine.h"
 #include "ConstConfig.h"
 #include "FileUtils.h"
+#include "JobLog.h"
 #include "Jobs.h"
 #include "KuvScanProtocol.h"
 #include "ScanPaths.h"
 #include "ScanRequest.h"
+#include "ScanSettings.h"
 #include "Settings.h"
 #include "UniqueFd.h"
 #include "WriteSignals.h"
@@ -142,6 +144,17 @@ public:
     bool toRequester(const std::string& requester, int64_t type, const Json::Value& body) override;
     void event(const Json::Value& event) override;
     void jobsChanged() override { broadcast(kuvscan::KUV_SCAN_MSG_STATUS, statusBody()); }
+    // Into the user's history; onlyIfOpen: quietly nothing when the job was recorded already.
+    void recordJob(const Json::Value& end, bool onlyIfOpen = false)
+    {
+        std::string why;
+        if (!m_jobLog.ended(end["job"].asString(), end, &why) && !(onlyIfOpen && why == "unknown job")) {
+            SLOG(LOG_LEVEL_WARN, "job %s not kept in the history: %s", end["job"].asString().c_str(), why.c_str());
+        }
+        for (const std::string& notice : m_jobLog.takeNotices()) {
+            SLOG(LOG_LEVEL_WARN, "%s", notice.c_str());
+        }
+    }
 
 private:
     bool makeEngine(std::string& error);
@@ -167,6 +180,8 @@ private:
     std::unique_ptr<kuv::scan::IScanEngine> m_engine;
     kuv::scan::ClamEngine* m_clam = nullptr; // the engine, when it is libclamav's
     std::unique_ptr<kuv::scand::JobManager> m_jobs;
+    // Every job into the user's history; findings into the quarantine when a request asks for it.
+    kuv::store::JobLog m_jobLog;
 
     kuv::BusModule m_bus;
     IZellMREndPoint4* m_endpoint = nullptr;
@@ -428,7 +443,18 @@ bool Service::toRequester(const std::string& requester, int64_t type, const Json
         return false;
     }
     memcpy(&to, requester.data(), sizeof(GUID));
-    const int rc = send(to, type, compact(body), kSendWaitMs);
+    // Found files go into the quarantine when the job asked for it, and every job into the history,
+    // before the requester hears of it.
+    Json::Value withActions;
+    const Json::Value* out = &body;
+    if (type == kuvscan::KUV_SCAN_MSG_RESULTS) {
+        withActions = body;
+        m_jobLog.results(body["job"].asString(), withActions);
+        out = &withActions;
+    } else if (type == kuvscan::KUV_SCAN_MSG_JOB_END) {
+        recordJob(body);
+    }
+    const int rc = send(to, type, compact(*out), kSendWaitMs);
     if (rc == ZELL_SEND_UNKNOWN_DEST || rc == ZELL_SEND_NO_BROKER) {
         SLOG(LOG_LEVEL_WARN, "requester %s is gone (type %lld not delivered)", zell::wire::guidText(to).c_str(),
              static_cast<long long>(type));
@@ -448,6 +474,11 @@ void Service::event(const Json::Value& ev)
     } else if (kind == "job") {
         SLOG(LOG_LEVEL_INFO, "job %s %s: %s", ev["job"].asString().c_str(), ev["action"].asString().c_str(),
              ev["detail"].asString().c_str());
+        // A job whose requester left ends without JOB_END: it still goes into the history.
+        Json::Value end(Json::objectValue);
+        end["job"] = ev["job"];
+        end["state"] = ev["action"];
+        recordJob(end, true);
     }
     broadcast(kuvscan::KUV_SCAN_MSG_EVENT, ev);
 }
@@ -508,6 +539,27 @@ void Service::sendError(const GUID& to, int64_t type, const kuv::scand::RequestE
     m_endpoint->sendMsg(to, kuvscan::KUV_SCAN_MSG_ERROR, text.data(), static_cast<int>(text.size()));
 }
 
+// The user's scan settings (scan.json), read afresh for every job so a change needs no restart; what
+// the request itself asks for wins.
+static void applyUserSettings(kuv::scand::ScanRequest& request)
+{
+    kuv::store::ScanSettings user;
+    std::string why;
+    if (!kuv::store::loadScanSettings(user, &why)) {
+        SLOG(LOG_LEVEL_WARN, "scan settings: %s", why.c_str());
+    }
+    for (const std::string& folder : user.excluded) {
+        if (request.options.exclude.size() >= kuv::scand::kMaxExcludes) {
+            break;
+        }
+        request.options.exclude.push_back(folder);
+    }
+    if (request.options.maxFileSize == 0) {
+        request.options.maxFileSize = user.maxFileSize;
+    }
+    request.options.scanArchives = request.options.scanArchives && user.scanArchives;
+}
+
 void Service::ReceiveCallback(uint64_t, int64_t msgType, const char* content, int length, uint64_t sender,
                               uint64_t)
 {
@@ -526,8 +578,13 @@ void Service::ReceiveCallback(uint64_t, int64_t msgType, const char* content, in
         }
         const std::string job = request.job;
         const size_t paths = request.paths.size();
+        applyUserSettings(request);
+        m_jobLog.started(job, request.paths, request.options.quarantine);
         const auto result =
             m_jobs->submit(std::move(request), std::string(reinterpret_cast<const char*>(&from), sizeof(GUID)));
+        if (result == kuv::scand::JobManager::Submit::QueueFull || result == kuv::scand::JobManager::Submit::Stopping) {
+            m_jobLog.forget(job);
+        }
         switch (result) {
         case kuv::scand::JobManager::Submit::Accepted:
             SLOG(LOG_LEVEL_INFO, "job %s from %s accepted: %zu path(s)", job.c_str(),

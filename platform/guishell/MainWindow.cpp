@@ -12,7 +12,9 @@
 
 #include "AppIcon.h"
 #include "CQPluginManager.h"
+#include "HistoryPage.h"
 #include "OverviewPage.h"
+#include "QuarantinePage.h"
 #include "ScanPage.h"
 #include "SettingsPage.h"
 
@@ -46,6 +48,18 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent)
     addPage(m_overview, m_overviewItem);
     addPage(m_scan, m_scanItem);
     addPage(m_settings, m_settingsItem);
+    m_quarantine = new QuarantinePage(m_stack);
+    m_history = new HistoryPage(m_stack);
+    m_quarantineItem = new QListWidgetItem(style()->standardIcon(QStyle::SP_DirClosedIcon), QString());
+    m_historyItem = new QListWidgetItem(style()->standardIcon(QStyle::SP_FileDialogListView), QString());
+    // Before the settings page, after the scan page.
+    m_quarantineItem->setData(Qt::UserRole, QVariant::fromValue<QWidget*>(m_quarantine));
+    m_historyItem->setData(Qt::UserRole, QVariant::fromValue<QWidget*>(m_history));
+    m_stack->addWidget(m_quarantine);
+    m_stack->addWidget(m_history);
+    m_nav->insertItem(m_nav->row(m_settingsItem), m_quarantineItem);
+    m_nav->insertItem(m_nav->row(m_settingsItem), m_historyItem);
+    connect(m_history, &HistoryPage::findingsHandled, m_quarantine, &QuarantinePage::refresh);
 
     connect(m_nav, &QListWidget::currentRowChanged, this, [this](int row) {
         QListWidgetItem* item = m_nav->item(row);
@@ -94,6 +108,13 @@ void MainWindow::setScanClient(ScanClient* client)
 {
     m_scan->setClient(client);
     m_overview->setScanClient(client);
+}
+
+void MainWindow::showHistoryJob(qint64 id)
+{
+    m_history->refresh();
+    m_history->openJob(id);
+    m_nav->setCurrentItem(m_historyItem);
 }
 
 void MainWindow::syncPluginPages()
@@ -182,6 +203,8 @@ void MainWindow::retranslate()
     m_overviewItem->setText(tr("Overview"));
     m_scanItem->setText(tr("Scan"));
     m_settingsItem->setText(tr("Settings"));
+    m_quarantineItem->setText(tr("Quarantine"));
+    m_historyItem->setText(tr("History"));
     m_fileMenu->setTitle(tr("&File"));
     m_quitAction->setText(tr("&Quit"));
 }

@@ -18,7 +18,9 @@ class QStackedWidget;
 namespace kuv {
 namespace shell {
 
+class HistoryPage;
 class OverviewPage;
+class QuarantinePage;
 class ScanClient;
 class ScanPage;
 class SettingsPage;
@@ -34,6 +36,10 @@ public:
     ScanPage* scanPage() const { return m_scan; }
     // The scan page runs its jobs on client; the overview shows the back end's state.
     void setScanClient(ScanClient* client);
+    QuarantinePage* quarantinePage() const { return m_quarantine; }
+    HistoryPage* historyPage() const { return m_history; }
+    // Shows the history page with job id opened (a history row id).
+    void showHistoryJob(qint64 id);
     // Gives plugin pages back to their plugins before the window goes.
     void detachPluginPages();
 
@@ -66,6 +72,10 @@ private:
     OverviewPage* m_overview;
     ScanPage* m_scan;
     SettingsPage* m_settings;
+    QuarantinePage* m_quarantine;
+    HistoryPage* m_history;
+    QListWidgetItem* m_quarantineItem;
+    QListWidgetItem* m_historyItem;
     QListWidgetItem* m_overviewItem;
     QListWidgetItem* m_scanItem;
     QListWidgetItem* m_settingsItem;

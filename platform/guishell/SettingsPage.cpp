@@ -9,6 +9,7 @@
 #include <QVBoxLayout>
 
 #include "FileUtils.h"
+#include "ScanSettingsBox.h"
 #include "ShellSettings.h"
 
 namespace kuv {
@@ -41,6 +42,8 @@ SettingsPage::SettingsPage(QWidget* parent) : QWidget(parent)
     m_language->addItem(QString(), QString());
     form->addRow(m_languageCaption, m_language);
     layout->addWidget(m_languageBox);
+
+    layout->addWidget(new ScanSettingsBox(this));
 
     m_savedTo = new QLabel(this);
     m_savedTo->setWordWrap(true);

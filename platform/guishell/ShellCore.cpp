@@ -2,6 +2,9 @@
 
 #include <QApplication>
 #include <QDir>
+#include <QFile>
+#include <QLabel>
+#include <QStatusBar>
 #include <QLocale>
 #include <QMenu>
 #include <QSystemTrayIcon>
@@ -11,8 +14,13 @@
 #include "CLogDebug.h"
 #include "CQPluginManager.h"
 #include "FileUtils.h"
+#include "DesktopNotifier.h"
+#include "HistoryPage.h"
+#include "HistoryWatcher.h"
 #include "MainWindow.h"
+#include "QuarantinePage.h"
 #include "ScanClient.h"
+#include "TrayController.h"
 #include "ShellSettings.h"
 
 namespace kuv {
@@ -21,6 +29,8 @@ namespace shell {
 namespace {
 
 const char* const kSource = "platform/guishell/ShellCore";
+// A scan that took at least this long gets a notification even when it found nothing.
+constexpr qint64 kLongScanMs = 60000;
 // How long quitting waits for the plugin loader to report the unloads it was asked for.
 constexpr int kQuitWaitMs = 5000;
 
@@ -47,6 +57,17 @@ QStringList catalogsFor(const std::string& language)
     }
     return out;
 }
+
+// A folder from the tray, handed to scan() like a context-menu request.
+struct FolderArg {
+    QString folder;
+    operator QStringList() const { return {folder}; }
+    operator std::vector<std::string>() const
+    {
+        const QByteArray bytes = QFile::encodeName(folder);
+        return {std::string(bytes.constData(), size_t(bytes.size()))};
+    }
+};
 
 } // namespace
 
@@ -79,26 +100,61 @@ void ShellCore::build(sUninstallFunc uninstall)
         }
     });
 
-    if (QSystemTrayIcon::isSystemTrayAvailable()) {
-        m_trayMenu = std::make_unique<QMenu>();
-        QAction* show = m_trayMenu->addAction(tr("Show kuvgui"));
-        QAction* quitAction = m_trayMenu->addAction(tr("Quit"));
-        connect(show, &QAction::triggered, this, &ShellCore::showMain);
-        connect(quitAction, &QAction::triggered, this, &ShellCore::quit);
-        m_tray = std::make_unique<QSystemTrayIcon>(appIcon());
-        m_tray->setToolTip(tr("kuvgui - endpoint protection"));
-        m_tray->setContextMenu(m_trayMenu.get());
-        connect(m_tray.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-            if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick) {
-                showMain();
-            }
-        });
-        m_tray->show();
+    m_tray = std::make_unique<TrayController>();
+    connect(m_tray.get(), &TrayController::openRequested, this, &ShellCore::showMain);
+    connect(m_tray.get(), &TrayController::quitRequested, this, &ShellCore::quit);
+    connect(m_tray.get(), &TrayController::scanFolderRequested, this,
+            [this](const QString& folder) { scan(FolderArg{folder}); });
+    if (m_tray->shown()) {
         SH_LOG(LOG_LEVEL_INFO, "tray icon shown");
     } else {
         // Without a tray the window is reached through control code 0 (a second start of kuvgui).
         SH_LOG(LOG_LEVEL_INFO, "no system tray; the main window is shown on request");
     }
+    connect(m_tray.get(), &TrayController::stateChanged, this, [](TrayController::State state) {
+        SH_LOG(LOG_LEVEL_INFO, "tray state: %s",
+               state == TrayController::STATE_ATTENTION  ? "attention"
+               : state == TrayController::STATE_SCANNING ? "scanning"
+                                                         : "protected");
+    });
+
+    m_notifier = std::make_unique<DesktopNotifier>();
+    connect(m_notifier.get(), &DesktopNotifier::openResults, this, [this](qint64 job) {
+        SH_LOG(LOG_LEVEL_INFO, "notification action: opening the results of history job %lld",
+               static_cast<long long>(job));
+        if (window() != nullptr) {
+            m_window->showHistoryJob(job);
+            showMain();
+        }
+    });
+    connect(m_notifier.get(), &DesktopNotifier::undelivered, this,
+            [this](const QString& summary, const QString& body) {
+                // The window says what the desktop could not.
+                if (window() != nullptr) {
+                    m_window->statusBar()->showMessage(summary + QStringLiteral(" - ") + body);
+                }
+            });
+    m_historyWatcher = std::make_unique<HistoryWatcher>();
+    connect(m_historyWatcher.get(), &HistoryWatcher::jobRecorded, this, &ShellCore::onJobRecorded);
+    connect(m_historyWatcher.get(), &HistoryWatcher::changed, this, [this]() {
+        updateAttention();
+        if (m_window && m_window->quarantinePage()->isVisible()) {
+            m_window->quarantinePage()->refresh();
+        }
+        if (m_window && m_window->historyPage()->isVisible()) {
+            m_window->historyPage()->refresh();
+        }
+    });
+    // The tray says "scanning" while any job of this shell runs on the back end.
+    connect(m_scanClient.get(), &ScanClient::jobCreated, this, [this](const QString& job, int) {
+        m_runningJobs.insert(job);
+        m_tray->setScanning(true);
+    });
+    connect(m_scanClient.get(), &ScanClient::jobEnded, this, [this](const QString& job, const ScanEnd&) {
+        m_runningJobs.remove(job);
+        m_tray->setScanning(!m_runningJobs.isEmpty());
+    });
+    updateAttention();
     m_up.store(true);
 }
 
@@ -111,8 +167,9 @@ void ShellCore::teardown()
     if (m_window) {
         m_window->detachPluginPages();
     }
+    m_historyWatcher.reset();
+    m_notifier.reset();
     m_tray.reset();
-    m_trayMenu.reset();
     m_window.reset();
     // Leaves the bus; no back-end message is handled after this.
     m_scanClient.reset();
@@ -126,6 +183,14 @@ MainWindow* ShellCore::window()
         m_window->setScanClient(m_scanClient.get());
         connect(m_window.get(), &MainWindow::quitRequested, this, &ShellCore::quit);
         connect(m_window.get(), &MainWindow::languageChosen, this, &ShellCore::applyLanguage);
+        connect(m_window->historyPage(), &HistoryPage::findingsHandled, this, &ShellCore::updateAttention);
+        // The window shows what the tray and the notifications show, for desktops without them.
+        auto* stateLabel = new QLabel(m_window->statusBar());
+        stateLabel->setObjectName(QStringLiteral("kuvProtectionState"));
+        m_window->statusBar()->addPermanentWidget(stateLabel);
+        connect(m_tray.get(), &TrayController::stateChanged, stateLabel,
+                [this, stateLabel]() { stateLabel->setText(m_tray->stateText()); });
+        stateLabel->setText(m_tray->stateText());
         SH_LOG(LOG_LEVEL_INFO, "main window built");
     }
     return m_window.get();
@@ -199,6 +264,37 @@ void ShellCore::finishQuit(bool timedOut)
     QMetaObject::invokeMethod(qApp, []() { QCoreApplication::exit(0); }, Qt::QueuedConnection);
 }
 
+void ShellCore::updateAttention()
+{
+    if (m_tray && m_historyWatcher) {
+        m_tray->setPendingFindings(m_historyWatcher->pendingFindings());
+    }
+}
+
+void ShellCore::onJobRecorded(qint64 id, const QString& state, qint64 files, qint64 infected, qint64 durationMs)
+{
+    SH_LOG(LOG_LEVEL_INFO, "scan recorded: history job %lld, %s, %lld file(s), %lld found, %lld ms",
+           static_cast<long long>(id), state.toStdString().c_str(), static_cast<long long>(files),
+           static_cast<long long>(infected), static_cast<long long>(durationMs));
+    updateAttention();
+    if (!m_notifier) {
+        return;
+    }
+    if (infected > 0) {
+        m_notifier->notify(tr("Threats found"),
+                           tr("The scan found %n threat(s) in %1 file(s). Choose what to do with them.", nullptr,
+                              int(infected))
+                               .arg(files),
+                           true, id);
+    } else if (durationMs >= kLongScanMs) {
+        m_notifier->notify(tr("Scan finished"),
+                           state == QLatin1String("done")
+                               ? tr("%1 file(s) scanned, nothing found.").arg(files)
+                               : tr("The scan ended early (%1) after %2 file(s).").arg(state).arg(files),
+                           false, id);
+    }
+}
+
 void ShellCore::applyLanguage()
 {
     const std::string language = effectiveLanguage();
@@ -217,11 +313,9 @@ void ShellCore::applyLanguage()
         }
     }
     if (m_tray) {
-        m_tray->setToolTip(tr("kuvgui - endpoint protection"));
-        const QList<QAction*> actions = m_trayMenu->actions();
-        if (actions.size() == 2) {
-            actions[0]->setText(tr("Show kuvgui"));
-            actions[1]->setText(tr("Quit"));
+        m_tray->retranslate();
+        if (auto* state = m_window ? m_window->findChild<QLabel*>(QStringLiteral("kuvProtectionState")) : nullptr) {
+            state->setText(m_tray->stateText());
         }
     }
     SH_LOG(LOG_LEVEL_INFO, "interface language %s, %d catalog(s)", language.c_str(),

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <QObject>
+#include <QSet>
 #include <QStringList>
 #include <QTimer>
 
@@ -19,8 +20,11 @@ class QTranslator;
 namespace kuv {
 namespace shell {
 
+class DesktopNotifier;
+class HistoryWatcher;
 class MainWindow;
 class ScanClient;
+class TrayController;
 
 class ShellCore : public QObject {
     Q_OBJECT
@@ -43,16 +47,24 @@ public slots:
     void quit();
     void applyLanguage();
 
+    // The tray and the notifications; a test reaches them here.
+    TrayController* tray() const { return m_tray.get(); }
+    MainWindow* window() const { return m_window.get(); }
+
 private:
     void onUnloadComplete();
+    void onJobRecorded(qint64 id, const QString& state, qint64 files, qint64 infected, qint64 durationMs);
+    void updateAttention();
     void finishQuit(bool timedOut);
 
     sUninstallFunc m_uninstall{nullptr, nullptr};
     std::unique_ptr<ScanClient> m_scanClient;
     std::unique_ptr<MainWindow> m_window;
-    std::unique_ptr<QMenu> m_trayMenu;
-    std::unique_ptr<QSystemTrayIcon> m_tray;
+    std::unique_ptr<TrayController> m_tray;
+    std::unique_ptr<DesktopNotifier> m_notifier;
+    std::unique_ptr<HistoryWatcher> m_historyWatcher;
     std::vector<std::unique_ptr<QTranslator>> m_translators;
+    QSet<QString> m_runningJobs;
     std::atomic<bool> m_up{false};
     bool m_quitting = false;
     QTimer m_quitTimer;

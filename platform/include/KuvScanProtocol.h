@@ -81,3 +81,14 @@ namespace kuvscan {
 constexpr const char* kSubscribersFile = "scand-subscribers";
 constexpr int kMaxSubscriberFileBytes = 4096;
 } // namespace kuvscan
+
+// The user's scan settings: $XDG_CONFIG_HOME/kuv/scan.json (default ~/.config/kuv/scan.json, 0600),
+// one JSON object, read afresh by the back end for every job so a change applies without a restart;
+// options of a request win over it. Missing keys take the default, unknown keys are ignored:
+//   "excluded": [path, ...]   folders never scanned (a path that is not UTF-8 as {"hex": bytes}); []
+//   "max_file_size": bytes    files above it are reported "partial"; 0 = the engine's default; 104857600
+//   "scan_archives": bool     look inside archives; true
+//   "use_clamd": bool         scan with the system's clamd instead of the built-in engine; false
+//   "clamd_socket": path      clamd's local socket; "/run/clamav/clamd.ctl"
+//   "history_days": N         days of scan history kept, 0 = for ever; 90
+// Quarantine and history live in $XDG_DATA_HOME/kuv/ (quarantine/ and history.sqlite), see kuvctl(1).

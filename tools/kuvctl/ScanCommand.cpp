@@ -49,7 +49,7 @@ const char* const kUsage =
     "  --json               print one JSON document instead: {\"job\", \"results\": [...], \"end\": {...}}, with\n"
     "                       every result (clean ones included) and the job end as the back end sent them\n"
     "  --infected, -i       print only what was found, errors and files not fully scanned (not --json)\n"
-    "  --quarantine         ask for found files to be moved to quarantine (not supported yet: they stay)\n"
+    "  --quarantine         move each file found into the user's quarantine (PATH: <signature> QUARANTINED)\n"
     "  --no-archives        do not look inside archives\n"
     "  --max-file-size N    leave files larger than N bytes unscanned (reported as not fully scanned)\n"
     "  --socket ADDR        bus address (default ./kuv_zell, in the private runtime directory)\n"
@@ -162,6 +162,8 @@ void printResult(const Json::Value& r, bool infectedOnly)
         line = path + ": OK";
     } else if (verdict == "infected") {
         line = path + ": " + kuv::escapeControl(r["signature"].asString()) + " FOUND";
+    } else if (verdict == "quarantined") {
+        line = path + ": " + kuv::escapeControl(r["signature"].asString()) + " QUARANTINED";
     } else if (verdict == "error") {
         line = path + ": ERROR: " + kuv::escapeControl(r["reason"].asString());
     } else if (verdict == "skipped") {
@@ -449,9 +451,6 @@ int runScan(const std::vector<std::string>& args)
     const uint64_t infected = end["infected"].asUInt64();
     const uint64_t errors = end["errors"].asUInt64();
     const uint64_t partial = end["partial"].asUInt64();
-    if (opt.quarantine && infected > 0) {
-        fprintf(stderr, "kuvctl: --quarantine is not supported yet; the files found were left in place\n");
-    }
     if (opt.json) {
         Json::Value doc(Json::objectValue);
         doc["job"] = jobId;

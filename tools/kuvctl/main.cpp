@@ -9,6 +9,8 @@
 #include "ConstConfig.h"
 #include "FileUtils.h"
 #include "ScanCommand.h"
+#include "HistoryCommand.h"
+#include "QuarantineCommand.h"
 #include "StatusCommand.h"
 #include "WriteSignals.h"
 #ifdef KUVCTL_HAVE_LOGS
@@ -27,6 +29,8 @@ const Command kCommands[] = {
     {"status", "is kuvgui running, and what it publishes (pid, status)", &kuvctl::runStatus},
     {"bus", "send to and listen on the message bus", &kuvctl::runBus},
     {"scan", "scan files and folders with the back end kuv-scand", &kuvctl::runScan},
+    {"quarantine", "list, restore and delete quarantined files", &kuvctl::runQuarantine},
+    {"history", "past scan jobs and their findings", &kuvctl::runHistory},
 #ifdef KUVCTL_HAVE_LOGS
     {"logs", "print and follow the service log", &kuvctl::runLogs},
 #endif

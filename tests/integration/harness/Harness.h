@@ -34,9 +34,10 @@ public:
     std::string bin(const std::string& program) const { return dir + "bin/" + program; }
     std::string log() const { return dir + "log/kuvgui.log"; }
     std::string journal() const { return m_tmp.path() + "/journal.jsonl"; }
-    // XDG_CONFIG_HOME of the processes of this installation (not created in advance).
+    // XDG_DATA_HOME and XDG_CONFIG_HOME of the processes of this installation (not created in advance).
+    std::string dataHome() const { return m_tmp.path() + "/data"; }
     std::string configHome() const { return m_tmp.path() + "/config"; }
-    // XDG_RUNTIME_DIR, QT_QPA_PLATFORM=offscreen, KUV_SHELL_JOURNAL, XDG_CONFIG_HOME.
+    // XDG_RUNTIME_DIR, QT_QPA_PLATFORM=offscreen, KUV_SHELL_JOURNAL, XDG_DATA_HOME, XDG_CONFIG_HOME.
     std::vector<std::string> env() const;
 
 private:

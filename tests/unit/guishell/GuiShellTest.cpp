@@ -187,8 +187,8 @@ TEST_F(GuiShellTest, QuitWaitsUntilEveryPendingUnloadIsReported)
     ASSERT_TRUE(shelltest::spinUntil([&] { return loader->loadedPlugins().size() == 2; }));
     // Plugin pages show up in the navigation.
     auto* nav = shelltest::mainWindow()->findChild<QListWidget*>("kuvNavigation");
-    ASSERT_TRUE(shelltest::spinUntil([&] { return nav->count() == 5; }));
-    EXPECT_EQ("Page of fake_good_b", nav->item(4)->text().toStdString());
+    ASSERT_TRUE(shelltest::spinUntil([&] { return nav->count() == 7; }));
+    EXPECT_EQ("Page of fake_good_b", nav->item(6)->text().toStdString());
 
     // A queued receiver, as the service's endpoint cleanup is: it must run before exec returns.
     std::vector<std::string> cleaned;

@@ -336,7 +336,7 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
     auto* nav = w->findChild<QListWidget*>("kuvNavigation");
     auto* stack = w->findChild<QStackedWidget*>("kuvPages");
     auto* language = w->findChild<QComboBox*>("kuvLanguage");
-    ASSERT_TRUE(shelltest::spinUntil([nav] { return nav->count() == 6; }));
+    ASSERT_TRUE(shelltest::spinUntil([nav] { return nav->count() == 8; }));
     ASSERT_TRUE(shelltest::spinUntil([this] {
         auto* alerts = page("kuvNotifierPage")->findChild<QTableWidget*>("kuvNotifierTable");
         return alerts->rowCount() == 1 && alerts->item(0, 3)->text() != QLatin1String("Sending...");
@@ -370,10 +370,10 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
         }
         // The plugin pages follow the language too.
         if (QLatin1String(lang.code) == QLatin1String("zh-CN")) {
-            EXPECT_EQ("安全事件", nav->item(3)->text().toStdString());
+            EXPECT_EQ("安全事件", nav->item(5)->text().toStdString());
         }
     }
-    EXPECT_EQ(12, written.size());
+    EXPECT_EQ(16, written.size());
     for (const QString& f : written) {
         EXPECT_GT(QFileInfo(f).size(), 2000) << f.toStdString();
     }

@@ -50,6 +50,8 @@ Sandbox::Sandbox()
     unsetenv("KUV_CONFIG_DIR");
     setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
     setenv("KUV_SHELL_JOURNAL", journalPath.c_str(), 1);
+    // Quarantine, history and scan settings of the shell stay in the sandbox too.
+    setenv("XDG_DATA_HOME", (root + "/data").c_str(), 1);
     // The user's own settings live here; the locale is left out, so setLan decides unless a test says.
     userConfDir = root + "/config/kuv/";
     setenv("XDG_CONFIG_HOME", (root + "/config").c_str(), 1);

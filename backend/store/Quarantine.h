@@ -1,0 +1,83 @@
+// The per-user quarantine: files moved into $XDG_DATA_HOME/kuv/quarantine, stored neutralised,
+// restored with their mode and times, never lost on the way in or out.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "StoreDb.h"
+#include "UniqueFd.h"
+
+namespace kuv {
+namespace store {
+
+enum class QStatus {
+    Ok,
+    NotFound,   // no such entry, or no such file to quarantine
+    NotRegular, // only regular files go into the quarantine
+    Exists,     // restore: something stands at the original path
+    NoFolder,   // restore: the original folder is gone
+    Changed,    // the file changed while it was being read; nothing was moved
+    Damaged,    // the stored copy no longer matches its digest
+    Failed,     // I/O or database error; message says which
+};
+
+struct QResult {
+    QStatus status = QStatus::Ok;
+    std::string message;
+    bool ok() const { return status == QStatus::Ok; }
+};
+
+enum class RestoreMode {
+    Refuse, // fail with QStatus::Exists when the original path is taken
+    Beside, // then restore as "<name>.restored", "<name>.restored-2", ...
+};
+
+class QuarantineStore {
+public:
+    // dataDir: the user's kuv data folder (userDataDir() unless a test says otherwise). Creates it and
+    // quarantine/ (0700), opens the database, finishes or undoes what an interrupted operation left,
+    // and makes the index match the stored files. nullptr with error when the store cannot be used.
+    static std::unique_ptr<QuarantineStore> open(const std::string& dataDir, std::string& error);
+    ~QuarantineStore();
+
+    // Things the user should hear about from open (a database kept aside, a recovered operation).
+    const std::vector<std::string>& notices() const { return m_notices; }
+    StoreDb& db() { return *m_db; }
+    const std::string& quarantineDir() const { return m_qdirPath; }
+
+    QResult quarantine(const std::string& path, const std::string& signature, const std::string& job,
+                       QuarantineEntry* entry = nullptr);
+    QResult restore(const std::string& id, RestoreMode mode, std::string* restoredTo = nullptr);
+    QResult remove(const std::string& id);
+    std::vector<QuarantineEntry> list();
+
+    // Test seam: called with the number of each step of an operation as it is reached; a test stops
+    // the process there. KUV_QUARANTINE_CRASH_AT=N in the environment kills the process at step N.
+    // Quarantine: 1 intent written, 2 moved into the store (same file system), 3 half the copy written,
+    // 4 copy synced, 5 copy in place, 6 original removed, 7 intent removed.
+    // Restore: 11 intent written, 12 temporary copy synced, 13 linked in place, 14 temporary removed.
+    static void setStepHook(std::function<void(int)> hook);
+
+    // Name of the stored file of an entry inside quarantineDir().
+    static std::string storedName(const std::string& id) { return id + ".kq"; }
+
+private:
+    QuarantineStore() = default;
+    void recover();
+    void step(int n);
+
+    std::string m_dataDir;
+    std::string m_qdirPath;
+    kuv::UniqueFd m_qdir;
+    kuv::UniqueFd m_lock;
+    std::unique_ptr<StoreDb> m_db;
+    std::vector<std::string> m_notices;
+};
+
+const char* statusName(QStatus status);
+
+} // namespace store
+} // namespace kuv

@@ -1,0 +1,486 @@
+#include "StoreDb.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+
+#include "UniqueFd.h"
+
+namespace kuv {
+namespace store {
+
+namespace {
+
+// One prepared statement, finalized on scope exit.
+class Stmt {
+public:
+    Stmt(sqlite3* db, const char* sql)
+    {
+        if (sqlite3_prepare_v2(db, sql, -1, &m_stmt, nullptr) != SQLITE_OK) {
+            m_stmt = nullptr;
+        }
+    }
+    ~Stmt() { sqlite3_finalize(m_stmt); }
+    Stmt(const Stmt&) = delete;
+    Stmt& operator=(const Stmt&) = delete;
+    bool ok() const { return m_stmt != nullptr; }
+    sqlite3_stmt* get() const { return m_stmt; }
+    void text(int i, const std::string& s) { sqlite3_bind_text(m_stmt, i, s.data(), int(s.size()), SQLITE_TRANSIENT); }
+    void blob(int i, const std::string& s) { sqlite3_bind_blob(m_stmt, i, s.data(), int(s.size()), SQLITE_TRANSIENT); }
+    void i64(int i, int64_t v) { sqlite3_bind_int64(m_stmt, i, v); }
+    int step() { return sqlite3_step(m_stmt); }
+    int64_t col64(int i) const { return sqlite3_column_int64(m_stmt, i); }
+    std::string colText(int i) const
+    {
+        const void* p = sqlite3_column_blob(m_stmt, i);
+        const int n = sqlite3_column_bytes(m_stmt, i);
+        return p != nullptr ? std::string(static_cast<const char*>(p), size_t(n)) : std::string();
+    }
+
+private:
+    sqlite3_stmt* m_stmt = nullptr;
+};
+
+const char* const kSchema = R"SQL(
+CREATE TABLE IF NOT EXISTS quarantine(
+  id TEXT PRIMARY KEY, path BLOB NOT NULL, size INTEGER, mode INTEGER, uid INTEGER, gid INTEGER,
+  atime_ns INTEGER, mtime_ns INTEGER, sha256 TEXT, signature TEXT, quarantined_at INTEGER, job TEXT);
+CREATE TABLE IF NOT EXISTS jobs(
+  id INTEGER PRIMARY KEY AUTOINCREMENT, job TEXT, start_ms INTEGER, duration_ms INTEGER, state TEXT,
+  files INTEGER, bytes INTEGER, infected INTEGER, errors INTEGER, skipped INTEGER, partial INTEGER);
+CREATE TABLE IF NOT EXISTS job_paths(job INTEGER NOT NULL REFERENCES jobs(id) ON DELETE CASCADE, path BLOB);
+CREATE TABLE IF NOT EXISTS findings(
+  job INTEGER NOT NULL REFERENCES jobs(id) ON DELETE CASCADE, path BLOB, verdict TEXT, signature TEXT,
+  reason TEXT, action TEXT);
+CREATE INDEX IF NOT EXISTS jobs_start ON jobs(start_ms);
+CREATE INDEX IF NOT EXISTS job_paths_job ON job_paths(job);
+CREATE INDEX IF NOT EXISTS findings_job ON findings(job);
+)SQL";
+
+std::string utcStamp()
+{
+    const std::time_t t = std::time(nullptr);
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char buf[32];
+    std::strftime(buf, sizeof buf, "%Y%m%dT%H%M%SZ", &tm);
+    return buf;
+}
+
+// Tries to open and set up the database; "" on success, else why the file cannot be used, with
+// damaged true when the file itself is the problem (not the directory or the disk).
+std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
+{
+    damaged = false;
+    *out = nullptr;
+    // Created here so the file is 0600 from the start; SQLite gives its journal files the same mode.
+    kuv::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd.valid()) {
+        damaged = errno == ELOOP;
+        return std::string("cannot open: ") + std::strerror(errno);
+    }
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        damaged = true;
+        return "not a regular file";
+    }
+    if ((st.st_mode & 077) != 0) {
+        ::fchmod(fd.get(), 0600);
+    }
+    sqlite3* db = nullptr;
+    int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr);
+    if (rc != SQLITE_OK) {
+        const std::string why = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+        sqlite3_close(db);
+        damaged = rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT;
+        return why;
+    }
+    sqlite3_busy_timeout(db, 10000);
+    auto fail = [&](bool isDamaged, const std::string& why) {
+        sqlite3_close(db);
+        damaged = isDamaged;
+        return why;
+    };
+    char* msg = nullptr;
+    rc = sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, &msg);
+    if (rc != SQLITE_OK) {
+        const std::string why = msg != nullptr ? msg : sqlite3_errstr(rc);
+        sqlite3_free(msg);
+        return fail(rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT, why);
+    }
+    int version = -1;
+    {
+        Stmt s(db, "PRAGMA user_version");
+        if (!s.ok() || s.step() != SQLITE_ROW) {
+            const int code = sqlite3_errcode(db);
+            return fail(code == SQLITE_NOTADB || code == SQLITE_CORRUPT, sqlite3_errmsg(db));
+        }
+        version = int(s.col64(0));
+    }
+    if (version > StoreDb::kSchemaVersion) {
+        return fail(true, "written by a newer version (schema " + std::to_string(version) + ", this one knows " +
+                              std::to_string(StoreDb::kSchemaVersion) + ")");
+    }
+    {
+        Stmt s(db, "PRAGMA quick_check");
+        const int step = s.ok() ? s.step() : SQLITE_ERROR;
+        if (step != SQLITE_ROW || s.colText(0) != "ok") {
+            const std::string why = step == SQLITE_ROW ? s.colText(0) : std::string(sqlite3_errmsg(db));
+            return fail(true, "damaged: " + why);
+        }
+    }
+    rc = sqlite3_exec(db, "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
+    if (version < StoreDb::kSchemaVersion) {
+        rc = sqlite3_exec(db, kSchema, nullptr, nullptr, &msg);
+        if (rc != SQLITE_OK) {
+            const std::string why = msg != nullptr ? msg : sqlite3_errstr(rc);
+            sqlite3_free(msg);
+            return fail(rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT, why);
+        }
+        const std::string set = "PRAGMA user_version=" + std::to_string(StoreDb::kSchemaVersion);
+        sqlite3_exec(db, set.c_str(), nullptr, nullptr, nullptr);
+    }
+    *out = db;
+    return std::string();
+}
+
+} // namespace
+
+int64_t nowMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+std::unique_ptr<StoreDb> StoreDb::open(const std::string& path, std::vector<std::string>& notices,
+                                       std::string& error)
+{
+    sqlite3* db = nullptr;
+    bool damaged = false;
+    std::string why = tryOpen(path, &db, damaged);
+    if (why.empty()) {
+        return std::unique_ptr<StoreDb>(new StoreDb(db, path));
+    }
+    if (!damaged) {
+        error = "history database " + path + ": " + why;
+        return nullptr;
+    }
+    // Keep the old file (and its journal) for whoever wants to look at it; never delete it.
+    std::string aside = path + ".corrupt-" + utcStamp();
+    for (int n = 2; ::access(aside.c_str(), F_OK) == 0 && n < 1000; ++n) {
+        aside = path + ".corrupt-" + utcStamp() + "-" + std::to_string(n);
+    }
+    if (::rename(path.c_str(), aside.c_str()) != 0) {
+        error = "history database " + path + " cannot be used (" + why + ") nor moved aside: " + std::strerror(errno);
+        return nullptr;
+    }
+    for (const char* suffix : {"-wal", "-shm"}) {
+        const std::string from = path + suffix;
+        if (::access(from.c_str(), F_OK) == 0) {
+            ::rename(from.c_str(), (aside + suffix).c_str());
+        }
+    }
+    notices.push_back("history database " + path + " cannot be used (" + why + "); kept it as " + aside +
+                      " and started a new one");
+    why = tryOpen(path, &db, damaged);
+    if (!why.empty()) {
+        error = "history database " + path + ": " + why;
+        return nullptr;
+    }
+    return std::unique_ptr<StoreDb>(new StoreDb(db, path));
+}
+
+StoreDb::~StoreDb()
+{
+    sqlite3_close(m_db);
+}
+
+bool StoreDb::exec(const char* sql)
+{
+    char* msg = nullptr;
+    if (sqlite3_exec(m_db, sql, nullptr, nullptr, &msg) != SQLITE_OK) {
+        m_error = msg != nullptr ? msg : sqlite3_errmsg(m_db);
+        sqlite3_free(msg);
+        return false;
+    }
+    return true;
+}
+
+bool StoreDb::addQuarantine(const QuarantineEntry& e)
+{
+    Stmt s(m_db, "INSERT OR REPLACE INTO quarantine(id, path, size, mode, uid, gid, atime_ns, mtime_ns, sha256, "
+                 "signature, quarantined_at, job) VALUES(?,?,?,?,?,?,?,?,?,?,?,?)");
+    if (!s.ok()) {
+        m_error = sqlite3_errmsg(m_db);
+        return false;
+    }
+    s.text(1, e.id);
+    s.blob(2, e.originalPath);
+    s.i64(3, int64_t(e.size));
+    s.i64(4, e.mode);
+    s.i64(5, e.uid);
+    s.i64(6, e.gid);
+    s.i64(7, e.atimeNs);
+    s.i64(8, e.mtimeNs);
+    s.text(9, e.sha256);
+    s.text(10, e.signature);
+    s.i64(11, e.quarantinedAt);
+    s.text(12, e.job);
+    if (s.step() != SQLITE_DONE) {
+        m_error = sqlite3_errmsg(m_db);
+        return false;
+    }
+    return true;
+}
+
+bool StoreDb::removeQuarantine(const std::string& id)
+{
+    Stmt s(m_db, "DELETE FROM quarantine WHERE id=?");
+    if (!s.ok()) {
+        m_error = sqlite3_errmsg(m_db);
+        return false;
+    }
+    s.text(1, id);
+    if (s.step() != SQLITE_DONE) {
+        m_error = sqlite3_errmsg(m_db);
+        return false;
+    }
+    return true;
+}
+
+namespace {
+
+QuarantineEntry entryFrom(const Stmt& s)
+{
+    QuarantineEntry e;
+    e.id = s.colText(0);
+    e.originalPath = s.colText(1);
+    e.size = uint64_t(s.col64(2));
+    e.mode = uint32_t(s.col64(3));
+    e.uid = uint32_t(s.col64(4));
+    e.gid = uint32_t(s.col64(5));
+    e.atimeNs = s.col64(6);
+    e.mtimeNs = s.col64(7);
+    e.sha256 = s.colText(8);
+    e.signature = s.colText(9);
+    e.quarantinedAt = s.col64(10);
+    e.job = s.colText(11);
+    return e;
+}
+
+constexpr const char* kEntryColumns =
+    "SELECT id, path, size, mode, uid, gid, atime_ns, mtime_ns, sha256, signature, quarantined_at, job FROM quarantine";
+
+} // namespace
+
+std::vector<QuarantineEntry> StoreDb::quarantineEntries()
+{
+    std::vector<QuarantineEntry> out;
+    Stmt s(m_db, (std::string(kEntryColumns) + " ORDER BY quarantined_at DESC, id").c_str());
+    while (s.ok() && s.step() == SQLITE_ROW) {
+        out.push_back(entryFrom(s));
+    }
+    return out;
+}
+
+bool StoreDb::quarantineEntry(const std::string& id, QuarantineEntry& out)
+{
+    Stmt s(m_db, (std::string(kEntryColumns) + " WHERE id=?").c_str());
+    if (!s.ok()) {
+        return false;
+    }
+    s.text(1, id);
+    if (s.step() != SQLITE_ROW) {
+        return false;
+    }
+    out = entryFrom(s);
+    return true;
+}
+
+bool StoreDb::addJob(JobRecord& job)
+{
+    if (!exec("BEGIN IMMEDIATE")) {
+        return false;
+    }
+    auto rollback = [&]() {
+        m_error = sqlite3_errmsg(m_db);
+        exec("ROLLBACK");
+        return false;
+    };
+    {
+        Stmt s(m_db, "INSERT INTO jobs(job, start_ms, duration_ms, state, files, bytes, infected, errors, skipped, "
+                     "partial) VALUES(?,?,?,?,?,?,?,?,?,?)");
+        if (!s.ok()) {
+            return rollback();
+        }
+        s.text(1, job.job);
+        s.i64(2, job.startMs);
+        s.i64(3, job.durationMs);
+        s.text(4, job.state);
+        s.i64(5, job.files);
+        s.i64(6, job.bytes);
+        s.i64(7, job.infected);
+        s.i64(8, job.errors);
+        s.i64(9, job.skipped);
+        s.i64(10, job.partial);
+        if (s.step() != SQLITE_DONE) {
+            return rollback();
+        }
+        job.id = sqlite3_last_insert_rowid(m_db);
+    }
+    for (const std::string& p : job.paths) {
+        Stmt s(m_db, "INSERT INTO job_paths(job, path) VALUES(?,?)");
+        if (!s.ok()) {
+            return rollback();
+        }
+        s.i64(1, job.id);
+        s.blob(2, p);
+        if (s.step() != SQLITE_DONE) {
+            return rollback();
+        }
+    }
+    for (const FindingRecord& f : job.findings) {
+        Stmt s(m_db, "INSERT INTO findings(job, path, verdict, signature, reason, action) VALUES(?,?,?,?,?,?)");
+        if (!s.ok()) {
+            return rollback();
+        }
+        s.i64(1, job.id);
+        s.blob(2, f.path);
+        s.text(3, f.verdict);
+        s.text(4, f.signature);
+        s.text(5, f.reason);
+        s.text(6, f.action);
+        if (s.step() != SQLITE_DONE) {
+            return rollback();
+        }
+    }
+    return exec("COMMIT") || rollback();
+}
+
+namespace {
+
+JobRecord jobFrom(const Stmt& s)
+{
+    JobRecord j;
+    j.id = s.col64(0);
+    j.job = s.colText(1);
+    j.startMs = s.col64(2);
+    j.durationMs = s.col64(3);
+    j.state = s.colText(4);
+    j.files = s.col64(5);
+    j.bytes = s.col64(6);
+    j.infected = s.col64(7);
+    j.errors = s.col64(8);
+    j.skipped = s.col64(9);
+    j.partial = s.col64(10);
+    return j;
+}
+
+constexpr const char* kJobColumns =
+    "SELECT id, job, start_ms, duration_ms, state, files, bytes, infected, errors, skipped, partial FROM jobs";
+
+} // namespace
+
+std::vector<JobRecord> StoreDb::jobs(int limit)
+{
+    std::vector<JobRecord> out;
+    Stmt s(m_db, (std::string(kJobColumns) + " ORDER BY start_ms DESC, id DESC LIMIT ?").c_str());
+    if (!s.ok()) {
+        return out;
+    }
+    s.i64(1, limit);
+    while (s.step() == SQLITE_ROW) {
+        out.push_back(jobFrom(s));
+    }
+    for (JobRecord& j : out) {
+        Stmt p(m_db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid");
+        p.i64(1, j.id);
+        while (p.ok() && p.step() == SQLITE_ROW) {
+            j.paths.push_back(p.colText(0));
+        }
+    }
+    return out;
+}
+
+bool StoreDb::job(int64_t id, JobRecord& out)
+{
+    {
+        Stmt s(m_db, (std::string(kJobColumns) + " WHERE id=?").c_str());
+        if (!s.ok()) {
+            return false;
+        }
+        s.i64(1, id);
+        if (s.step() != SQLITE_ROW) {
+            return false;
+        }
+        out = jobFrom(s);
+    }
+    Stmt p(m_db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid");
+    p.i64(1, id);
+    while (p.ok() && p.step() == SQLITE_ROW) {
+        out.paths.push_back(p.colText(0));
+    }
+    Stmt f(m_db, "SELECT path, verdict, signature, reason, action FROM findings WHERE job=? ORDER BY rowid");
+    f.i64(1, id);
+    while (f.ok() && f.step() == SQLITE_ROW) {
+        out.findings.push_back({f.colText(0), f.colText(1), f.colText(2), f.colText(3), f.colText(4)});
+    }
+    return true;
+}
+
+bool StoreDb::setFindingAction(int64_t id, const std::string& path, const std::string& action)
+{
+    Stmt s(m_db, "UPDATE findings SET action=? WHERE job=? AND path=?");
+    if (!s.ok()) {
+        m_error = sqlite3_errmsg(m_db);
+        return false;
+    }
+    s.text(1, action);
+    s.i64(2, id);
+    s.blob(3, path);
+    if (s.step() != SQLITE_DONE) {
+        m_error = sqlite3_errmsg(m_db);
+        return false;
+    }
+    return sqlite3_changes(m_db) > 0;
+}
+
+int64_t StoreDb::pendingFindings()
+{
+    Stmt s(m_db, "SELECT COUNT(*) FROM findings WHERE verdict='infected' AND (action IS NULL OR action='')");
+    return s.ok() && s.step() == SQLITE_ROW ? s.col64(0) : 0;
+}
+
+int64_t StoreDb::lastJobId()
+{
+    Stmt s(m_db, "SELECT COALESCE(MAX(id), 0) FROM jobs");
+    return s.ok() && s.step() == SQLITE_ROW ? s.col64(0) : 0;
+}
+
+int StoreDb::pruneHistory(int days, int64_t now)
+{
+    if (days <= 0) {
+        return 0;
+    }
+    Stmt s(m_db, "DELETE FROM jobs WHERE start_ms < ?");
+    if (!s.ok()) {
+        m_error = sqlite3_errmsg(m_db);
+        return -1;
+    }
+    s.i64(1, now - int64_t(days) * 86400000);
+    if (s.step() != SQLITE_DONE) {
+        m_error = sqlite3_errmsg(m_db);
+        return -1;
+    }
+    return sqlite3_changes(m_db);
+}
+
+} // namespace store
+} // namespace kuv

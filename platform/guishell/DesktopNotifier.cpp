@@ -1,0 +1,86 @@
+#include "DesktopNotifier.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QStringList>
+#include <QVariantMap>
+
+#include "CLogDebug.h"
+
+namespace kuv {
+namespace shell {
+
+namespace {
+
+const char* const kSource = "platform/guishell/DesktopNotifier";
+#define NT_LOG(level, ...) CLogDebug::Instance()->LogPrint(level, kSource, __func__, __LINE__, __VA_ARGS__)
+
+const char* const kService = "org.freedesktop.Notifications";
+const char* const kPath = "/org/freedesktop/Notifications";
+const char* const kInterface = "org.freedesktop.Notifications";
+// Generous: a notification daemon may be started on demand by the bus.
+constexpr int kCallTimeoutMs = 10000;
+
+} // namespace
+
+DesktopNotifier::DesktopNotifier(QObject* parent) : QObject(parent) {}
+
+void DesktopNotifier::notify(const QString& summary, const QString& body, bool critical, qint64 job)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        NT_LOG(LOG_LEVEL_INFO, "no session bus; notification shown in the window only");
+        emit undelivered(summary, body, bus.lastError().message());
+        return;
+    }
+    if (!m_listening) {
+        bus.connect(kService, kPath, kInterface, QStringLiteral("ActionInvoked"), this,
+                    SLOT(onActionInvoked(uint, QString)));
+        bus.connect(kService, kPath, kInterface, QStringLiteral("NotificationClosed"), this, SLOT(onClosed(uint, uint)));
+        m_listening = true;
+    }
+    QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kInterface, QStringLiteral("Notify"));
+    const QString show = tr("Show results");
+    QVariantMap hints;
+    hints.insert(QStringLiteral("urgency"), QVariant::fromValue(uchar(critical ? 2 : 1)));
+    hints.insert(QStringLiteral("desktop-entry"), QStringLiteral("kuvgui"));
+    hints.insert(QStringLiteral("category"), QStringLiteral("x-kuv.scan"));
+    call << QStringLiteral("kuvgui") << uint(0) << QStringLiteral("security-high") << summary << body
+         << QStringList{QStringLiteral("default"), show, QStringLiteral("open-results"), show} << hints
+         << int(critical ? 0 : -1);
+    auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, kCallTimeoutMs), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher, summary, body, job]() {
+        watcher->deleteLater();
+        QDBusPendingReply<uint> reply = *watcher;
+        if (reply.isError()) {
+            NT_LOG(LOG_LEVEL_INFO, "no notification service (%s); shown in the window only",
+                   reply.error().name().toStdString().c_str());
+            emit undelivered(summary, body, reply.error().message());
+            return;
+        }
+        const uint id = reply.value();
+        m_jobs.insert(id, job);
+        emit delivered(id);
+    });
+}
+
+void DesktopNotifier::onActionInvoked(uint id, const QString& key)
+{
+    auto found = m_jobs.find(id);
+    if (found == m_jobs.end()) {
+        return; // another program's notification
+    }
+    if (key == QLatin1String("default") || key == QLatin1String("open-results")) {
+        emit openResults(found.value());
+    }
+}
+
+void DesktopNotifier::onClosed(uint id, uint)
+{
+    m_jobs.remove(id);
+}
+
+} // namespace shell
+} // namespace kuv

@@ -1,0 +1,37 @@
+// Desktop notifications through org.freedesktop.Notifications on the session bus, with an action
+// that opens the results; without a notification service it says so and nothing fails.
+#pragma once
+
+#include <QHash>
+#include <QObject>
+#include <QString>
+
+namespace kuv {
+namespace shell {
+
+class DesktopNotifier : public QObject {
+    Q_OBJECT
+public:
+    explicit DesktopNotifier(QObject* parent = nullptr);
+
+    // Sends one notification; job is handed back by openResults when its action is chosen.
+    // Answered asynchronously: delivered() or undelivered() follows.
+    void notify(const QString& summary, const QString& body, bool critical, qint64 job);
+
+signals:
+    void delivered(uint id);
+    // No notification service (or no session bus): the window shows the text instead.
+    void undelivered(const QString& summary, const QString& body, const QString& why);
+    void openResults(qint64 job);
+
+private slots:
+    void onActionInvoked(uint id, const QString& key);
+    void onClosed(uint id, uint reason);
+
+private:
+    QHash<uint, qint64> m_jobs;
+    bool m_listening = false;
+};
+
+} // namespace shell
+} // namespace kuv

@@ -1,0 +1,62 @@
+// History page: past scan jobs; an opened job shows its findings, which can be quarantined, deleted
+// or ignored one at a time or all at once.
+#pragma once
+
+#include <cstdint>
+
+#include <QWidget>
+
+class QLabel;
+class QPushButton;
+class QTreeWidget;
+
+namespace kuv {
+namespace shell {
+
+class HistoryPage : public QWidget {
+    Q_OBJECT
+public:
+    explicit HistoryPage(QWidget* parent = nullptr);
+
+    void refresh();
+    int jobCount() const;
+    // Shows the findings of job id (a history row id); false when there is no such job.
+    bool openJob(int64_t id);
+    int64_t openedJob() const { return m_opened; }
+    int findingCount() const;
+    // Acts on the selected findings (all when allFindings); the buttons ask before deleting.
+    int quarantineSelected(bool allFindings);
+    int deleteSelected(bool allFindings);
+    int ignoreSelected(bool allFindings);
+    QString message() const;
+
+signals:
+    // A finding was handled; the quarantine and the tray follow.
+    void findingsHandled();
+
+protected:
+    void changeEvent(QEvent* event) override;
+    void showEvent(QShowEvent* event) override;
+
+private:
+    enum Act { ACT_QUARANTINE, ACT_DELETE, ACT_IGNORE };
+    int act(Act what, bool allFindings);
+    void retranslate();
+    void updateButtons();
+
+    QLabel* m_title;
+    QLabel* m_hint;
+    QTreeWidget* m_jobs;
+    QLabel* m_jobTitle;
+    QTreeWidget* m_findings;
+    QPushButton* m_quarantine;
+    QPushButton* m_delete;
+    QPushButton* m_ignore;
+    QPushButton* m_quarantineAll;
+    QLabel* m_message;
+    int64_t m_opened = 0;
+    QString m_openedJobName;
+};
+
+} // namespace shell
+} // namespace kuv

@@ -1,0 +1,42 @@
+// Learns of scan jobs recorded in the user's history, by any process, from file-change events.
+#pragma once
+
+#include <memory>
+
+#include <QFileSystemWatcher>
+#include <QObject>
+#include <QTimer>
+
+namespace kuv {
+namespace store {
+class StoreDb;
+}
+namespace shell {
+
+class HistoryWatcher : public QObject {
+    Q_OBJECT
+public:
+    explicit HistoryWatcher(QObject* parent = nullptr);
+    ~HistoryWatcher() override;
+    // Findings nobody acted on yet.
+    qint64 pendingFindings();
+
+signals:
+    // A job finished and was recorded after the watcher started.
+    void jobRecorded(qint64 id, const QString& state, qint64 files, qint64 infected, qint64 durationMs);
+    // The history or the quarantine changed.
+    void changed();
+
+private:
+    void arm();
+    void check();
+
+    QFileSystemWatcher m_watcher;
+    QTimer m_settle;
+    // Held open so that SQLite keeps its journal file, which is what is watched.
+    std::unique_ptr<kuv::store::StoreDb> m_db;
+    qint64 m_lastSeen = 0;
+};
+
+} // namespace shell
+} // namespace kuv

@@ -1,0 +1,134 @@
+#include "TrayController.h"
+
+#include <QFileDialog>
+#include <QMenu>
+#include <QPainter>
+#include <QPainterPath>
+#include <QSystemTrayIcon>
+
+#include "AppIcon.h"
+
+namespace kuv {
+namespace shell {
+
+TrayController::TrayController(QObject* parent) : QObject(parent)
+{
+    if (!QSystemTrayIcon::isSystemTrayAvailable()) {
+        return;
+    }
+    m_menu = std::make_unique<QMenu>();
+    m_open = m_menu->addAction(QString());
+    m_scanFolder = m_menu->addAction(QString());
+    m_menu->addSeparator();
+    m_quit = m_menu->addAction(QString());
+    m_open->setObjectName(QStringLiteral("kuvTrayOpen"));
+    m_scanFolder->setObjectName(QStringLiteral("kuvTrayScanFolder"));
+    m_quit->setObjectName(QStringLiteral("kuvTrayQuit"));
+    connect(m_open, &QAction::triggered, this, &TrayController::openRequested);
+    connect(m_quit, &QAction::triggered, this, &TrayController::quitRequested);
+    connect(m_scanFolder, &QAction::triggered, this, [this]() {
+        const QString dir = QFileDialog::getExistingDirectory(nullptr, tr("Scan a folder"));
+        if (!dir.isEmpty()) {
+            emit scanFolderRequested(dir);
+        }
+    });
+    m_tray = std::make_unique<QSystemTrayIcon>();
+    m_tray->setContextMenu(m_menu.get());
+    connect(m_tray.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick) {
+            emit openRequested();
+        }
+    });
+    retranslate();
+    update();
+    m_tray->show();
+}
+
+TrayController::~TrayController() = default;
+
+bool TrayController::shown() const
+{
+    return m_tray && m_tray->isVisible();
+}
+
+QIcon TrayController::stateIcon(State state)
+{
+    QIcon out;
+    for (int size : {16, 22, 24, 32, 48, 64}) {
+        QPixmap pix = appIcon().pixmap(size, size);
+        if (state != STATE_PROTECTED) {
+            QPainter p(&pix);
+            p.setRenderHint(QPainter::Antialiasing);
+            const qreal r = size * 0.24;
+            const QPointF c(size - r - 0.5, size - r - 0.5);
+            p.setPen(QPen(Qt::white, size / 20.0));
+            p.setBrush(state == STATE_ATTENTION ? QColor(0xd0, 0x2b, 0x2b) : QColor(0xe0, 0x9a, 0x10));
+            p.drawEllipse(c, r, r);
+            p.setPen(QPen(Qt::white, qMax(1.0, size / 14.0), Qt::SolidLine, Qt::RoundCap));
+            if (state == STATE_ATTENTION) {
+                p.drawLine(QPointF(c.x(), c.y() - r * 0.5), QPointF(c.x(), c.y() + r * 0.1));
+                p.drawPoint(QPointF(c.x(), c.y() + r * 0.5));
+            } else {
+                // Three dots: busy.
+                for (int i = -1; i <= 1; ++i) {
+                    p.drawPoint(QPointF(c.x() + i * r * 0.5, c.y()));
+                }
+            }
+        }
+        out.addPixmap(pix);
+    }
+    return out;
+}
+
+QString TrayController::stateText() const
+{
+    switch (m_state) {
+    case STATE_SCANNING:
+        return tr("kuvgui: scanning");
+    case STATE_ATTENTION:
+        return tr("kuvgui: attention needed - %n finding(s) waiting for a decision", nullptr, int(m_pending));
+    case STATE_PROTECTED:
+        break;
+    }
+    return tr("kuvgui: protected");
+}
+
+void TrayController::setScanning(bool scanning)
+{
+    m_scanning = scanning;
+    update();
+}
+
+void TrayController::setPendingFindings(qint64 count)
+{
+    m_pending = count;
+    update();
+}
+
+void TrayController::update()
+{
+    const State next = m_pending > 0 ? STATE_ATTENTION : m_scanning ? STATE_SCANNING : STATE_PROTECTED;
+    const bool changed = next != m_state;
+    m_state = next;
+    if (m_tray) {
+        m_tray->setIcon(stateIcon(m_state));
+        m_tray->setToolTip(stateText());
+    }
+    if (changed) {
+        emit stateChanged(m_state);
+    }
+}
+
+void TrayController::retranslate()
+{
+    if (!m_menu) {
+        return;
+    }
+    m_open->setText(tr("Open kuvgui"));
+    m_scanFolder->setText(tr("Scan a folder..."));
+    m_quit->setText(tr("Quit"));
+    m_tray->setToolTip(stateText());
+}
+
+} // namespace shell
+} // namespace kuv

@@ -1,0 +1,188 @@
+#include "QuarantineCommand.h"
+
+#include <cstdio>
+
+#include <json/json.h>
+
+#include "FileUtils.h"
+#include "Quarantine.h"
+#include "ScanPaths.h"
+#include "StoreOutput.h"
+#include "StorePaths.h"
+
+namespace kuvctl {
+
+namespace {
+
+using kuv::store::QStatus;
+
+// Exit statuses, listed in the man page.
+constexpr int kOk = 0;
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+constexpr int kNoEntry = 3;
+constexpr int kPathTaken = 4;
+
+int exitFor(QStatus s)
+{
+    switch (s) {
+    case QStatus::Ok: return kOk;
+    case QStatus::NotFound: return kNoEntry;
+    case QStatus::Exists: return kPathTaken;
+    default: return kFailed;
+    }
+}
+
+void printNotices(const kuv::store::QuarantineStore& store)
+{
+    for (const std::string& n : store.notices()) {
+        std::fprintf(stderr, "kuvctl: %s\n", kuv::escapeControl(n).c_str());
+    }
+}
+
+int usageError(const std::string& what)
+{
+    std::fprintf(stderr, "kuvctl quarantine: %s\nTry 'kuvctl quarantine --help'.\n", kuv::escapeControl(what).c_str());
+    return kUsage;
+}
+
+} // namespace
+
+std::string quarantineUsage()
+{
+    return "Usage: kuvctl quarantine list [--json]\n"
+           "       kuvctl quarantine restore ID [--beside] [--json]\n"
+           "       kuvctl quarantine delete ID [--json]\n"
+           "       kuvctl quarantine add PATH [--signature NAME] [--json]\n"
+           "Works on this user's quarantine in $XDG_DATA_HOME/kuv/quarantine (default ~/.local/share/kuv).\n"
+           "  list     every entry: id, date, size, signature and original path\n"
+           "  restore  puts the file back where it was, with its mode and times; never overwrites:\n"
+           "           with --beside it is restored as NAME.restored (or NAME.restored-N) when the\n"
+           "           original path is taken\n"
+           "  delete   removes the entry and its stored file for good\n"
+           "  add      moves a file into the quarantine\n"
+           "--json prints one JSON object instead of text (paths that are not UTF-8 as {\"b64\": ...}).\n"
+           "\n"
+           "Exit status: 0 done; 1 failed (the store or the file cannot be used); 2 usage error;\n"
+           "3 no such entry (or file, for add); 4 restore refused: something stands at the original path.\n";
+}
+
+int runQuarantine(const std::vector<std::string>& args)
+{
+    std::vector<std::string> words;
+    bool json = false;
+    bool beside = false;
+    std::string signature = "manual";
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (a == "--help" || a == "-h") {
+            std::fputs(quarantineUsage().c_str(), stdout);
+            return kOk;
+        } else if (a == "--json") {
+            json = true;
+        } else if (a == "--beside") {
+            beside = true;
+        } else if (a == "--signature") {
+            if (i + 1 >= args.size()) {
+                return usageError("--signature needs a value");
+            }
+            signature = args[++i];
+        } else if (a == "--") {
+            words.insert(words.end(), args.begin() + long(i) + 1, args.end());
+            break;
+        } else if (a.size() > 1 && a[0] == '-') {
+            return usageError("unknown option '" + a + "'");
+        } else {
+            words.push_back(a);
+        }
+    }
+    if (words.empty()) {
+        return usageError("a subcommand is needed (list, restore, delete, add)");
+    }
+    const std::string sub = words[0];
+    const bool takesArg = sub == "restore" || sub == "delete" || sub == "add";
+    if (sub != "list" && !takesArg) {
+        return usageError("unknown subcommand '" + sub + "'");
+    }
+    if ((takesArg && words.size() != 2) || (!takesArg && words.size() != 1)) {
+        return usageError(takesArg ? sub + " takes exactly one " + (sub == "add" ? "path" : "entry id")
+                                   : "list takes no arguments");
+    }
+    if (beside && sub != "restore") {
+        return usageError("--beside belongs to restore");
+    }
+    std::string error;
+    auto store = kuv::store::QuarantineStore::open(kuv::store::userDataDir(), error);
+    if (!store) {
+        std::fprintf(stderr, "kuvctl: the quarantine cannot be used: %s\n", kuv::escapeControl(error).c_str());
+        return kFailed;
+    }
+    printNotices(*store);
+
+    if (sub == "list") {
+        const auto entries = store->list();
+        std::string out;
+        if (json) {
+            Json::Value v(Json::objectValue);
+            v["entries"] = Json::Value(Json::arrayValue);
+            for (const auto& e : entries) {
+                v["entries"].append(entryJson(e));
+            }
+            out = compactJson(v) + "\n";
+        } else {
+            for (const auto& e : entries) {
+                char line[256];
+                std::snprintf(line, sizeof line, "%s  %s  %10llu  %s  ", e.id.c_str(), utcTime(e.quarantinedAt).c_str(),
+                              static_cast<unsigned long long>(e.size), kuv::escapeControl(e.signature).c_str());
+                out += line + kuv::escapeControl(e.originalPath) + "\n";
+            }
+            if (entries.empty()) {
+                std::fputs("kuvctl: the quarantine is empty\n", stderr);
+            }
+        }
+        return printOut(out) ? kOk : kFailed;
+    }
+
+    kuv::store::QResult r;
+    Json::Value v(Json::objectValue);
+    std::string text;
+    if (sub == "restore") {
+        std::string to;
+        r = store->restore(words[1], beside ? kuv::store::RestoreMode::Beside : kuv::store::RestoreMode::Refuse, &to);
+        v["id"] = words[1];
+        if (r.ok()) {
+            v["restored"] = kuvscan::pathToJson(to);
+            text = "restored " + kuv::escapeControl(to) + "\n";
+        }
+    } else if (sub == "delete") {
+        r = store->remove(words[1]);
+        v["id"] = words[1];
+        if (r.ok()) {
+            v["deleted"] = true;
+            text = "deleted " + words[1] + "\n";
+        }
+    } else {
+        kuv::store::QuarantineEntry e;
+        r = store->quarantine(words[1], signature, std::string(), &e);
+        if (r.ok()) {
+            v = entryJson(e);
+            text = e.id + "\n";
+        }
+    }
+    printNotices(*store);
+    if (!r.ok()) {
+        if (json) {
+            v["error"] = kuv::store::statusName(r.status);
+            v["detail"] = r.message;
+            printOut(compactJson(v) + "\n");
+        }
+        std::fprintf(stderr, "kuvctl: %s\n", kuv::escapeControl(r.message).c_str());
+        if (r.status == QStatus::Exists) {
+            std::fputs("kuvctl: use --beside to restore it next to what stands there\n", stderr);
+        }
+        return exitFor(r.status);
+    }
+    return printOut(json ? compactJson(v) + "\n" : text) ? kOk : kFailed;
+}
+
+} // namespace kuvctl

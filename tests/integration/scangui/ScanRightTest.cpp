@@ -1,10 +1,12 @@
 // `kuvgui right PATH...` from a second start, end to end on the installed tree: the running instance's
 // shell turns it into one job on the back end (here kuv-fake-scand as DIR/bin/kuv-scand) with the
 // paths exactly as given, and the verdicts reach the journal; the shell's ctrl line stays as it was.
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
 #include <iostream>
 #include <sstream>
 
@@ -45,12 +47,28 @@ TEST(ScanRight, ContextMenuPathsBecomeOneJobOnTheBackEndWithTheirExactBytes)
     svctest::Service s;
     kuvtest::TempDir data("kuvscanright");
     const std::string record = data.path() + "/requests.jsonl";
+    const std::string pidfile = data.path() + "/scand.pid";
     ASSERT_EQ(0, system(("cp " + std::string(FAKE_SCAND) + " " + s.inst.bin("kuv-scand")).c_str()));
-    s.startAll();
-    kuvtest::Process scand({s.inst.bin("kuv-scand"), "--record", record}, s.env());
-    ASSERT_TRUE(kuvtest::waitUntil([&] { return scand.err().find("ready as") != std::string::npos || !scand.running(); },
-                                   30000));
-    ASSERT_TRUE(scand.running()) << scand.err();
+    // The service's guard starts DIR/bin/kuv-scand itself; whichever copy runs records and says its pid.
+    const std::vector<std::string> fakeEnv{"KUV_FAKE_SCAND_RECORD=" + record, "KUV_FAKE_SCAND_PIDFILE=" + pidfile};
+    s.startAll(fakeEnv);
+    std::unique_ptr<kuvtest::Process> own;
+    if (!kuvtest::waitUntil([&] { return !kuvtest::readFile(pidfile).empty(); }, 10000)) {
+        own = std::make_unique<kuvtest::Process>(std::vector<std::string>{s.inst.bin("kuv-scand")}, s.env(fakeEnv));
+    }
+    ASSERT_TRUE(kuvtest::waitUntil([&] { return !kuvtest::readFile(pidfile).empty(); }, 30000))
+        << (own ? own->err() : std::string("the guard's back end did not come up"));
+    // Not a child of this test when the guard started it: ended by its pid at the end.
+    struct StopByPid {
+        std::string file;
+        ~StopByPid()
+        {
+            const int pid = atoi(kuvtest::readFile(file).c_str());
+            if (pid > 0) {
+                kill(pid, SIGTERM);
+            }
+        }
+    } stopScand{pidfile};
 
     const std::vector<std::string> paths{data.path() + "/eicar.com", data.path() + "/a b.txt",
                                          data.path() + "/line\nfeed.txt", data.path() + "/caf\xe9-\xff.bin"};

@@ -266,6 +266,18 @@ int main(int argc, char** argv)
         std::vector<std::string> b{scand};
         b.insert(b.end(), scandArgs.begin(), scandArgs.end());
         backend = spawn(b);
+        // On the bus with its engine loaded before kuvgui starts (whose guard then finds it running).
+        bool ready = false;
+        for (int i = 0; i < 120 && !ready && backend > 0; ++i) {
+            const pid_t probe = spawn({install + "bin/kuvctl", "scan", file});
+            ready = probe > 0 && waitExit(probe) == 1;
+            if (!ready) {
+                std::this_thread::sleep_for(std::chrono::seconds(1));
+            }
+        }
+        if (!ready) {
+            fprintf(stderr, "the back end did not report the test file within 120 s\n");
+        }
         service = spawn({install + "bin/kuvgui"});
         if (service < 0 || backend < 0 || !waitFor(runtime + "/kuv/kuv-gui", 60000)) {
             fprintf(stderr, "service or back end did not start\n");

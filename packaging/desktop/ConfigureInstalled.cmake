@@ -66,6 +66,7 @@ kuv_shell_word(KUV_SH_DIR "${KUV_DIR}")
 kuv_shell_word(KUV_SH_KUVGUI "${KUV_BINDIR}/kuvgui")
 kuv_systemd_word(KUV_UNIT_KUVGUI "${KUV_BINDIR}/kuvgui")
 kuv_systemd_word(KUV_UNIT_ZELLD "${KUV_BINDIR}/kuv-zelld")
+kuv_systemd_word(KUV_UNIT_SCAND "${KUV_BINDIR}/kuv-scand")
 kuv_systemd_word(KUV_UNIT_SESSION "${KUV_LIBEXECDIR}/kuvgui-session")
 # Nemo reads Exec as a key-file string and splits it like a shell command line.
 kuv_shell_word(kuv_nemo "${KUV_BINDIR}/kuvgui")

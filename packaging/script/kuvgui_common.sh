@@ -64,3 +64,20 @@ kuv_log() { # file, message...
 kuv_start_service() { # install_dir, log
   setsid "$1bin/kuvgui" </dev/null >>"$2" 2>&1 9>&- &
 }
+
+# Starts the back end kuv-scand: through its systemd user unit when the user manager has that unit, else
+# directly (it goes to the background and restarts itself after a crash). Starting it while it runs does
+# nothing (one per user), and it stays down while the user's choice to stop it (data/pubcfg/.guiexit)
+# stands.
+kuv_start_backend() { # install_dir, log
+  if command -v systemctl >/dev/null 2>&1; then
+    case "$(systemctl --user is-enabled kuv-scand.service 2>/dev/null)" in
+      enabled | enabled-runtime | static | indirect | generated | alias | linked | linked-runtime)
+        systemctl --user start --no-block kuv-scand.service >>"$2" 2>&1
+        return 0
+        ;;
+    esac
+  fi
+  "$1bin/kuv-scand" </dev/null >>"$2" 2>&1 9>&-
+  return 0
+}

@@ -28,6 +28,9 @@ install_dir=$(kuv_install_dir) || exit 1
 guard_log="${install_dir}log/kuvgui_guard.log"
 runtime=$(kuv_runtime_dir) || { kuv_log "$guard_log" "no usable runtime directory, guard not started"; exit 1; }
 
+# kuvgui starts this guard right after it removed the back end's stop marker: the back end runs again.
+kuv_start_backend "$install_dir" "$guard_log" &
+
 interval=${KUV_GUARD_INTERVAL:-1}
 max_restarts=${KUV_GUARD_MAX_RESTARTS:-5}
 window=${KUV_GUARD_WINDOW:-300}

@@ -20,7 +20,12 @@ enum _KUV_SCAN_MSG : int64_t {
     // client -> back end: {"job": "<client-chosen id>", "paths": [path, ...],
     //   "options": {"report_clean": bool (default false), "max_file_size": bytes (0 = setting),
     //               "scan_archives": bool, "quarantine": bool, "exclude": [path, ...]}}
-    // Jobs run one after another per back end; a request while one runs is queued, never lost.
+    // Jobs run one after another per back end; a request while one runs is queued, never lost (at most
+    // 64 wait; beyond that the request gets KUV_SCAN_MSG_ERROR "queue_full"). Paths are absolute: a
+    // relative one is reported as an "error" result, "not an absolute path". Folders are walked
+    // recursively without following symbolic links (a path given here that is a link is followed once)
+    // and never into /proc, /sys or /dev. Every message about a job goes to the endpoint that sent
+    // the request; one that has left the bus ends its job without further messages.
     KUV_SCAN_MSG_REQUEST = 4001,
     // back end -> requester: {"job", "position": 0 running now / N waiting}
     KUV_SCAN_MSG_ACCEPTED = 4002,
@@ -29,7 +34,8 @@ enum _KUV_SCAN_MSG : int64_t {
     //  "files_scanned", "bytes_scanned", "bytes_total" (-1 while counting), "threats", "current": path,
     //  "elapsed_ms"}
     KUV_SCAN_MSG_PROGRESS = 4003,
-    // back end -> requester, batched: {"job", "results": [{"path", "verdict", "signature", "reason"}]}
+    // back end -> requester, batched (at most every 100 ms, at most 256 results a message):
+    // {"job", "results": [{"path", "verdict", "signature", "reason"}]}; all four keys are always there.
     // verdict: "infected" | "clean" (only with report_clean) | "error" (reason: "permission denied",
     // "vanished", ...) | "skipped" (reason: "fifo", "socket", "device", "excluded", ...) |
     // "partial" (reason: "not fully scanned: <limit>") | "quarantined" | "deleted"
@@ -37,13 +43,18 @@ enum _KUV_SCAN_MSG : int64_t {
     // back end -> requester, always the last message of a job:
     // {"job", "state": "done" | "cancelled" | "failed", "reason", "files", "bytes", "infected", "errors",
     //  "skipped", "partial", "duration_ms"}
+    // files: files scanned to the end (clean or infected); bytes: their size. A job fails when the back
+    // end stops during it ("the back end is stopping") or has no signature database. A back end that
+    // dies sends nothing more: a client watches the "pid" of KUV_SCAN_MSG_STATUS (pidfd_open) and takes
+    // the job as failed when that process ends (kuvctl scan does).
     KUV_SCAN_MSG_JOB_END = 4005,
     // client -> back end: {"job"}; the job ends as "cancelled" within 200 ms (queued jobs at once).
     KUV_SCAN_MSG_CANCEL = 4006,
     // client -> back end: {} or {"subscribe": bool}; the answer is one KUV_SCAN_MSG_STATUS, and with
     // subscribe true the sender receives every later status and event until it leaves the bus.
     KUV_SCAN_MSG_STATUS_REQUEST = 4007,
-    // back end -> subscribers: {"state": "starting" | "ready" | "reloading" | "error" | "stopping",
+    // back end -> subscribers (and to the sender of KUV_SCAN_MSG_STATUS_REQUEST), whenever it changes:
+    // {"state": "starting" | "ready" | "reloading" | "error" | "stopping",
     //  "engine": "libclamav" | "clamd", "engine_version", "db_version", "signatures", "db_time" (unix s),
     //  "db_dirs": [...], "db_error", "last_scan": {"job", "state", "end_time", "files", "infected"},
     //  "jobs_running", "jobs_queued", "pid"}
@@ -52,6 +63,8 @@ enum _KUV_SCAN_MSG : int64_t {
     //  "severity": "info" | "warning" | "critical", "path", "signature", "action", "detail", "job"}
     KUV_SCAN_MSG_EVENT = 4009,
     // back end -> sender of a request it cannot use: {"request_type", "job" (when known), "error", "detail"}
+    // error: "too_large", "bad_json", "bad_request", "duplicate_job", "queue_full", "stopping",
+    // "unknown_job" (cancel), "too_many_subscribers", "unknown_type"; detail says it in words.
     KUV_SCAN_MSG_ERROR = 4010,
 };
 

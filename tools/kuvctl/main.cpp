@@ -7,6 +7,7 @@
 
 #include "BusCommand.h"
 #include "FileUtils.h"
+#include "ScanCommand.h"
 #include "StatusCommand.h"
 #ifdef KUVCTL_HAVE_LOGS
 #include "LogsCommand.h"
@@ -23,6 +24,7 @@ struct Command {
 const Command kCommands[] = {
     {"status", "is kuvgui running, and what it publishes (pid, status)", &kuvctl::runStatus},
     {"bus", "send to and listen on the message bus", &kuvctl::runBus},
+    {"scan", "scan files and folders with the back end kuv-scand", &kuvctl::runScan},
 #ifdef KUVCTL_HAVE_LOGS
     {"logs", "print and follow the service log", &kuvctl::runLogs},
 #endif

@@ -293,18 +293,21 @@ TEST_F(DebianPackage, UserUnitsVerify)
     EXPECT_NE(service.find("\nWantedBy=graphical-session.target\n"), std::string::npos);
     const std::string broker = readFile(unitDir + "/kuv-zelld.service");
     EXPECT_NE(broker.find("\nExecStart=" + kPrefix + "/bin/kuv-zelld --foreground\n"), std::string::npos) << broker;
+    const std::string scand = readFile(unitDir + "/kuv-scand.service");
+    EXPECT_NE(scand.find("\nExecStart=" + kPrefix + "/bin/kuv-scand --foreground\n"), std::string::npos) << scand;
+    EXPECT_NE(scand.find("\nRestart=on-failure\n"), std::string::npos) << "it comes back after a crash";
 
     // systemd-analyze checks that the programs exist, so the copies verified name the scratch
     // root instead of /opt/kuv; nothing else is changed.
     const std::string verifyDir = s_tmp->path() + "/units";
     mkdir(verifyDir.c_str(), 0755);
-    for (const char* unit : {"kuvgui.service", "kuv-zelld.service"}) {
+    for (const char* unit : {"kuvgui.service", "kuv-zelld.service", "kuv-scand.service"}) {
         std::string text = readFile(unitDir + "/" + unit);
         text = std::regex_replace(text, std::regex(kPrefix + "/"), at(kPrefix) + "/");
         writeFile(verifyDir + "/" + unit, text);
     }
     // Always: the syntax check of this test. Then systemd's own, where it can run here.
-    for (const char* unit : {"kuvgui.service", "kuv-zelld.service"}) {
+    for (const char* unit : {"kuvgui.service", "kuv-zelld.service", "kuv-scand.service"}) {
         EXPECT_EQ(unitProblems(readFile(verifyDir + "/" + unit)), "") << unit;
     }
     const std::string brokenText = std::regex_replace(readFile(verifyDir + "/kuvgui.service"),
@@ -323,7 +326,7 @@ TEST_F(DebianPackage, UserUnitsVerify)
     const bool haveMan = !findProgram("man").empty();
     const RunResult r =
         run({analyze, "verify", "--user", haveMan ? "--man=yes" : "--man=no", verifyDir + "/kuvgui.service",
-             verifyDir + "/kuv-zelld.service"},
+             verifyDir + "/kuv-zelld.service", verifyDir + "/kuv-scand.service"},
             {"XDG_RUNTIME_DIR=" + runtime, "MANPATH=" + at("/usr/share/man"), "SYSTEMD_LOG_COLOR=0"}, 120000);
     const std::string said = r.out + r.err;
     // A manager that cannot be set up in this environment says so without naming a unit.

@@ -164,6 +164,7 @@ private:
     void startReload();
     void reloadFinished();
     void handleInotify();
+    void subscribeListed();
     void sendError(const GUID& to, int64_t type, const kuv::scand::RequestError& error);
     int send(const GUID& to, int64_t type, const std::string& body, int timeoutMs);
     Json::Value statusBody();
@@ -499,6 +500,17 @@ void Service::broadcast(int64_t type, const Json::Value& body)
 void Service::notifierLoop()
 {
     std::unique_lock<std::mutex> lock(m_outMutex);
+    // A one-off wait at start for the broker to confirm our endpoint: only then can the subscribers
+    // listed in the runtime directory be reached.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!m_outStop && m_endpoint->isRegistered() != 1 && std::chrono::steady_clock::now() < deadline) {
+        m_outCv.wait_for(lock, std::chrono::milliseconds(10), [&] { return m_outStop; });
+    }
+    if (!m_outStop) {
+        lock.unlock();
+        subscribeListed();
+        lock.lock();
+    }
     for (;;) {
         m_outCv.wait(lock, [&] { return m_outStop || !m_outbox.empty(); });
         if (m_outbox.empty() && m_outStop) {
@@ -652,6 +664,69 @@ void Service::ReceiveCallback(uint64_t, int64_t msgType, const char* content, in
     }
 }
 
+// Clients that were there before us list their GUIDs in the runtime directory's subscriber file: each
+// one gets a status now and later news, as if it had asked with {"subscribe": true}.
+void Service::subscribeListed()
+{
+    std::string why;
+    const std::string path = kuv::runtimePath(std::string("./") + kuvscan::kSubscribersFile, &why);
+    if (path.empty()) {
+        return;
+    }
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.valid()) {
+        if (errno != ENOENT) {
+            SLOG(LOG_LEVEL_WARN, "cannot read %s: %s", path.c_str(), strerror(errno));
+        }
+        return;
+    }
+    struct stat st {};
+    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        SLOG(LOG_LEVEL_WARN, "%s is not a regular file; ignored", path.c_str());
+        return;
+    }
+    std::string all(static_cast<size_t>(kuvscan::kMaxSubscriberFileBytes), '\0');
+    size_t have = 0;
+    while (have < all.size()) {
+        const ssize_t n = ::read(fd.get(), &all[have], all.size() - have);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        have += static_cast<size_t>(n);
+    }
+    all.resize(have);
+    std::vector<GUID> listed;
+    std::istringstream lines(all);
+    std::string line;
+    while (std::getline(lines, line)) {
+        GUID g{};
+        if (line.size() != 36 || !zell::wire::parseGuidText(line, g)) {
+            continue; // not a GUID (or cut by the cap)
+        }
+        if (std::none_of(listed.begin(), listed.end(), [&](const GUID& o) { return memcmp(&o, &g, sizeof(GUID)) == 0; })) {
+            listed.push_back(g);
+        }
+    }
+    const std::string text = compact(statusBody());
+    for (const GUID& g : listed) {
+        const int rc = send(g, kuvscan::KUV_SCAN_MSG_STATUS, text, 2000);
+        if (rc != ZELL_SEND_ROUTED) {
+            SLOG(LOG_LEVEL_INFO, "listed subscriber %s not reached (%d); dropped", zell::wire::guidText(g).c_str(), rc);
+            continue;
+        }
+        std::lock_guard<std::mutex> lock(m_outMutex);
+        const bool known = std::any_of(m_subscribers.begin(), m_subscribers.end(),
+                                       [&](const GUID& s) { return memcmp(&s, &g, sizeof(GUID)) == 0; });
+        if (!known && m_subscribers.size() < kMaxSubscribers) {
+            m_subscribers.push_back(g);
+            SLOG(LOG_LEVEL_INFO, "listed subscriber %s subscribed", zell::wire::guidText(g).c_str());
+        }
+    }
+}
+
 void Service::handleInotify()
 {
     alignas(inotify_event) char buffer[16384];
@@ -771,7 +846,6 @@ int Service::run(const std::function<void(int)>& ready)
         return kExitFailure;
     }
     zell::wire::parseGuidText(kuvscan::kScandGuid, m_guid);
-    m_notifier = std::thread([this] { notifierLoop(); });
     m_endpoint = m_bus.mgr()->createEndPoint();
     if (m_endpoint == nullptr || m_endpoint->registerRecvNotify(kZellAnyMsgType, this, 0) != 0 ||
         m_endpoint->init(m_guid) != 0) {
@@ -784,6 +858,7 @@ int Service::run(const std::function<void(int)>& ready)
     if (::access(m_marker.c_str(), F_OK) == 0) {
         m_stopWhy = "the stop marker " + m_marker + " appeared";
     }
+    m_notifier = std::thread([this] { notifierLoop(); });
     SLOG(LOG_LEVEL_INFO, "kuv-scand %s serving as %s (pid %d, engine %s, %u workers)", KUV_VERSION,
          kuvscan::kScandGuid, static_cast<int>(getpid()), m_settings.engine.c_str(), m_jobs->workers());
     ready(kExitOk);

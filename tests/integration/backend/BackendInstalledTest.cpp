@@ -434,3 +434,26 @@ TEST_F(Backend, ASystemDatabaseThatAppearsLaterIsLoaded)
     EXPECT_TRUE(kuvtest::fileContains(scandLog(), "the database directory " + sysdb + " appeared"));
     EXPECT_NE(kuvctl({"scan", marked}).out.find("Kuv.Test.Later"), std::string::npos);
 }
+
+TEST_F(Backend, AnEndpointListedBeforeTheBackEndStartsGetsItsStatus)
+{
+    startBroker();
+    const std::string listener = "5A1B2C3D-0000-4000-8000-00000000C0DE";
+    auto listen = spawn({install->bin("kuvctl"), "bus", "listen", "--guid", listener, "--type", "4008", "--count",
+                         "1"});
+    ASSERT_TRUE(kuvtest::waitUntil([&] { return listen->err().find("listening") != std::string::npos; }, 30000))
+        << listen->err();
+    // A line that is no GUID and an endpoint that is not on the bus are passed over.
+    const std::string list = install->runtime + "/kuv/scand-subscribers";
+    kuvtest::writeFile(list, "not a guid\n0BADF00D-0000-4000-8000-000000000001\n" + listener + "\n");
+    ::chmod(list.c_str(), 0600);
+    own(list);
+    startScand();
+    ASSERT_TRUE(listen->wait(30000)) << kuvtest::readFile(scandLog());
+    EXPECT_EQ(listen->exitStatus(), 0);
+    const std::string out = listen->out();
+    EXPECT_NE(out.find("type=4008"), std::string::npos) << out;
+    EXPECT_NE(out.find("\"pid\":" + std::to_string(scandPid())), std::string::npos) << out;
+    EXPECT_TRUE(kuvtest::fileContains(scandLog(), "listed subscriber " + listener + " subscribed"))
+        << kuvtest::readFile(scandLog());
+}

@@ -44,6 +44,7 @@
 #include "ScanPaths.h"
 #include "ScanRequest.h"
 #include "ScanSettings.h"
+#include "StorePaths.h"
 #include "Settings.h"
 #include "UniqueFd.h"
 #include "WriteSignals.h"
@@ -126,6 +127,42 @@ bool readFile(const std::string& path, std::string& content, size_t cap)
     return content.size() <= cap;
 }
 
+// The engine jobs scan with. The user's choice of engine swaps it whole; a file being scanned keeps the
+// engine it started with, which goes when its last scan ends.
+class EngineSwitch final : public kuv::scan::IScanEngine {
+public:
+    void set(std::shared_ptr<kuv::scan::IScanEngine> engine)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_engine = std::move(engine);
+    }
+    std::shared_ptr<kuv::scan::IScanEngine> get() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_engine;
+    }
+    kuv::scan::ScanResult scanFd(int fd, const std::string& path, const kuv::scan::ScanLimits& limits,
+                                 const std::atomic<bool>* cancel) override
+    {
+        const auto engine = get();
+        if (!engine) {
+            kuv::scan::ScanResult none;
+            none.reason = "engine: none";
+            return none;
+        }
+        return engine->scanFd(fd, path, limits, cancel);
+    }
+    kuv::scan::EngineInfo info() const override
+    {
+        const auto engine = get();
+        return engine ? engine->info() : kuv::scan::EngineInfo();
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::shared_ptr<kuv::scan::IScanEngine> m_engine;
+};
+
 class Service final : public IMRReceiveComplete, public kuv::scand::IJobReporter {
 public:
     Service(Settings settings, std::string installDir)
@@ -158,12 +195,19 @@ public:
 
 private:
     bool makeEngine(std::string& error);
+    kuv::scan::ClamSettings clamSettings() const;
+    bool wantedEngine(std::string& kind, std::string& socket) const;
+    std::shared_ptr<kuv::scan::ClamEngine> clam();
+    void watchConfigDir();
+    void checkUserEngine();
+    void switchFinished();
     bool setUpWatches(std::string& error);
     void watchDbDir(const std::string& dir);
     void reloadSoon();
     void startReload();
     void reloadFinished();
     void handleInotify();
+    void subscribeListed();
     void sendError(const GUID& to, int64_t type, const kuv::scand::RequestError& error);
     int send(const GUID& to, int64_t type, const std::string& body, int timeoutMs);
     Json::Value statusBody();
@@ -177,8 +221,11 @@ private:
     std::string m_marker;
     std::vector<std::string> m_dbDirs;
 
-    std::unique_ptr<kuv::scan::IScanEngine> m_engine;
-    kuv::scan::ClamEngine* m_clam = nullptr; // the engine, when it is libclamav's
+    EngineSwitch m_engine;
+    std::shared_ptr<kuv::scan::ClamEngine> m_clam; // the engine, when it is libclamav's (m_stateMutex)
+    std::string m_engineKind;                      // what m_engine is: "libclamav" or "clamd"
+    std::string m_clamdSocket;                     // with "clamd"
+    std::string m_switchError;                     // why the user's engine is not in use (m_stateMutex)
     std::unique_ptr<kuv::scand::JobManager> m_jobs;
     // Every job into the user's history; findings into the quarantine when a request asks for it.
     kuv::store::JobLog m_jobLog;
@@ -203,6 +250,18 @@ private:
     std::atomic<bool> m_reloadResult{false};
     bool m_reloadAgain = false;
 
+    // The user's scan.json, for the choice of engine; a new engine is built on m_switchThread.
+    std::string m_configDir;
+    int m_configWatch = -1;
+    std::thread m_switchThread;
+    std::atomic<bool> m_switchBusy{false};
+    bool m_switchAgain = false;
+    std::string m_switchKind;
+    std::string m_switchSocket;
+    std::shared_ptr<kuv::scan::IScanEngine> m_switchEngine; // published by m_switchBusy going false
+    std::shared_ptr<kuv::scan::ClamEngine> m_switchClam;
+    std::string m_switchWhy;
+
     std::mutex m_outMutex; // subscribers and what waits to go to them
     std::condition_variable m_outCv;
     std::deque<std::pair<int64_t, std::string>> m_outbox;
@@ -212,14 +271,8 @@ private:
     bool m_shutDown = false;
 };
 
-bool Service::makeEngine(std::string& error)
+kuv::scan::ClamSettings Service::clamSettings() const
 {
-    if (m_settings.engine == "clamd") {
-        // The one place where the clamd engine is chosen: files go to the system's clamd by descriptor
-        // passing instead of a libclamav engine of our own.
-        m_engine = kuv::scan::makeClamdEngine(m_settings.clamdSocket, error);
-        return m_engine != nullptr;
-    }
     kuv::scan::ClamSettings clam;
     if (!m_settings.systemDbDir.empty()) {
         clam.dbDirs.push_back(m_settings.systemDbDir);
@@ -233,16 +286,74 @@ bool Service::makeEngine(std::string& error)
     clam.maxRecursion = m_settings.maxRecursion;
     clam.maxFiles = m_settings.maxFiles;
     clam.maxScanTimeMs = m_settings.maxScanTimeMs;
-    m_dbDirs = clam.dbDirs;
+    return clam;
+}
+
+// The engine to use: the system's clamd when the user chose it in scan.json (true), else the
+// installation's choice (kuv-scand.conf or --clamd).
+bool Service::wantedEngine(std::string& kind, std::string& socket) const
+{
+    kuv::store::ScanSettings user;
+    std::string why;
+    if (!kuv::store::loadScanSettings(user, &why)) {
+        SLOG(LOG_LEVEL_WARN, "scan settings: %s", why.c_str());
+    }
+    if (user.useClamd) {
+        kind = "clamd";
+        socket = user.clamdSocket;
+        return true;
+    }
+    kind = m_settings.engine;
+    socket = m_settings.clamdSocket;
+    return false;
+}
+
+std::shared_ptr<kuv::scan::ClamEngine> Service::clam()
+{
+    std::lock_guard<std::mutex> lock(m_stateMutex);
+    return m_clam;
+}
+
+bool Service::makeEngine(std::string& error)
+{
     kuv::scan::setClamLogSink([](int level, const std::string& text) {
         g_log->LogPrintStr(static_cast<_LOG_LEVEL>(level), "backend/engine/ClamEngine", "libclamav", 0, text.c_str());
     });
-    auto engine = kuv::scan::makeClamEngine(clam, error);
+    const kuv::scan::ClamSettings clamSet = clamSettings();
+    m_dbDirs = clamSet.dbDirs;
+    std::string kind;
+    std::string socket;
+    if (wantedEngine(kind, socket)) {
+        std::string why;
+        std::shared_ptr<kuv::scan::IScanEngine> engine = kuv::scan::makeClamdEngine(socket, why);
+        if (engine) {
+            m_engine.set(std::move(engine));
+            m_engineKind = kind;
+            m_clamdSocket = socket;
+            return true;
+        }
+        m_switchError = "clamd at " + socket + " cannot be used: " + why + "; " + m_settings.engine + " is used instead";
+        SLOG(LOG_LEVEL_WARN, "%s", m_switchError.c_str());
+    }
+    if (m_settings.engine == "clamd") {
+        // Files go to the system's clamd by descriptor passing instead of a libclamav engine of our own.
+        std::shared_ptr<kuv::scan::IScanEngine> engine = kuv::scan::makeClamdEngine(m_settings.clamdSocket, error);
+        if (!engine) {
+            return false;
+        }
+        m_engine.set(std::move(engine));
+        m_engineKind = "clamd";
+        m_clamdSocket = m_settings.clamdSocket;
+        return true;
+    }
+    std::shared_ptr<kuv::scan::ClamEngine> engine = kuv::scan::makeClamEngine(clamSet, error);
     if (!engine) {
         return false;
     }
-    m_clam = engine.get();
-    m_engine = std::move(engine);
+    m_clam = engine;
+    m_engine.set(std::move(engine));
+    m_engineKind = "libclamav";
+    m_clamdSocket.clear();
     return true;
 }
 
@@ -264,12 +375,132 @@ bool Service::setUpWatches(std::string& error)
         error = "cannot watch " + m_markerDir + ": " + strerror(errno);
         return false;
     }
-    if (m_clam != nullptr) {
-        for (const std::string& dir : m_dbDirs) {
-            watchDbDir(dir);
-        }
+    // Also while clamd is in use: the user may come back to our own engine.
+    for (const std::string& dir : m_dbDirs) {
+        watchDbDir(dir);
     }
+    watchConfigDir();
     return true;
+}
+
+// The user's configuration directory, for scan.json (written whole and renamed into place by the GUI).
+void Service::watchConfigDir()
+{
+    std::string why;
+    m_configDir = kuv::store::userConfigDir();
+    if (!kuv::store::openPrivateDir(m_configDir, 1, &why).valid()) {
+        SLOG(LOG_LEVEL_WARN, "cannot follow the scan settings in %s: %s", m_configDir.c_str(), why.c_str());
+        return;
+    }
+    m_configWatch = inotify_add_watch(m_inotify.get(), m_configDir.c_str(),
+                                      IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_ONLYDIR |
+                                          IN_DELETE_SELF | IN_MOVE_SELF);
+    if (m_configWatch < 0) {
+        SLOG(LOG_LEVEL_WARN, "cannot watch %s: %s", m_configDir.c_str(), strerror(errno));
+    }
+}
+
+// scan.json changed: when it changes the engine, the new one is built in the background (connecting to
+// clamd, or loading the databases) and swapped in when it works; until then jobs keep the current one.
+void Service::checkUserEngine()
+{
+    if (m_switchBusy.load()) {
+        m_switchAgain = true;
+        return;
+    }
+    if (m_switchThread.joinable()) {
+        m_switchThread.join();
+    }
+    std::string kind;
+    std::string socket;
+    wantedEngine(kind, socket);
+    if (kind == m_engineKind && (kind != "clamd" || socket == m_clamdSocket)) {
+        bool cleared = false;
+        {
+            std::lock_guard<std::mutex> lock(m_stateMutex);
+            cleared = !m_switchError.empty();
+            m_switchError.clear();
+        }
+        if (cleared) {
+            broadcast(kuvscan::KUV_SCAN_MSG_STATUS, statusBody());
+        }
+        return;
+    }
+    SLOG(LOG_LEVEL_INFO, "the scan settings ask for %s%s%s; preparing it", kind.c_str(), kind == "clamd" ? " at " : "",
+         kind == "clamd" ? socket.c_str() : "");
+    m_switchKind = kind;
+    m_switchSocket = socket;
+    m_switchBusy = true;
+    const kuv::scan::ClamSettings clamSet = clamSettings();
+    m_switchThread = std::thread([this, kind, socket, clamSet] {
+        std::string why;
+        std::shared_ptr<kuv::scan::IScanEngine> engine;
+        std::shared_ptr<kuv::scan::ClamEngine> clamEngine;
+        if (kind == "clamd") {
+            engine = kuv::scan::makeClamdEngine(socket, why);
+        } else {
+            clamEngine = kuv::scan::makeClamEngine(clamSet, why);
+            if (clamEngine) {
+                clamEngine->reload();
+                if (clamEngine->ready()) {
+                    engine = clamEngine;
+                } else {
+                    why = clamEngine->info().dbError;
+                    clamEngine.reset();
+                }
+            }
+        }
+        m_switchEngine = std::move(engine);
+        m_switchClam = std::move(clamEngine);
+        m_switchWhy = why;
+        m_switchBusy = false;
+        const uint64_t one = 1;
+        (void)!::write(m_wake.get(), &one, sizeof(one));
+    });
+}
+
+void Service::switchFinished()
+{
+    const std::string what = m_switchKind == "clamd" ? "clamd at " + m_switchSocket : m_switchKind;
+    Json::Value ev(Json::objectValue);
+    ev["time"] = Json::Int64(unixMs());
+    ev["kind"] = "engine";
+    if (m_switchEngine) {
+        m_engine.set(std::move(m_switchEngine));
+        {
+            std::lock_guard<std::mutex> lock(m_stateMutex);
+            m_clam = std::move(m_switchClam);
+            m_switchError.clear();
+            m_state = "ready";
+            m_firstLoadDone = true;
+        }
+        m_engineKind = m_switchKind;
+        m_clamdSocket = m_switchKind == "clamd" ? m_switchSocket : std::string();
+        m_jobs->setEngineReady();
+        const kuv::scan::EngineInfo info = m_engine.info();
+        SLOG(LOG_LEVEL_INFO, "now scanning with %s (engine %s, %llu signatures)", what.c_str(),
+             info.engineVersion.c_str(), static_cast<unsigned long long>(info.signatures));
+        ev["severity"] = "info";
+        ev["action"] = "switched";
+        ev["detail"] = "now scanning with " + what;
+    } else {
+        const std::string why = what + " cannot be used: " + m_switchWhy + "; " + m_engineKind + " stays in use";
+        {
+            std::lock_guard<std::mutex> lock(m_stateMutex);
+            m_switchError = why;
+        }
+        m_switchClam.reset();
+        SLOG(LOG_LEVEL_WARN, "%s", why.c_str());
+        ev["severity"] = "warning";
+        ev["action"] = "kept";
+        ev["detail"] = why;
+    }
+    broadcast(kuvscan::KUV_SCAN_MSG_STATUS, statusBody());
+    broadcast(kuvscan::KUV_SCAN_MSG_EVENT, ev);
+    if (m_switchAgain) {
+        m_switchAgain = false;
+        checkUserEngine();
+    }
 }
 
 // A database directory is watched for its files; one that does not exist yet (no freshclam installed so
@@ -311,7 +542,8 @@ void Service::reloadSoon()
 
 void Service::startReload()
 {
-    if (m_clam == nullptr) {
+    const std::shared_ptr<kuv::scan::ClamEngine> engine = clam();
+    if (!engine) {
         return;
     }
     if (m_reloadBusy.load()) {
@@ -329,9 +561,9 @@ void Service::startReload()
     }
     broadcast(kuvscan::KUV_SCAN_MSG_STATUS, statusBody());
     m_reloadBusy = true;
-    m_reloadThread = std::thread([this] {
+    m_reloadThread = std::thread([this, engine] {
         const auto start = std::chrono::steady_clock::now();
-        m_reloadResult = m_clam->reload();
+        m_reloadResult = engine->reload();
         SLOG(LOG_LEVEL_INFO, "database load took %lld ms",
              static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                         std::chrono::steady_clock::now() - start)
@@ -344,13 +576,18 @@ void Service::startReload()
 
 void Service::reloadFinished()
 {
-    const kuv::scan::EngineInfo info = m_engine->info();
+    const std::shared_ptr<kuv::scan::ClamEngine> engine = clam();
+    if (!engine) {
+        m_reloadAgain = false; // the user moved to clamd meanwhile: that engine is no longer used
+        return;
+    }
+    const kuv::scan::EngineInfo info = m_engine.info();
     bool first = false;
     {
         std::lock_guard<std::mutex> lock(m_stateMutex);
         first = !m_firstLoadDone;
         m_firstLoadDone = true;
-        m_state = m_clam->ready() ? "ready" : "error";
+        m_state = engine->ready() ? "ready" : "error";
     }
     Json::Value ev(Json::objectValue);
     ev["time"] = Json::Int64(unixMs());
@@ -366,9 +603,9 @@ void Service::reloadFinished()
                        (info.dbError.empty() ? std::string() : "; not loaded: " + info.dbError);
     } else {
         SLOG(LOG_LEVEL_ERROR, "the signature databases did not load%s: %s",
-             m_clam->ready() ? " (the previous engine stays in use)" : "", info.dbError.c_str());
-        ev["severity"] = m_clam->ready() ? "warning" : "critical";
-        ev["action"] = m_clam->ready() ? "kept" : "failed";
+             engine->ready() ? " (the previous engine stays in use)" : "", info.dbError.c_str());
+        ev["severity"] = engine->ready() ? "warning" : "critical";
+        ev["action"] = engine->ready() ? "kept" : "failed";
         ev["detail"] = info.dbError;
     }
     if (first) {
@@ -389,7 +626,16 @@ Json::Value Service::statusBody()
         std::lock_guard<std::mutex> lock(m_stateMutex);
         status["state"] = m_state;
     }
-    const kuv::scan::EngineInfo info = m_engine ? m_engine->info() : kuv::scan::EngineInfo();
+    const kuv::scan::EngineInfo info = m_engine.info();
+    std::string dbError = info.dbError;
+    bool ownEngine = false;
+    {
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        ownEngine = m_clam != nullptr;
+        if (!m_switchError.empty()) {
+            dbError = dbError.empty() ? m_switchError : dbError + "; " + m_switchError;
+        }
+    }
     status["engine"] = info.engine;
     status["engine_version"] = info.engineVersion;
     status["db_version"] = info.dbVersion;
@@ -397,9 +643,11 @@ Json::Value Service::statusBody()
     status["db_time"] = Json::Int64(info.dbTime);
     Json::Value& dirs = status["db_dirs"] = Json::Value(Json::arrayValue);
     for (const std::string& dir : m_dbDirs) {
-        dirs.append(kuvscan::pathToJson(dir));
+        if (ownEngine) {
+            dirs.append(kuvscan::pathToJson(dir));
+        }
     }
-    status["db_error"] = info.dbError;
+    status["db_error"] = dbError;
     if (m_jobs) {
         const kuv::scand::LastScan last = m_jobs->lastScan();
         if (last.valid) {
@@ -499,6 +747,17 @@ void Service::broadcast(int64_t type, const Json::Value& body)
 void Service::notifierLoop()
 {
     std::unique_lock<std::mutex> lock(m_outMutex);
+    // A one-off wait at start for the broker to confirm our endpoint: only then can the subscribers
+    // listed in the runtime directory be reached.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!m_outStop && m_endpoint->isRegistered() != 1 && std::chrono::steady_clock::now() < deadline) {
+        m_outCv.wait_for(lock, std::chrono::milliseconds(10), [&] { return m_outStop; });
+    }
+    if (!m_outStop) {
+        lock.unlock();
+        subscribeListed();
+        lock.lock();
+    }
     for (;;) {
         m_outCv.wait(lock, [&] { return m_outStop || !m_outbox.empty(); });
         if (m_outbox.empty() && m_outStop) {
@@ -652,6 +911,69 @@ void Service::ReceiveCallback(uint64_t, int64_t msgType, const char* content, in
     }
 }
 
+// Clients that were there before us list their GUIDs in the runtime directory's subscriber file: each
+// one gets a status now and later news, as if it had asked with {"subscribe": true}.
+void Service::subscribeListed()
+{
+    std::string why;
+    const std::string path = kuv::runtimePath(std::string("./") + kuvscan::kSubscribersFile, &why);
+    if (path.empty()) {
+        return;
+    }
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.valid()) {
+        if (errno != ENOENT) {
+            SLOG(LOG_LEVEL_WARN, "cannot read %s: %s", path.c_str(), strerror(errno));
+        }
+        return;
+    }
+    struct stat st {};
+    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        SLOG(LOG_LEVEL_WARN, "%s is not a regular file; ignored", path.c_str());
+        return;
+    }
+    std::string all(static_cast<size_t>(kuvscan::kMaxSubscriberFileBytes), '\0');
+    size_t have = 0;
+    while (have < all.size()) {
+        const ssize_t n = ::read(fd.get(), &all[have], all.size() - have);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        have += static_cast<size_t>(n);
+    }
+    all.resize(have);
+    std::vector<GUID> listed;
+    std::istringstream lines(all);
+    std::string line;
+    while (std::getline(lines, line)) {
+        GUID g{};
+        if (line.size() != 36 || !zell::wire::parseGuidText(line, g)) {
+            continue; // not a GUID (or cut by the cap)
+        }
+        if (std::none_of(listed.begin(), listed.end(), [&](const GUID& o) { return memcmp(&o, &g, sizeof(GUID)) == 0; })) {
+            listed.push_back(g);
+        }
+    }
+    const std::string text = compact(statusBody());
+    for (const GUID& g : listed) {
+        const int rc = send(g, kuvscan::KUV_SCAN_MSG_STATUS, text, 2000);
+        if (rc != ZELL_SEND_ROUTED) {
+            SLOG(LOG_LEVEL_INFO, "listed subscriber %s not reached (%d); dropped", zell::wire::guidText(g).c_str(), rc);
+            continue;
+        }
+        std::lock_guard<std::mutex> lock(m_outMutex);
+        const bool known = std::any_of(m_subscribers.begin(), m_subscribers.end(),
+                                       [&](const GUID& s) { return memcmp(&s, &g, sizeof(GUID)) == 0; });
+        if (!known && m_subscribers.size() < kMaxSubscribers) {
+            m_subscribers.push_back(g);
+            SLOG(LOG_LEVEL_INFO, "listed subscriber %s subscribed", zell::wire::guidText(g).c_str());
+        }
+    }
+}
+
 void Service::handleInotify()
 {
     alignas(inotify_event) char buffer[16384];
@@ -664,6 +986,18 @@ void Service::handleInotify()
             const auto* e = reinterpret_cast<const inotify_event*>(buffer + off);
             off += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
             const std::string name = e->len > 0 ? std::string(e->name) : std::string();
+            if (m_configWatch >= 0 && e->wd == m_configWatch) {
+                if (e->mask & IN_MOVE_SELF) {
+                    inotify_rm_watch(m_inotify.get(), e->wd); // answered by IN_IGNORED
+                } else if (e->mask & IN_IGNORED) {
+                    m_configWatch = -1;
+                    watchConfigDir();
+                    checkUserEngine();
+                } else if (name == "scan.json") {
+                    checkUserEngine();
+                }
+                continue;
+            }
             if (e->wd == m_markerWatch) {
                 if (name == ".guiexit") {
                     m_stopWhy = "the stop marker " + m_marker + " appeared";
@@ -733,12 +1067,12 @@ int Service::run(const std::function<void(int)>& ready)
         ready(kExitFailure);
         return kExitFailure;
     }
-    m_jobs = std::make_unique<kuv::scand::JobManager>(*m_engine, *this, m_settings.workers);
-    if (m_clam != nullptr) {
-        m_jobs->setEngineCheck([this]() -> std::string {
-            return m_clam->ready() ? std::string() : "no signature database is loaded: " + m_engine->info().dbError;
-        });
-    } else {
+    m_jobs = std::make_unique<kuv::scand::JobManager>(m_engine, *this, m_settings.workers);
+    m_jobs->setEngineCheck([this]() -> std::string {
+        const std::shared_ptr<kuv::scan::ClamEngine> engine = clam();
+        return !engine || engine->ready() ? std::string() : "no signature database is loaded: " + engine->info().dbError;
+    });
+    if (!m_clam) {
         m_jobs->setEngineReady();
         std::lock_guard<std::mutex> lock(m_stateMutex);
         m_state = "ready";
@@ -771,7 +1105,6 @@ int Service::run(const std::function<void(int)>& ready)
         return kExitFailure;
     }
     zell::wire::parseGuidText(kuvscan::kScandGuid, m_guid);
-    m_notifier = std::thread([this] { notifierLoop(); });
     m_endpoint = m_bus.mgr()->createEndPoint();
     if (m_endpoint == nullptr || m_endpoint->registerRecvNotify(kZellAnyMsgType, this, 0) != 0 ||
         m_endpoint->init(m_guid) != 0) {
@@ -784,8 +1117,9 @@ int Service::run(const std::function<void(int)>& ready)
     if (::access(m_marker.c_str(), F_OK) == 0) {
         m_stopWhy = "the stop marker " + m_marker + " appeared";
     }
+    m_notifier = std::thread([this] { notifierLoop(); });
     SLOG(LOG_LEVEL_INFO, "kuv-scand %s serving as %s (pid %d, engine %s, %u workers)", KUV_VERSION,
-         kuvscan::kScandGuid, static_cast<int>(getpid()), m_settings.engine.c_str(), m_jobs->workers());
+         kuvscan::kScandGuid, static_cast<int>(getpid()), m_engineKind.c_str(), m_jobs->workers());
     ready(kExitOk);
     startReload();
 
@@ -837,6 +1171,10 @@ int Service::run(const std::function<void(int)>& ready)
                     m_reloadThread.join();
                     reloadFinished();
                 }
+                if (!m_switchBusy.load() && m_switchThread.joinable()) {
+                    m_switchThread.join();
+                    switchFinished();
+                }
             }
         }
         if (stop) {
@@ -877,6 +1215,9 @@ void Service::shutdown()
     }
     if (m_reloadThread.joinable()) {
         m_reloadThread.join();
+    }
+    if (m_switchThread.joinable()) {
+        m_switchThread.join();
     }
     m_jobs.reset();
 }

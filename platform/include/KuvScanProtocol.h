@@ -91,4 +91,7 @@ constexpr int kMaxSubscriberFileBytes = 4096;
 //   "use_clamd": bool         scan with the system's clamd instead of the built-in engine; false
 //   "clamd_socket": path      clamd's local socket; "/run/clamav/clamd.ctl"
 //   "history_days": N         days of scan history kept, 0 = for ever; 90
+// The back end watches the file: a change of "use_clamd" or "clamd_socket" swaps the engine in the
+// background (running scans finish on the old one); a clamd that cannot be used leaves the engine as
+// it is, and KUV_SCAN_MSG_STATUS "db_error" and an "engine" event ("kept") say why.
 // Quarantine and history live in $XDG_DATA_HOME/kuv/ (quarantine/ and history.sqlite), see kuvctl(1).

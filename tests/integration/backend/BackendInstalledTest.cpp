@@ -16,6 +16,7 @@
 #include <json/json.h>
 
 #include "Harness.h"
+#include "RealClamd.h"
 
 using kuvtest::Install;
 using kuvtest::Process;
@@ -433,4 +434,76 @@ TEST_F(Backend, ASystemDatabaseThatAppearsLaterIsLoaded)
         << kuvtest::readFile(scandLog());
     EXPECT_TRUE(kuvtest::fileContains(scandLog(), "the database directory " + sysdb + " appeared"));
     EXPECT_NE(kuvctl({"scan", marked}).out.find("Kuv.Test.Later"), std::string::npos);
+}
+
+TEST_F(Backend, AnEndpointListedBeforeTheBackEndStartsGetsItsStatus)
+{
+    startBroker();
+    const std::string listener = "5A1B2C3D-0000-4000-8000-00000000C0DE";
+    auto listen = spawn({install->bin("kuvctl"), "bus", "listen", "--guid", listener, "--type", "4008", "--count",
+                         "1"});
+    ASSERT_TRUE(kuvtest::waitUntil([&] { return listen->err().find("listening") != std::string::npos; }, 30000))
+        << listen->err();
+    // A line that is no GUID and an endpoint that is not on the bus are passed over.
+    const std::string list = install->runtime + "/kuv/scand-subscribers";
+    kuvtest::writeFile(list, "not a guid\n0BADF00D-0000-4000-8000-000000000001\n" + listener + "\n");
+    ::chmod(list.c_str(), 0600);
+    own(list);
+    startScand();
+    ASSERT_TRUE(listen->wait(30000)) << kuvtest::readFile(scandLog());
+    EXPECT_EQ(listen->exitStatus(), 0);
+    const std::string out = listen->out();
+    EXPECT_NE(out.find("type=4008"), std::string::npos) << out;
+    EXPECT_NE(out.find("\"pid\":" + std::to_string(scandPid())), std::string::npos) << out;
+    EXPECT_TRUE(kuvtest::fileContains(scandLog(), "listed subscriber " + listener + " subscribed"))
+        << kuvtest::readFile(scandLog());
+}
+
+TEST_F(Backend, ClamdChosenInTheUserSettingsIsUsedWithoutARestart)
+{
+    kuvclamd::RealClamd clamd;
+    startBroker();
+    startScand();
+    writeFile("eicar.com", eicar());
+    // Saved whole and renamed into place, as the settings page does.
+    auto saveSettings = [&](const std::string& socket) {
+        const std::string dir = install->configHome() + "/kuv";
+        const std::string tmp = dir + "/.scan.json.new";
+        kuvtest::writeFile(tmp, "{\"use_clamd\": true, \"clamd_socket\": \"" + socket + "\"}\n");
+        ::chmod(tmp.c_str(), 0600);
+        own(tmp);
+        ASSERT_EQ(::rename(tmp.c_str(), (dir + "/scan.json").c_str()), 0);
+    };
+    auto status = [&] {
+        auto asker = probe({"--send", "4007", bodyFile("status.json", "{}"), "--until", "\"pid\"", "--timeout", "30000"});
+        EXPECT_TRUE(asker->wait(60000));
+        return asker->out();
+    };
+
+    // A clamd that cannot be reached leaves the engine as it is, and says why.
+    auto watcher = probe({"--send", "4007", bodyFile("subscribe.json", "{\"subscribe\":true}"), "--until",
+                          "\"kept\"", "--timeout", "30000"});
+    ASSERT_TRUE(kuvtest::waitUntil([&] { return watcher->out().find("type=4008") != std::string::npos; }, 30000));
+    saveSettings(base + "/no-clamd.sock");
+    ASSERT_TRUE(watcher->wait(60000));
+    EXPECT_EQ(watcher->exitStatus(), 0) << watcher->out() << kuvtest::readFile(scandLog());
+    EXPECT_NE(watcher->out().find("\"kind\":\"engine\""), std::string::npos) << watcher->out();
+    std::string now = status();
+    EXPECT_NE(now.find("\"engine\":\"libclamav\""), std::string::npos) << now;
+    EXPECT_NE(now.find("no-clamd.sock cannot be used"), std::string::npos) << "db_error says why: " << now;
+    EXPECT_EQ(kuvctl({"scan", scanDir}).status, 1);
+
+    watcher = probe({"--send", "4007", bodyFile("subscribe.json", "{\"subscribe\":true}"), "--until",
+                     "\"switched\"", "--timeout", "30000"});
+    ASSERT_TRUE(kuvtest::waitUntil([&] { return watcher->out().find("type=4008") != std::string::npos; }, 30000));
+    saveSettings(clamd.socket());
+    ASSERT_TRUE(watcher->wait(60000));
+    EXPECT_EQ(watcher->exitStatus(), 0) << watcher->out() << kuvtest::readFile(scandLog());
+    now = status();
+    EXPECT_NE(now.find("\"engine\":\"clamd\""), std::string::npos) << now;
+    EXPECT_NE(now.find("\"db_error\":\"\""), std::string::npos) << now;
+    const RunResult r = kuvctl({"scan", scanDir});
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    EXPECT_NE(r.out.find("EICAR"), std::string::npos) << r.out;
+    EXPECT_TRUE(kuvtest::fileContains(scandLog(), "now scanning with clamd at " + clamd.socket()));
 }

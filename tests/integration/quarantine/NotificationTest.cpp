@@ -82,6 +82,17 @@ TEST(Notifications, FindingsAndLongScansAreAnnouncedAndTheActionOpensTheResults)
     const std::string readyFile = svc.inst.dataHome() + "-bus";
     kuvtest::Process server({runSession, "--", KUV_FAKE_NOTIFYD, recordFile, readyFile, "--invoke-action", "open-results"},
                             svc.env());
+    // dbus-run-session leaves its bus daemon and the server behind when it is killed alone: the whole
+    // process group goes when the test ends, however it ends.
+    struct KillGroup {
+        pid_t pid;
+        ~KillGroup()
+        {
+            if (pid > 0) {
+                ::kill(-pid, SIGKILL);
+            }
+        }
+    } killGroup{server.pid()};
     ASSERT_TRUE(kuvtest::waitUntil([&] { return kuvtest::readFile(readyFile).find("unix:") == 0; }, 30000))
         << server.err();
     std::string address = kuvtest::readFile(readyFile);

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// The log front end of platform code: a file declares its source once, then logs with KUV_LOG.
+//
+//   KUV_LOG_SOURCE("platform/guishell/ShellCore");
+//   KUV_LOG(kuv::LogLevel::Info, "shown after %d ms", ms);
+#pragma once
+
+#include <cstdarg>
+
+#include "CLogDebug.h"
+
+namespace kuv {
+
+// Same values as the service's LOG_LEVEL_* names, which stay for service code.
+enum class LogLevel : int {
+    Trace = LOG_LEVEL_TRACE,
+    Debug = LOG_LEVEL_DEBUG,
+    Info = LOG_LEVEL_INFO,
+    Warn = LOG_LEVEL_WARN,
+    Error = LOG_LEVEL_ERROR,
+};
+
+constexpr _LOG_LEVEL toLogLevel(LogLevel level) { return static_cast<_LOG_LEVEL>(level); }
+constexpr _LOG_LEVEL toLogLevel(_LOG_LEVEL level) { return level; }
+
+// Writes to log, or to the process log when log is null.
+inline int logPrint(CLogDebug* log, _LOG_LEVEL level, const char* source, const char* function, unsigned int line,
+                    const char* format, ...) __attribute__((format(printf, 6, 7)));
+inline int logPrint(CLogDebug* log, _LOG_LEVEL level, const char* source, const char* function, unsigned int line,
+                    const char* format, ...)
+{
+    CLogDebug* target = log != nullptr ? log : CLogDebug::Instance();
+    if (!target->CheckLogLevel(level, 0)) {
+        return 0;
+    }
+    va_list args;
+    va_start(args, format);
+    const int written = target->LogPrintV(level, source, function, line, format, args);
+    va_end(args);
+    return written;
+}
+
+} // namespace kuv
+
+#define KUV_LOG_SOURCE(name) [[maybe_unused]] static constexpr const char* kKuvLogSource = name
+
+// To the process log.
+#define KUV_LOG(level, ...)                                                                                          \
+    ::kuv::logPrint(nullptr, ::kuv::toLogLevel(level), kKuvLogSource, __func__, __LINE__, __VA_ARGS__)
+// To another log (the bus log, a daemon's own log).
+#define KUV_LOG_TO(log, level, ...)                                                                                  \
+    ::kuv::logPrint((log), ::kuv::toLogLevel(level), kKuvLogSource, __func__, __LINE__, __VA_ARGS__)

@@ -46,13 +46,39 @@ function(kuv_module_rpath target)
   set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/..:$ORIGIN/../../lib")
 endfunction()
 
-# Adds every immediate subdirectory of dir that has a CMakeLists.txt, in name order.
-function(kuv_add_subdirs dir)
-  file(GLOB children LIST_DIRECTORIES true RELATIVE ${dir} ${dir}/*)
-  list(SORT children)
-  foreach(child IN LISTS children)
-    if(IS_DIRECTORY ${dir}/${child} AND EXISTS ${dir}/${child}/CMakeLists.txt)
-      add_subdirectory(${dir}/${child})
+# A shared platform library whose sources are also an object library kuv::<name>_objects, so that the
+# kuvgui entry links them into itself and a forwarding start loads nothing from DIR/lib. The sources are
+# compiled once; the objects carry the compile requirements, the shared library the link ones.
+function(kuv_library_with_objects name)
+  add_library(${name}_objects OBJECT ${ARGN})
+  add_library(kuv::${name}_objects ALIAS ${name}_objects)
+  kuv_strict(${name}_objects)
+  # The objects are compiled as part of the shared library: same export macro and visibility.
+  target_compile_definitions(${name}_objects PRIVATE ${name}_EXPORTS)
+  # What the entry does not call is dropped at its link (--gc-sections).
+  target_compile_options(${name}_objects PRIVATE -ffunction-sections -fdata-sections)
+  kuv_library(${name} SHARED)
+  target_link_libraries(${name} PRIVATE ${name}_objects)
+  foreach(property CXX_VISIBILITY_PRESET VISIBILITY_INLINES_HIDDEN)
+    get_target_property(value ${name} ${property})
+    if(NOT value STREQUAL "value-NOTFOUND")
+      set_target_properties(${name}_objects PROPERTIES ${property} ${value})
     endif()
   endforeach()
+endfunction()
+
+# kuv_require_targets(who target...): stops the configuration when a target that who needs is not
+# defined, rather than building a smaller product without it.
+function(kuv_require_targets who)
+  set(missing)
+  foreach(target IN LISTS ARGN)
+    if(NOT TARGET ${target})
+      list(APPEND missing ${target})
+    endif()
+  endforeach()
+  if(missing)
+    list(JOIN missing ", " missing_text)
+    message(FATAL_ERROR "${who} needs the target(s) ${missing_text}, which no CMakeLists.txt defines "
+                        "(a lost source folder or add_subdirectory line?)")
+  endif()
 endfunction()

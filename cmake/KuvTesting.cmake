@@ -1,9 +1,11 @@
 # Test helpers: one ctest entry per GoogleTest executable, and the staged installation.
+#
+# One naming scheme: a test and its executable are called unit_<area>[_<part>] (tests/unit/<area>),
+# integration_<area>[_<part>] (tests/integration/<area>) or fuzz_<area> (tests/fuzz/<area>), and carry
+# the label unit, integration or fuzz, so `ctest -L unit` or `ctest -R integration_service` pick them.
 
 # Tests labelled "tsan" are the threaded ones; a ThreadSanitizer build runs just those.
-if(NOT TARGET kuv_tsan_tests)
-  add_custom_target(kuv_tsan_tests)
-endif()
+add_custom_target(kuv_tsan_tests)
 set(KUV_STAGE_DIR ${CMAKE_BINARY_DIR}/stage)
 set(KUV_SANITIZER_DIR ${CMAKE_SOURCE_DIR}/tests/sanitizer)
 
@@ -23,6 +25,10 @@ set(KUV_TEST_ENV
 # STAGE: the test runs installed binaries and needs the staged installation.
 function(kuv_add_gtest name)
   cmake_parse_arguments(T "STAGE;NO_MAIN" "TIMEOUT" "SOURCES;LIBS;LABELS;ENV" ${ARGN})
+  if(NOT name MATCHES "^(unit|integration)_[a-z0-9_]+$")
+    message(FATAL_ERROR "test ${name}: a test is named unit_<area>[_<part>] or integration_<area>[_<part>]")
+  endif()
+  string(REGEX REPLACE "_.*" "" kind ${name})
   add_executable(${name} ${T_SOURCES})
   kuv_strict(${name})
   if(T_NO_MAIN)
@@ -38,12 +44,10 @@ function(kuv_add_gtest name)
   else()
     add_test(NAME ${name} COMMAND ${name})
   endif()
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT} ENVIRONMENT "${KUV_TEST_ENV};${T_ENV}")
-  if(T_LABELS)
-    set_tests_properties(${name} PROPERTIES LABELS "${T_LABELS}")
-    if("tsan" IN_LIST T_LABELS)
-      add_dependencies(kuv_tsan_tests ${name})
-    endif()
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT} ENVIRONMENT "${KUV_TEST_ENV};${T_ENV}"
+                                           LABELS "${kind};${T_LABELS}")
+  if("tsan" IN_LIST T_LABELS)
+    add_dependencies(kuv_tsan_tests ${name})
   endif()
   if(T_STAGE)
     set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED kuv_stage)
@@ -51,21 +55,21 @@ function(kuv_add_gtest name)
 endfunction()
 
 # The staged installation that integration tests copy and run.
-if(NOT TEST kuv_stage_install)
-  add_test(NAME kuv_stage_install
-    COMMAND ${CMAKE_COMMAND} -DBUILD=${CMAKE_BINARY_DIR} -DSTAGE=${KUV_STAGE_DIR}
-            -P ${CMAKE_SOURCE_DIR}/cmake/StageInstall.cmake)
-  set_tests_properties(kuv_stage_install PROPERTIES FIXTURES_SETUP kuv_stage TIMEOUT 300)
-endif()
+add_test(NAME integration_stage_install
+  COMMAND ${CMAKE_COMMAND} -DBUILD=${CMAKE_BINARY_DIR} -DSTAGE=${KUV_STAGE_DIR}
+          -P ${CMAKE_SOURCE_DIR}/cmake/StageInstall.cmake)
+set_tests_properties(integration_stage_install PROPERTIES FIXTURES_SETUP kuv_stage TIMEOUT 300 LABELS integration)
 
-# kuv_add_fuzzer(name SOURCES a.cpp ... LIBS lib ... [RUNS n] [CORPUS dir] [DICT file]): a libFuzzer
-# target (clang, KUV_FUZZ=ON) plus a bounded smoke run in ctest, labelled "fuzz". The smoke run starts
-# from the seed corpus (read only; new units go to a scratch corpus in the build tree) with the dictionary.
-if(NOT TARGET kuv_fuzz_targets)
-  add_custom_target(kuv_fuzz_targets)
-endif()
+# kuv_add_fuzzer(fuzz_<area> SOURCES a.cpp ... LIBS lib ... [RUNS n] [CORPUS dir] [DICT file]): a libFuzzer
+# target (clang, KUV_FUZZ=ON) plus a bounded smoke run of the same name in ctest, labelled "fuzz". The
+# smoke run starts from the seed corpus (read only; new units go to a scratch corpus in the build tree)
+# with the dictionary.
+add_custom_target(kuv_fuzz_targets)
 function(kuv_add_fuzzer name)
   cmake_parse_arguments(F "" "RUNS;CORPUS;DICT" "SOURCES;LIBS" ${ARGN})
+  if(NOT name MATCHES "^fuzz_[a-z0-9_]+$")
+    message(FATAL_ERROR "fuzzer ${name}: a fuzzer is named fuzz_<area>")
+  endif()
   if(NOT F_RUNS)
     set(F_RUNS 20000)
   endif()
@@ -84,6 +88,6 @@ function(kuv_add_fuzzer name)
     file(MAKE_DIRECTORY ${scratch})
     list(APPEND args ${scratch} ${F_CORPUS})
   endif()
-  add_test(NAME ${name}_smoke COMMAND ${name} ${args})
-  set_tests_properties(${name}_smoke PROPERTIES LABELS fuzz TIMEOUT 300 ENVIRONMENT "${KUV_TEST_ENV}")
+  add_test(NAME ${name} COMMAND ${name} ${args})
+  set_tests_properties(${name} PROPERTIES LABELS fuzz TIMEOUT 300 ENVIRONMENT "${KUV_TEST_ENV}")
 endfunction()

@@ -34,9 +34,11 @@ endforeach()
 
 # Manual pages where man finds them, compressed as Debian has them.
 file(MAKE_DIRECTORY "${root}/usr/share/man/man1")
-file(GLOB pages "${prefix}/share/man/man1/*.1")
-foreach(page IN LISTS pages)
-  get_filename_component(name "${page}" NAME)
+foreach(name kuvgui.1 kuvctl.1 kuvgui-user-integration.1)
+  set(page "${prefix}/share/man/man1/${name}")
+  if(NOT EXISTS "${page}")
+    message(FATAL_ERROR "kuvgui package: no ${CPACK_PACKAGING_INSTALL_PREFIX}/share/man/man1/${name}")
+  endif()
   execute_process(COMMAND gzip -9nc "${page}" OUTPUT_FILE "${root}/usr/share/man/man1/${name}.gz"
                   RESULT_VARIABLE rc)
   if(NOT rc EQUAL 0)
@@ -49,9 +51,10 @@ list(APPEND emptied "${prefix}/share/man/man1")
 # The commands on PATH; the programs find their installation through /proc/self/exe.
 file(MAKE_DIRECTORY "${root}/usr/bin")
 foreach(program kuvgui kuvctl kuvgui-user-integration)
-  if(EXISTS "${prefix}/bin/${program}")
-    file(CREATE_LINK "${CPACK_PACKAGING_INSTALL_PREFIX}/bin/${program}" "${root}/usr/bin/${program}" SYMBOLIC)
+  if(NOT EXISTS "${prefix}/bin/${program}")
+    message(FATAL_ERROR "kuvgui package: no ${CPACK_PACKAGING_INSTALL_PREFIX}/bin/${program}")
   endif()
+  file(CREATE_LINK "${CPACK_PACKAGING_INSTALL_PREFIX}/bin/${program}" "${root}/usr/bin/${program}" SYMBOLIC)
 endforeach()
 
 file(MAKE_DIRECTORY "${root}/usr/share/doc/kuvgui")

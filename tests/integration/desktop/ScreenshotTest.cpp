@@ -123,7 +123,7 @@ TEST(DesktopScreenshot, MainWindowWithSamplePluginsUnderXvfb)
     setenv("QT_QPA_PLATFORM", "xcb", 1);
     setenv("DISPLAY", x.display().c_str(), 1);
     static int argc = 1;
-    static char name[] = "itest_desktop_screenshot";
+    static char name[] = "integration_desktop_screenshot";
     static char* argv[] = {name, nullptr};
     QGuiApplication app(argc, argv);
     QScreen* screen = QGuiApplication::primaryScreen();

@@ -118,7 +118,7 @@ TEST(TrayScreenshot, IconDocksShowsAttentionAndTheWindowUnderXvfb)
     setenv("QT_QPA_PLATFORM", "xcb", 1);
     setenv("DISPLAY", x.display().c_str(), 1);
     static int argc = 1;
-    static char name[] = "itest_tray_screenshot";
+    static char name[] = "integration_quarantine_tray";
     static char* argv[] = {name, nullptr};
     QGuiApplication app(argc, argv);
     QScreen* screen = QGuiApplication::primaryScreen();

@@ -49,7 +49,7 @@
 namespace {
 
 int g_argc = 1;
-char g_arg0[] = "scangui_page_test";
+char g_arg0[] = "integration_scangui_page";
 char* g_argv[] = {g_arg0, nullptr};
 
 std::vector<Json::Value> journalOf(const std::string& path, const char* event)

@@ -34,7 +34,7 @@ namespace {
 
 // A word that is no command: the shell starts without a first-start request of its own.
 int g_argc = 2;
-char g_arg0[] = "guishell_test";
+char g_arg0[] = "unit_guishell";
 char g_arg1[] = "no-command";
 char* g_argv[] = {g_arg0, g_arg1, nullptr};
 
@@ -284,7 +284,7 @@ TEST(GuiShellNoDisplay, InitFailsInsteadOfAbortingWithoutADisplay)
         setenv("QT_QPA_PLATFORM", "xcb", 1);
         unsetenv("DISPLAY");
         static int argc = 1;
-        static char arg0[] = "guishell_test";
+        static char arg0[] = "unit_guishell";
         static char* argv[] = {arg0, nullptr};
         const int rc = KuvGuiInterface::init(argc, argv, sUninstallFunc{nullptr, nullptr});
         std::_Exit(rc != 0 ? 7 : 0);

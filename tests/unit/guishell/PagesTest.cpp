@@ -41,7 +41,7 @@
 namespace {
 
 int g_argc = 1;
-char g_arg0[] = "guishell_pages_test";
+char g_arg0[] = "unit_guishell_pages";
 char* g_argv[] = {g_arg0, nullptr};
 
 struct SamplePlugin {

@@ -5,7 +5,7 @@
 #include "BFLog.h"
 
 namespace {
-const char* const kSourceFile = "gui/service/core/adaptor/CGuiMsgHandle";
+BF_LOG_SOURCE("gui/service/core/adaptor/CGuiMsgHandle");
 const int64_t kMsgTypeUpdatePlugins = 1003;
 } // namespace
 
@@ -27,8 +27,7 @@ void CGuiMsgHandle::ReceiveCallback(uint64_t, int64_t msgType, const char* conte
     if (content != nullptr && length > 0) {
         body.assign(content, static_cast<size_t>(length));
     }
-    BFLogPrintX(LOG_LEVEL_INFO, kSourceFile, "ReceiveCallback", __LINE__, "[CGuiMsgHandle] msgType = %d, content = %s",
-                static_cast<int>(msgType), body.c_str());
+    BF_LOG(LOG_LEVEL_INFO, "[CGuiMsgHandle] msgType = %d, content = %s", static_cast<int>(msgType), body.c_str());
 
     // Runs on the bus's delivering thread; the hook must be safe there.
     if (msgType == kMsgTypeUpdatePlugins && m_pfnCallback != nullptr) {

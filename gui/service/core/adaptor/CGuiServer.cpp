@@ -11,8 +11,8 @@
 #include "JRGUIContextMenuScan.h"
 #include "KuvGuiInterface.h"
 
-#define SERVER_LOG(level, ...) \
-    BFLogPrintX(level, "gui/service/core/adaptor/CGuiServer", __FUNCTION__, __LINE__, __VA_ARGS__)
+// The source named in every record of this file.
+BF_LOG_SOURCE("gui/service/core/adaptor/CGuiServer");
 
 namespace {
 
@@ -69,7 +69,7 @@ void CGuiServer::RecvData(CCharVector& data, long /*kind*/, void* /*context*/, u
     switch (head.type) {
     case GUI_MSG_SHOW_MAIN:
         KuvGuiInterface::ctrl(GUI_CTR_SHOW_MAIN, nullptr);
-        SERVER_LOG(LOG_LEVEL_INFO, "CGuiServer: show main windows.");
+        BF_LOG(LOG_LEVEL_INFO, "CGuiServer: show main windows.");
         break;
     case GUI_MSG_CONTEXT_MENU_SCAN: {
         JsonReflect::JRGUIContextMenuScan::JRGUIContextMenuScan record;
@@ -80,8 +80,8 @@ void CGuiServer::RecvData(CCharVector& data, long /*kind*/, void* /*context*/, u
         const std::string payload(text, strnlen(text, available));
         const size_t bound = jsonElementBound(payload);
         if (bound > kMaxScanPaths) {
-            SERVER_LOG(LOG_LEVEL_WARN, "CGuiServer: context menu scan of up to %zu paths refused (at most %zu).",
-                       bound, kMaxScanPaths);
+            BF_LOG(LOG_LEVEL_WARN, "CGuiServer: context menu scan of up to %zu paths refused (at most %zu).",
+                   bound, kMaxScanPaths);
             break;
         }
         if (record.FromJsonString(payload)) {
@@ -89,7 +89,7 @@ void CGuiServer::RecvData(CCharVector& data, long /*kind*/, void* /*context*/, u
                 paths.push_back(path);
                 // The path comes from another process: stdout gets it escaped, the log escapes it itself.
                 printf("CGuiServer: context menu scan [%s].\n", kuv::escapeControl(path).c_str());
-                SERVER_LOG(LOG_LEVEL_INFO, "CGuiServer: context menu scan [%s].\n", path.c_str());
+                BF_LOG(LOG_LEVEL_INFO, "CGuiServer: context menu scan [%s].\n", path.c_str());
             }
             fflush(stdout);
         }

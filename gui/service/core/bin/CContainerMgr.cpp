@@ -16,7 +16,7 @@
 
 namespace {
 
-const char* const kSourceFile = "gui/service/core/bin/CContainerMgr";
+BF_LOG_SOURCE("gui/service/core/bin/CContainerMgr");
 const char* const kInstanceGuid = "69948CC6-CA3A-471E-9D6D-E532496DBBE2";
 const char* const kZellLogName = "kuvgui.zell";
 
@@ -25,8 +25,8 @@ const unsigned int kZellLogLine = 168;
 
 } // namespace
 
-#define CONTAINER_LOG(level, ...) BFLogPrintX(level, kSourceFile, __FUNCTION__, __LINE__, __VA_ARGS__)
-
+// The bus module's own log (kuvgui.zell): opened by zellInitLog, written by zellLogCallback on whichever
+// thread the bus module logs from.
 CLogDebug* CContainerMgr::g_pLogZell = nullptr;
 
 CContainerMgr::CContainerMgr(CGlobalTag* tag)
@@ -49,11 +49,11 @@ int CContainerMgr::init()
         return 0;
     }
     if (!zellInitLog()) {
-        CONTAINER_LOG(LOG_LEVEL_ERROR, "zellLogHelperInit failed");
+        BF_LOG(LOG_LEVEL_ERROR, "zellLogHelperInit failed");
         return 0;
     }
     if (initZell() != 1) {
-        CONTAINER_LOG(LOG_LEVEL_ERROR, "initZell failed");
+        BF_LOG(LOG_LEVEL_ERROR, "initZell failed");
         return 0;
     }
     m_nStatus = 1;
@@ -127,19 +127,19 @@ bool CContainerMgr::zellInitLog()
 
 int CContainerMgr::initZell()
 {
-    CONTAINER_LOG(LOG_LEVEL_INFO, "[CContainerMgr] start init zell");
+    BF_LOG(LOG_LEVEL_INFO, "[CContainerMgr] start init zell");
 
     const std::string baseDir = getBaseDir();
     const std::string libPath = baseDir + "lib/modules/libZellClientMgr.so";
     m_hModule = dlopen(libPath.c_str(), RTLD_LAZY);
     if (m_hModule == nullptr) {
-        CONTAINER_LOG(LOG_LEVEL_ERROR, "dlopen failed: %s.", dlerror());
+        BF_LOG(LOG_LEVEL_ERROR, "dlopen failed: %s.", dlerror());
         return 0;
     }
 
     auto createInstance = reinterpret_cast<PFN_CreateInstance>(dlsym(m_hModule, "CreateInstance"));
     if (createInstance == nullptr) {
-        CONTAINER_LOG(LOG_LEVEL_ERROR, "dlsym CreateInstance failed: %s.", dlerror());
+        BF_LOG(LOG_LEVEL_ERROR, "dlsym CreateInstance failed: %s.", dlerror());
         dlclose(m_hModule);
         return 0;
     }
@@ -179,7 +179,7 @@ int CContainerMgr::initZell()
     m_pZellProxy->setLogCallback(&CContainerMgr::zellLogCallback);
     m_pZellProxy->setLogMask(0xFFFFFFFF);
 
-    CONTAINER_LOG(LOG_LEVEL_INFO, "[CContainerMgr] end init zell");
+    BF_LOG(LOG_LEVEL_INFO, "[CContainerMgr] end init zell");
     return 1;
 }
 
@@ -208,19 +208,19 @@ void CContainerMgr::zellLogCallback(int level, const char* text, int)
         mapped = LOG_LEVEL_TRACE;
         break;
     }
-    LogPrintStrEx(g_pLogZell, mapped, kSourceFile, "zellLogCallback", kZellLogLine, text);
+    LogPrintStrEx(g_pLogZell, mapped, kBFLogSource, "zellLogCallback", kZellLogLine, text);
 }
 
 int CContainerMgr::uninit()
 {
-    CONTAINER_LOG(LOG_LEVEL_INFO, "[CContainerMgr] start uninit");
+    BF_LOG(LOG_LEVEL_INFO, "[CContainerMgr] start uninit");
     if (!m_bInit) {
-        CONTAINER_LOG(LOG_LEVEL_ERROR, "[CContainerMgr] uninit failed, not init");
+        BF_LOG(LOG_LEVEL_ERROR, "[CContainerMgr] uninit failed, not init");
         return 0;
     }
 
     if (m_pZellProxy != nullptr) {
-        CONTAINER_LOG(LOG_LEVEL_INFO, "[CContainerMgr] start uninit zell");
+        BF_LOG(LOG_LEVEL_INFO, "[CContainerMgr] start uninit zell");
         m_pZellProxy->stop();
         m_pZellProxy->release();
         auto destroyInstance = reinterpret_cast<PFN_DestoryInstance>(dlsym(m_hModule, "DestoryInstance"));
@@ -228,13 +228,13 @@ int CContainerMgr::uninit()
             destroyInstance(kInstanceGuid, m_pZellProxy);
             m_pZellProxy = nullptr;
         } else {
-            CONTAINER_LOG(LOG_LEVEL_ERROR, "dlsym DestoryInstance failed: %s.", dlerror());
+            BF_LOG(LOG_LEVEL_ERROR, "dlsym DestoryInstance failed: %s.", dlerror());
         }
         // The handle field keeps its value; m_bInit guards against a second close.
         dlclose(m_hModule);
-        CONTAINER_LOG(LOG_LEVEL_INFO, "[CContainerMgr] end uninit zell");
+        BF_LOG(LOG_LEVEL_INFO, "[CContainerMgr] end uninit zell");
     } else {
-        CONTAINER_LOG(LOG_LEVEL_INFO, "[CContainerMgr] m_pZellProxy is null");
+        BF_LOG(LOG_LEVEL_INFO, "[CContainerMgr] m_pZellProxy is null");
     }
 
     if (g_pLogZell != nullptr) {
@@ -243,20 +243,20 @@ int CContainerMgr::uninit()
     }
 
     m_bInit = false;
-    CONTAINER_LOG(LOG_LEVEL_INFO, "[LogInfoX] end uninit");
+    BF_LOG(LOG_LEVEL_INFO, "[LogInfoX] end uninit");
     return 1;
 }
 
 IZellMREndPoint4* CContainerMgr::createEndPoint()
 {
     if (m_pZellProxy == nullptr) {
-        CONTAINER_LOG(LOG_LEVEL_ERROR, "[CContainerMgr] m_pZellProxy is null.");
+        BF_LOG(LOG_LEVEL_ERROR, "[CContainerMgr] m_pZellProxy is null.");
         return nullptr;
     }
     // The caller names the endpoint and registers its receivers.
     IZellMREndPoint4* endPoint = m_pZellProxy->createEndPoint();
     if (endPoint == nullptr) {
-        CONTAINER_LOG(LOG_LEVEL_ERROR, "[CContainerMgr] endPoint is null.");
+        BF_LOG(LOG_LEVEL_ERROR, "[CContainerMgr] endPoint is null.");
         return nullptr;
     }
     return endPoint;
@@ -265,11 +265,11 @@ IZellMREndPoint4* CContainerMgr::createEndPoint()
 int64_t CContainerMgr::destroyEndPoint(IZellMREndPoint4* endPoint)
 {
     if (endPoint == nullptr) {
-        CONTAINER_LOG(LOG_LEVEL_ERROR, "[CContainerMgr] obj is null.");
+        BF_LOG(LOG_LEVEL_ERROR, "[CContainerMgr] obj is null.");
         return 0;
     }
     if (m_pZellProxy == nullptr) {
-        CONTAINER_LOG(LOG_LEVEL_ERROR, "[CContainerMgr] m_pZellProxy is null.");
+        BF_LOG(LOG_LEVEL_ERROR, "[CContainerMgr] m_pZellProxy is null.");
         return 0;
     }
     endPoint->uninit();

@@ -17,7 +17,7 @@
 
 namespace {
 
-const char* const kSourceFile = "gui/service/core/bin/CPluginMgr";
+BF_LOG_SOURCE("gui/service/core/bin/CPluginMgr");
 
 // "a | b | " : every element is followed by the separator, so an empty list gives "".
 template <typename Container>
@@ -49,8 +49,8 @@ std::string getString(const char* key, const Json::Value& value, const std::stri
 
 } // namespace
 
-#define PLUGIN_LOG(level, ...) BFLogPrintX(level, kSourceFile, __FUNCTION__, __LINE__, __VA_ARGS__)
-
+// Lives on the GUI thread, where the loader loads and unloads; the loader's unload reports reach it
+// through the event loop.
 CPluginMgr::CPluginMgr(QObject* parent) : QObject(parent), m_pConMgr(nullptr), m_pGlobalTag(nullptr)
 {
     // Queued: the loader may report from wherever it unloads, the endpoint table is touched only here.
@@ -82,7 +82,7 @@ std::vector<std::string> CPluginMgr::allMapFile()
     std::vector<std::string> paths;
     for (const CFileInfo& entry : entries) {
         if (entry.isSymLink()) {
-            PLUGIN_LOG(LOG_LEVEL_WARN, "%s is symlink", entry.absoluteFilePath().c_str());
+            BF_LOG(LOG_LEVEL_WARN, "%s is symlink", entry.absoluteFilePath().c_str());
             continue;
         }
         paths.push_back(entry.absoluteFilePath());
@@ -94,12 +94,12 @@ int CPluginMgr::readOneMapFile(const std::string& path, sComboPluginInfo& info)
 {
     CFile file(path);
     if (!file.open(std::ios::in)) {
-        PLUGIN_LOG(LOG_LEVEL_ERROR, "open %s failed", path.c_str());
+        BF_LOG(LOG_LEVEL_ERROR, "open %s failed", path.c_str());
         return -1;
     }
     std::string content;
     if (!file.ReadAll(content)) {
-        PLUGIN_LOG(LOG_LEVEL_ERROR, "read %s content failed", path.c_str());
+        BF_LOG(LOG_LEVEL_ERROR, "read %s content failed", path.c_str());
         file.close(std::ios::in | std::ios::out);
         return -2;
     }
@@ -107,7 +107,7 @@ int CPluginMgr::readOneMapFile(const std::string& path, sComboPluginInfo& info)
 
     Json::Value root;
     if (!CppJson::LoadJsonString(content, root)) {
-        PLUGIN_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] load json failed, json = %s", content.c_str());
+        BF_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] load json failed, json = %s", content.c_str());
         return -3;
     }
 
@@ -121,7 +121,7 @@ int CPluginMgr::readOneMapFile(const std::string& path, sComboPluginInfo& info)
         list = &root["pluginList"];
     }
     if (list == nullptr) {
-        PLUGIN_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] pluginList not exist, json = %s", content.c_str());
+        BF_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] pluginList not exist, json = %s", content.c_str());
         return -4;
     }
     for (Json::ArrayIndex i = 0; i < list->size(); ++i) {
@@ -139,7 +139,7 @@ int CPluginMgr::installPlugin(std::string plugin)
     if (endPoint == nullptr) {
         endPoint = m_pConMgr != nullptr ? m_pConMgr->createEndPoint() : nullptr;
         if (endPoint == nullptr) {
-            PLUGIN_LOG(LOG_LEVEL_ERROR, "create endPoint is null, plugin name is %s", plugin.c_str());
+            BF_LOG(LOG_LEVEL_ERROR, "create endPoint is null, plugin name is %s", plugin.c_str());
             return -1;
         }
     }
@@ -151,13 +151,13 @@ int CPluginMgr::installPlugin(std::string plugin)
 
     // The loader's outcome is not awaited: the endpoint belongs to the plugin from here on.
     m_mapPluginEndpoint[name] = endPoint;
-    PLUGIN_LOG(LOG_LEVEL_INFO, "加载插件: %s", plugin.c_str());
+    BF_LOG(LOG_LEVEL_INFO, "加载插件: %s", plugin.c_str());
     return 0;
 }
 
 int CPluginMgr::unInstallPlugin(std::string plugin)
 {
-    PLUGIN_LOG(LOG_LEVEL_INFO, "卸载插件: %s", plugin.c_str());
+    BF_LOG(LOG_LEVEL_INFO, "卸载插件: %s", plugin.c_str());
     // The endpoint is given back when the loader reports the unload.
     CQPluginManager::singleInstance()->unstallPluginAsyn(QString::fromStdString(plugin));
     return 0;
@@ -167,7 +167,7 @@ int CPluginMgr::installCombo(std::string combo)
 {
     auto it = m_mapComboPlugin.find(combo);
     if (it == m_mapComboPlugin.end()) {
-        PLUGIN_LOG(LOG_LEVEL_ERROR, "combo %s not support", combo.c_str());
+        BF_LOG(LOG_LEVEL_ERROR, "combo %s not support", combo.c_str());
         return -1;
     }
     for (const std::string& plugin : it->second.pluginList) {
@@ -180,7 +180,7 @@ int CPluginMgr::unInstallCombo(std::string combo)
 {
     auto it = m_mapComboPlugin.find(combo);
     if (it == m_mapComboPlugin.end()) {
-        PLUGIN_LOG(LOG_LEVEL_ERROR, "combo %s not support", combo.c_str());
+        BF_LOG(LOG_LEVEL_ERROR, "combo %s not support", combo.c_str());
         return -1;
     }
 
@@ -195,7 +195,7 @@ int CPluginMgr::unInstallCombo(std::string combo)
         }
         auto self = users->second.find(combo);
         if (self == users->second.end()) {
-            PLUGIN_LOG(LOG_LEVEL_ERROR, "plugin %s depend combo list not find %s", plugin->c_str(), combo.c_str());
+            BF_LOG(LOG_LEVEL_ERROR, "plugin %s depend combo list not find %s", plugin->c_str(), combo.c_str());
             continue;
         }
         users->second.erase(self);
@@ -237,29 +237,29 @@ void CPluginMgr::slot_cleanPluginEndpoint(QString pluginName, int)
 {
     // No lock: the queued connection runs this in the manager's own thread.
     const QByteArray name = pluginName.toUtf8();
-    PLUGIN_LOG(LOG_LEVEL_INFO, "start destroy %s endpoint", name.constData());
+    BF_LOG(LOG_LEVEL_INFO, "start destroy %s endpoint", name.constData());
 
     auto it = m_mapPluginEndpoint.find(pluginName);
     if (it == m_mapPluginEndpoint.end()) {
-        PLUGIN_LOG(LOG_LEVEL_WARN, "not find endpoint");
+        BF_LOG(LOG_LEVEL_WARN, "not find endpoint");
         return;
     }
     if (it.value() == nullptr) {
-        PLUGIN_LOG(LOG_LEVEL_WARN, "endpoint is null");
+        BF_LOG(LOG_LEVEL_WARN, "endpoint is null");
         return;
     }
     if (m_pConMgr == nullptr) {
-        PLUGIN_LOG(LOG_LEVEL_WARN, "conmgr is null, not destroyEndPoint %s", name.constData());
+        BF_LOG(LOG_LEVEL_WARN, "conmgr is null, not destroyEndPoint %s", name.constData());
         return;
     }
     m_pConMgr->destroyEndPoint(it.value());
     m_mapPluginEndpoint.erase(it);
-    PLUGIN_LOG(LOG_LEVEL_INFO, "destroy endpoint end");
+    BF_LOG(LOG_LEVEL_INFO, "destroy endpoint end");
 }
 
 int CPluginMgr::updatePluginStatus()
 {
-    PLUGIN_LOG(LOG_LEVEL_INFO, "[CPluginMgr] --------------- start update plugin ---------------");
+    BF_LOG(LOG_LEVEL_INFO, "[CPluginMgr] --------------- start update plugin ---------------");
 
     // The installed set and the endpoints survive an update; the tables are rebuilt from the files.
     std::map<std::string, sComboPluginInfo>().swap(m_mapComboPlugin);
@@ -269,7 +269,7 @@ int CPluginMgr::updatePluginStatus()
     for (const std::string& path : allMapFile()) {
         sComboPluginInfo info;
         if (readOneMapFile(path, info) != 0) {
-            PLUGIN_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] read map file %s failed.", path.c_str());
+            BF_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] read map file %s failed.", path.c_str());
             continue;
         }
         m_mapComboPlugin[info.strCombo] = info;
@@ -277,7 +277,7 @@ int CPluginMgr::updatePluginStatus()
         if (m_mapIndexCombo.find(info.nIndex) == m_mapIndexCombo.end()) {
             m_mapIndexCombo[info.nIndex] = info.strCombo;
         } else {
-            PLUGIN_LOG(LOG_LEVEL_WARN, "[CPluginMgr] combo %s index has exist.", info.strCombo.c_str());
+            BF_LOG(LOG_LEVEL_WARN, "[CPluginMgr] combo %s index has exist.", info.strCombo.c_str());
         }
         for (const std::string& plugin : info.pluginList) {
             m_mapPluginCombos[plugin].insert(info.strCombo);
@@ -324,39 +324,39 @@ int CPluginMgr::updatePluginStatus()
     }
 
     printStrSet(m_setInstalledCombo, "installed combo");
-    PLUGIN_LOG(LOG_LEVEL_INFO, "[CPluginMgr] --------------- end update plugin ---------------");
+    BF_LOG(LOG_LEVEL_INFO, "[CPluginMgr] --------------- end update plugin ---------------");
     return 1;
 }
 
 void CPluginMgr::printComboPluginMap()
 {
-    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- combo --> plugins start ----------");
+    BF_LOG(LOG_LEVEL_INFO, "---------- combo --> plugins start ----------");
     for (const auto& entry : m_mapComboPlugin) {
-        PLUGIN_LOG(LOG_LEVEL_INFO, "combo = %s, pluginList = %s", entry.first.c_str(),
-                   joinList(entry.second.pluginList).c_str());
+        BF_LOG(LOG_LEVEL_INFO, "combo = %s, pluginList = %s", entry.first.c_str(),
+               joinList(entry.second.pluginList).c_str());
     }
-    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- combo --> plugins end  ----------");
+    BF_LOG(LOG_LEVEL_INFO, "---------- combo --> plugins end  ----------");
 }
 
 void CPluginMgr::printIndexComboMap()
 {
-    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- index --> combo start ----------");
+    BF_LOG(LOG_LEVEL_INFO, "---------- index --> combo start ----------");
     for (const auto& entry : m_mapIndexCombo) {
-        PLUGIN_LOG(LOG_LEVEL_INFO, "index = %d, combo = %s", entry.first, entry.second.c_str());
+        BF_LOG(LOG_LEVEL_INFO, "index = %d, combo = %s", entry.first, entry.second.c_str());
     }
-    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- index --> combo end ----------");
+    BF_LOG(LOG_LEVEL_INFO, "---------- index --> combo end ----------");
 }
 
 void CPluginMgr::printPluginCombosMap()
 {
-    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- plugins --> combos start ----------");
+    BF_LOG(LOG_LEVEL_INFO, "---------- plugins --> combos start ----------");
     for (const auto& entry : m_mapPluginCombos) {
-        PLUGIN_LOG(LOG_LEVEL_INFO, "plugin = %s, combo = %s", entry.first.c_str(), joinList(entry.second).c_str());
+        BF_LOG(LOG_LEVEL_INFO, "plugin = %s, combo = %s", entry.first.c_str(), joinList(entry.second).c_str());
     }
-    PLUGIN_LOG(LOG_LEVEL_INFO, "---------- plugins --> combos end ----------");
+    BF_LOG(LOG_LEVEL_INFO, "---------- plugins --> combos end ----------");
 }
 
 void CPluginMgr::printStrSet(const std::set<std::string>& set, const std::string& name)
 {
-    PLUGIN_LOG(LOG_LEVEL_INFO, "[CPluginMgr] %s : %s ", name.c_str(), joinList(set).c_str());
+    BF_LOG(LOG_LEVEL_INFO, "[CPluginMgr] %s : %s ", name.c_str(), joinList(set).c_str());
 }

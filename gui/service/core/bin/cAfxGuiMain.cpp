@@ -26,8 +26,8 @@
 #include "Guid.h"
 #include "KuvGuiInterface.h"
 
-#define APP_LOG(level, ...) \
-    BFLogPrintX(level, "gui/service/core/bin/cAfxGuiMain", __FUNCTION__, __LINE__, __VA_ARGS__)
+// The source named in every record of this file.
+BF_LOG_SOURCE("gui/service/core/bin/cAfxGuiMain");
 
 namespace {
 const char* const kAppGuid = "F6352E50-5C40-11EE-BEE1-47BAD2011C1F";
@@ -70,14 +70,14 @@ int CAfxGuiMain::init(int& argc, char** argv)
     }
 
     if (!CMervoConfigProxy::instance()->init(ConstConfig::singleInstance()->getInstallDir())) {
-        APP_LOG(LOG_LEVEL_ERROR, "===== configproxy init faild. =====");
+        BF_LOG(LOG_LEVEL_ERROR, "===== configproxy init faild. =====");
         return -1;
     }
 
     startBackand();
 
     if (initComm() != 1) {
-        APP_LOG(LOG_LEVEL_ERROR, "failed to init communication");
+        BF_LOG(LOG_LEVEL_ERROR, "failed to init communication");
         return -1;
     }
 
@@ -105,7 +105,7 @@ int CAfxGuiMain::initComm()
 {
     m_pContainerMgr = new CContainerMgr(m_pGlobalTag);
     if (m_pContainerMgr->init() != 1) {
-        APP_LOG(LOG_LEVEL_ERROR, "init ContainerMgr failed");
+        BF_LOG(LOG_LEVEL_ERROR, "init ContainerMgr failed");
         return 0;
     }
 
@@ -114,12 +114,12 @@ int CAfxGuiMain::initComm()
         GUID guid{};
         stringToGuid(guid, kAppGuid);
         if (m_pEndPoint->init(guid) != 0) {
-            APP_LOG(LOG_LEVEL_ERROR, "[CAfxGuiMain] init failed, guid is [%s]", kAppGuid);
+            BF_LOG(LOG_LEVEL_ERROR, "[CAfxGuiMain] init failed, guid is [%s]", kAppGuid);
             return 0;
         }
         m_pEndPoint->registerRecvNotify(kMsgTypeUpdatePlugins, m_pGuiMsgHandle, 0);
     } else {
-        APP_LOG(LOG_LEVEL_ERROR, "create CAfxGuiMain endpoint failed.");
+        BF_LOG(LOG_LEVEL_ERROR, "create CAfxGuiMain endpoint failed.");
     }
 
     // A command server that cannot listen costs the second-start commands, not the GUI.
@@ -146,10 +146,10 @@ void CAfxGuiMain::exit()
     ConfigModule::UninitInstance();
 
     if (KuvGuiInterface::ctrl(GUI_CTR_STOP_BACKEND, nullptr)) {
-        APP_LOG(LOG_LEVEL_INFO, "====== stop backend ======\n");
+        BF_LOG(LOG_LEVEL_INFO, "====== stop backend ======\n");
         stopBackand();
     } else {
-        APP_LOG(LOG_LEVEL_INFO, "====== not stop backend ======\n");
+        BF_LOG(LOG_LEVEL_INFO, "====== not stop backend ======\n");
     }
 
     CMervoConfigProxy::instance()->unloadLib();
@@ -219,18 +219,18 @@ void CAfxGuiMain::startBackand()
 {
     CFile marker(ConstConfig::singleInstance()->getInstallDir() + kBackendMarker);
     if (marker.exists()) {
-        APP_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] find %s ...", kBackendMarker);
+        BF_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] find %s ...", kBackendMarker);
         try {
             if (marker.remove()) {
-                APP_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] remove %s finish", kBackendMarker);
+                BF_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] remove %s finish", kBackendMarker);
             } else {
-                APP_LOG(LOG_LEVEL_WARN, "[CAfxGuiMain] remove %s failed", kBackendMarker);
+                BF_LOG(LOG_LEVEL_WARN, "[CAfxGuiMain] remove %s failed", kBackendMarker);
             }
         } catch (const std::runtime_error& e) {
-            APP_LOG(LOG_LEVEL_WARN, "删除文件时发生异常: %s", e.what());
+            BF_LOG(LOG_LEVEL_WARN, "删除文件时发生异常: %s", e.what());
         }
     } else {
-        APP_LOG(LOG_LEVEL_WARN, "[CAfxGuiMain] not find %s", kBackendMarker);
+        BF_LOG(LOG_LEVEL_WARN, "[CAfxGuiMain] not find %s", kBackendMarker);
     }
 }
 
@@ -238,34 +238,34 @@ void CAfxGuiMain::stopBackand()
 {
     CFile marker(ConstConfig::singleInstance()->getInstallDir() + kBackendMarker);
     if (!marker.exists()) {
-        APP_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] not find %s", kBackendMarker);
+        BF_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] not find %s", kBackendMarker);
         if (marker.open(std::ios::out)) {
             marker.close(std::ios::in | std::ios::out);
-            APP_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] create %s finish", kBackendMarker);
+            BF_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] create %s finish", kBackendMarker);
         } else {
-            APP_LOG(LOG_LEVEL_WARN, "[CAfxGuiMain] open %s failed", kBackendMarker);
+            BF_LOG(LOG_LEVEL_WARN, "[CAfxGuiMain] open %s failed", kBackendMarker);
         }
     } else {
-        APP_LOG(LOG_LEVEL_WARN, "[CAfxGuiMain] find %s", kBackendMarker);
+        BF_LOG(LOG_LEVEL_WARN, "[CAfxGuiMain] find %s", kBackendMarker);
     }
 }
 
 void CAfxGuiMain::startGuiGuard()
 {
-    APP_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] start gui guard");
+    BF_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] start gui guard");
     const std::string script = ConstConfig::singleInstance()->getInstallDir() + "script/" + "kuvgui_guard.sh";
     if (access(script.c_str(), F_OK) != 0) {
-        APP_LOG(LOG_LEVEL_WARN, "[CAfxGuiMain] not find  %s", script.c_str());
+        BF_LOG(LOG_LEVEL_WARN, "[CAfxGuiMain] not find  %s", script.c_str());
         return;
     }
-    APP_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] find %s", script.c_str());
+    BF_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] find %s", script.c_str());
     const std::string arguments = "1";
-    APP_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] Cmd %s", arguments.c_str());
+    BF_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] Cmd %s", arguments.c_str());
     CProcess process;
     const int rc = process.execute(script, arguments, true);
-    APP_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] start kuvgui_guard end");
+    BF_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] start kuvgui_guard end");
     if (rc != 1) {
-        APP_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] restart kuvgui_guard failed");
+        BF_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] restart kuvgui_guard failed");
     }
 }
 
@@ -276,8 +276,8 @@ void CAfxGuiMain::monitorVersion(void* /*data*/)
         return;
     }
     // The stored version is kept: the restart is asked for again until this process is replaced.
-    APP_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] client version changed from [%s] to [%s], restart the user interface",
-            m_strClientVersion.c_str(), current.c_str());
+    BF_LOG(LOG_LEVEL_INFO, "[CAfxGuiMain] client version changed from [%s] to [%s], restart the user interface",
+           m_strClientVersion.c_str(), current.c_str());
     const std::string command = QCoreApplication::applicationDirPath().toStdString() + "/../script/starttaviksd.sh";
     CProcess process;
     process.execute(command, "user_restart", true);
@@ -285,10 +285,10 @@ void CAfxGuiMain::monitorVersion(void* /*data*/)
 
 void CAfxGuiMain::updatePlugins_s(void* data)
 {
-    APP_LOG(LOG_LEVEL_ERROR, "[CAfxGuiMain] updatePlugins_s: plugin update notice received");
+    BF_LOG(LOG_LEVEL_ERROR, "[CAfxGuiMain] updatePlugins_s: plugin update notice received");
     if (data != nullptr) {
-        APP_LOG(LOG_LEVEL_ERROR, "[CAfxGuiMain] updatePlugins_s: plugin state is evaluated at start, nothing to do");
+        BF_LOG(LOG_LEVEL_ERROR, "[CAfxGuiMain] updatePlugins_s: plugin state is evaluated at start, nothing to do");
     } else {
-        APP_LOG(LOG_LEVEL_ERROR, "[CAfxGuiMain] data is null");
+        BF_LOG(LOG_LEVEL_ERROR, "[CAfxGuiMain] data is null");
     }
 }

@@ -2,6 +2,11 @@
 // back-end marker, guard script, restart monitor and the bus hook.
 #include <unistd.h>
 
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
 #include <QCoreApplication>
 #include <QFile>
 
@@ -63,6 +68,53 @@ protected:
     void TearDown() override { releaseSingletons(); }
 };
 
+// A private installation and, once a test asks for it, an application object living in it. The doubles
+// are set up before app() is first called, as the constructor reads them.
+class InstalledApp : public AppFixture {
+protected:
+    void SetUp() override
+    {
+        AppFixture::SetUp();
+        m_inst = std::make_unique<TempInstall>();
+    }
+    void TearDown() override
+    {
+        m_app.reset();
+        AppFixture::TearDown();
+        m_inst.reset();
+    }
+
+    TempInstall& inst() { return *m_inst; }
+
+    CAfxGuiMain& app()
+    {
+        if (!m_app) {
+            m_app = std::make_unique<CAfxGuiMain>(nullptr);
+        }
+        return *m_app;
+    }
+
+    // init with the standard output captured into out().
+    int init()
+    {
+        CAfxGuiMain& application = app();
+        int argc = 1;
+        testing::internal::CaptureStdout();
+        const int rc = application.init(argc, g_argv);
+        m_out = testing::internal::GetCapturedStdout();
+        return rc;
+    }
+
+    const std::string& out() const { return m_out; }
+
+    void destroyApp() { m_app.reset(); }
+
+private:
+    std::unique_ptr<TempInstall> m_inst;
+    std::unique_ptr<CAfxGuiMain> m_app;
+    std::string m_out;
+};
+
 PFN_KUVGUI_SERVICE_RUN linkedService() { return &kuvgui_service_run; }
 int g_resolveCount = 0;
 PFN_KUVGUI_SERVICE_RUN countingResolve()
@@ -74,10 +126,9 @@ PFN_KUVGUI_SERVICE_RUN countingResolve()
 } // namespace
 
 // The whole life of a first instance, as the journal of platform calls sees it.
-TEST_F(AppFixture, StartUpAndShutDownRunInTheirFixedOrder)
+TEST_F(InstalledApp, StartUpAndShutDownRunInTheirFixedOrder)
 {
-    TempInstall inst;
-    apptest::TempInstall::copy(inst.guard(), inst.marker()); // a marker left from an earlier exit
+    TempInstall::copy(inst().guard(), inst().marker()); // a marker left from an earlier exit
     fake::setShellStopBackendAnswer(true);
 
     testing::internal::CaptureStdout();
@@ -96,12 +147,12 @@ TEST_F(AppFixture, StartUpAndShutDownRunInTheirFixedOrder)
         "msghandle.setCallback",
         "shell.setLan zh-CN",
         // init: log, configuration proxy, (marker), communication
-        "log.set 2=" + inst.dir + "/log/",
+        "log.set 2=" + inst().dir + "/log/",
         "log.set 1=kuvgui",
         "log.set 8=4096",
         "log.set 16=2",
         "log.set 4=2",
-        "cfgmod.create 29562e31-2c2b-4fb2-9108-144d91a56755 " + inst.dir + " 1.0.0",
+        "cfgmod.create 29562e31-2c2b-4fb2-9108-144d91a56755 " + inst().dir + " 1.0.0",
         "container.new tag",
         "container.init",
         "container.createEndPoint",
@@ -114,7 +165,7 @@ TEST_F(AppFixture, StartUpAndShutDownRunInTheirFixedOrder)
         "shell.init argc=1",
         "pluginmgr.updatePluginStatus",
         "timer.add CAfxGuiMainMonitorVersion 30000",
-        "process.execute " + inst.guard() + " 1",
+        "process.execute " + inst().guard() + " 1",
         // exec
         "container.notifyRunning",
         "shell.exec",
@@ -139,7 +190,7 @@ TEST_F(AppFixture, StartUpAndShutDownRunInTheirFixedOrder)
 
     EXPECT_EQ(out, std::string("Container[") + kTag + "] single process mark create success\n" +
                        "===== initLog =====\n===== loglevel:2\n===== logSize:4096\n===== logName:kuvgui\n"
-                       "===== logPath:" + inst.dir + "/log/\n===== logBackupMaxNum:2\n");
+                       "===== logPath:" + inst().dir + "/log/\n===== logBackupMaxNum:2\n");
     EXPECT_EQ(fake::tagAttributes().at("pid"), pid);
     EXPECT_EQ(fake::tagLiveCount(), 0);
     EXPECT_EQ(kuvguiRetainedTag(), nullptr);
@@ -149,16 +200,13 @@ TEST_F(AppFixture, StartUpAndShutDownRunInTheirFixedOrder)
     EXPECT_TRUE(logHas("[CAfxGuiMain] remove data/pubcfg/.guiexit finish", 2));
     EXPECT_TRUE(logHas("====== stop backend ======\n", 2));
     EXPECT_TRUE(logHas("[CAfxGuiMain] create data/pubcfg/.guiexit finish", 2));
-    EXPECT_TRUE(apptest::exists(inst.marker()));
-    EXPECT_EQ(kuvtest::readFile(inst.marker()), "");
+    EXPECT_TRUE(apptest::exists(inst().marker()));
+    EXPECT_EQ(kuvtest::readFile(inst().marker()), "");
 }
 
-TEST_F(AppFixture, TimerRegistrationCarriesTheMonitorArguments)
+TEST_F(InstalledApp, TimerRegistrationCarriesTheMonitorArguments)
 {
-    TempInstall inst;
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    ASSERT_EQ(app.init(argc, g_argv), 0);
+    ASSERT_EQ(init(), 0);
     const auto timers = fake::timersAdded();
     ASSERT_EQ(timers.size(), 1u);
     EXPECT_EQ(timers[0].name, "CAfxGuiMainMonitorVersion");
@@ -166,15 +214,12 @@ TEST_F(AppFixture, TimerRegistrationCarriesTheMonitorArguments)
     EXPECT_EQ(timers[0].repeat, 0);
     EXPECT_FALSE(timers[0].runNow);
     EXPECT_EQ(timers[0].mode, 1);
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, LogLinesNameTheirSourceFunctionAndLine)
+TEST_F(InstalledApp, LogLinesNameTheirSourceFunctionAndLine)
 {
-    TempInstall inst;
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    ASSERT_EQ(app.init(argc, g_argv), 0);
+    ASSERT_EQ(init(), 0);
     const auto lines = fake::logLines();
     const fake::LogLine* guard = findLog(lines, "[CAfxGuiMain] start gui guard");
     ASSERT_NE(guard, nullptr);
@@ -184,7 +229,7 @@ TEST_F(AppFixture, LogLinesNameTheirSourceFunctionAndLine)
     const fake::LogLine* marker = findLog(lines, "[CAfxGuiMain] not find data/pubcfg/.guiexit");
     ASSERT_NE(marker, nullptr);
     EXPECT_EQ(marker->function, "startBackand");
-    app.exit();
+    app().exit();
     const auto afterExit = fake::logLines();
     const fake::LogLine* exitLine = findLog(afterExit, "====== not stop backend ======\n");
     ASSERT_NE(exitLine, nullptr);
@@ -241,17 +286,16 @@ TEST_F(AppFixture, TagNotObtainableEndsWithMinusOne)
     delete kuvguiRetainedTag();
 }
 
-TEST_F(AppFixture, FailedInitKeepsTheTagAndSkipsExecAndExit)
+TEST_F(InstalledApp, FailedInitKeepsTheTagAndSkipsExecAndExit)
 {
-    TempInstall inst;
-    unlink((inst.dir + "etc/debug/gui_debug.conf").c_str());
-    apptest::TempInstall::copy(inst.guard(), inst.marker());
+    unlink((inst().dir + "etc/debug/gui_debug.conf").c_str());
+    TempInstall::copy(inst().guard(), inst().marker());
     testing::internal::CaptureStdout();
     const int rc = kuvguiEntry(1, g_argv, &linkedService);
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(rc, -1);
     EXPECT_EQ(out, std::string("Container[") + kTag + "] single process mark create success\n" +
-                       "No valid logdebug configuration file " + inst.dir + "etc/debug/gui_debug.conf\n" +
+                       "No valid logdebug configuration file " + inst().dir + "etc/debug/gui_debug.conf\n" +
                        "failed to init debug log\n");
     EXPECT_EQ(fake::shellExecCount(), 0);
     EXPECT_TRUE(fake::eventsWithPrefix("shell.ctrl").empty());
@@ -260,7 +304,7 @@ TEST_F(AppFixture, FailedInitKeepsTheTagAndSkipsExecAndExit)
     EXPECT_EQ(fake::eventsWithPrefix("tag.destroy").size(), 0u);
     // The application object itself is gone: its destructor closed the log.
     EXPECT_EQ(fake::logCloseCount(), 1);
-    EXPECT_TRUE(apptest::exists(inst.marker()));
+    EXPECT_TRUE(apptest::exists(inst().marker()));
     delete kuvguiRetainedTag();
 }
 
@@ -280,350 +324,259 @@ TEST_F(AppFixture, ConstructorBuildsManagersAndReadsTheVersion)
 
 // --- log set-up ------------------------------------------------------------------------------------------
 
-TEST_F(AppFixture, MissingDebugConfigurationFailsTheStart)
+// A debug configuration the service cannot use: missing (content null) or not JSON.
+struct UnusableDebugConfiguration {
+    const char* name;
+    const char* content;
+    friend std::ostream& operator<<(std::ostream& out, const UnusableDebugConfiguration& c) { return out << c.name; }
+};
+
+class DebugConfigurationFailure : public InstalledApp,
+                                  public testing::WithParamInterface<UnusableDebugConfiguration> {};
+
+TEST_P(DebugConfigurationFailure, FailsTheStart)
 {
-    TempInstall inst;
-    unlink((inst.dir + "etc/debug/gui_debug.conf").c_str());
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
+    const std::string path = inst().dir + "etc/debug/gui_debug.conf";
+    if (GetParam().content == nullptr) {
+        unlink(path.c_str());
+    } else {
+        kuvtest::writeFile(path, GetParam().content);
+    }
+    app();
     fake::clearEvents();
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(app.init(argc, g_argv), -1);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out, "No valid logdebug configuration file " + inst.dir + "etc/debug/gui_debug.conf\n" +
-                       "failed to init debug log\n");
+    EXPECT_EQ(init(), -1);
+    EXPECT_EQ(out(), "No valid logdebug configuration file " + path + "\n" + "failed to init debug log\n");
     EXPECT_TRUE(fake::logProperties().empty());
     EXPECT_TRUE(fake::events().empty());
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, UnparsableDebugConfigurationFailsTheStart)
-{
-    TempInstall inst;
-    kuvtest::writeFile(inst.dir + "etc/debug/gui_debug.conf", "{\"log_size\": ");
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(app.init(argc, g_argv), -1);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out, "No valid logdebug configuration file " + inst.dir + "etc/debug/gui_debug.conf\n" +
-                       "failed to init debug log\n");
-    EXPECT_TRUE(fake::logProperties().empty());
-    app.exit();
-}
+INSTANTIATE_TEST_SUITE_P(AppFixture, DebugConfigurationFailure,
+                         testing::Values(UnusableDebugConfiguration{"Missing", nullptr},
+                                         UnusableDebugConfiguration{"Unparsable", "{\"log_size\": "}),
+                         [](const testing::TestParamInfo<UnusableDebugConfiguration>& info) {
+                             return std::string(info.param.name);
+                         });
 
-TEST_F(AppFixture, ConfigurationDirectoryIsWhereTheDebugFileIsRead)
+TEST_F(InstalledApp, ConfigurationDirectoryIsWhereTheDebugFileIsRead)
 {
-    TempInstall inst;
     kuvtest::TempDir other("kuvconf");
     mkdir((other.path() + "/debug").c_str(), 0755);
     kuvtest::writeFile(other.path() + "/debug/gui_debug.conf", "{\"log_level\":4}");
     fake::setConfigurationDir(other.path() + "/");
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(init(), 0);
     EXPECT_EQ(fake::logProperties().back(), "4=4");
-    app.exit();
+    app().exit();
+    destroyApp(); // while its configuration directory is still there
 }
 
-TEST_F(AppFixture, EmptyObjectGivesTheDefaults)
+// A debug configuration whose values are all unusable: every property keeps its default.
+struct DefaultedDebugConfiguration {
+    const char* name;
+    const char* content;
+    friend std::ostream& operator<<(std::ostream& out, const DefaultedDebugConfiguration& c) { return out << c.name; }
+};
+
+class DebugConfigurationDefaults : public InstalledApp,
+                                   public testing::WithParamInterface<DefaultedDebugConfiguration> {};
+
+TEST_P(DebugConfigurationDefaults, GiveTheDefaults)
 {
-    TempInstall inst;
-    kuvtest::writeFile(inst.dir + "etc/debug/gui_debug.conf", "{}");
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(fake::logProperties(), (std::vector<std::string>{"2=" + inst.dir + "/log/", "1=kuvgui", "8=1048576",
+    kuvtest::writeFile(inst().dir + "etc/debug/gui_debug.conf", GetParam().content);
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(fake::logProperties(), (std::vector<std::string>{"2=" + inst().dir + "/log/", "1=kuvgui", "8=1048576",
                                                                "16=5", "4=3"}));
-    EXPECT_NE(out.find("===== loglevel:3\n===== logSize:1048576\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("===== logBackupMaxNum:5\n"), std::string::npos) << out;
-    app.exit();
+    EXPECT_NE(out().find("===== loglevel:3\n===== logSize:1048576\n"), std::string::npos) << out();
+    EXPECT_NE(out().find("===== logBackupMaxNum:5\n"), std::string::npos) << out();
+    app().exit();
 }
 
-TEST_F(AppFixture, LevelWrittenAsTextIsNotAnInteger)
-{
-    TempInstall inst;
-    kuvtest::writeFile(inst.dir + "etc/debug/gui_debug.conf", "{\"log_level\":\"2\",\"log_size\":2.5}");
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
-    // 2.5 is not integral either, so the size keeps its default too.
-    EXPECT_EQ(fake::logProperties(), (std::vector<std::string>{"2=" + inst.dir + "/log/", "1=kuvgui", "8=1048576",
-                                                               "16=5", "4=3"}));
-    app.exit();
-}
-
-TEST_F(AppFixture, NonObjectDocumentGivesTheDefaults)
-{
-    TempInstall inst;
-    kuvtest::writeFile(inst.dir + "etc/debug/gui_debug.conf", "[1, 2]");
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(fake::logProperties().back(), "4=3");
-    app.exit();
-}
+INSTANTIATE_TEST_SUITE_P(
+    AppFixture, DebugConfigurationDefaults,
+    testing::Values(DefaultedDebugConfiguration{"EmptyObject", "{}"},
+                    // A level written as text is not an integer, and 2.5 is not integral either.
+                    DefaultedDebugConfiguration{"LevelWrittenAsText", "{\"log_level\":\"2\",\"log_size\":2.5}"},
+                    DefaultedDebugConfiguration{"NonObjectDocument", "[1, 2]"}),
+    [](const testing::TestParamInfo<DefaultedDebugConfiguration>& info) { return std::string(info.param.name); });
 
 // --- configuration proxy and communication failures ------------------------------------------------------
 
-TEST_F(AppFixture, MissingConfigurationModuleFailsTheStart)
+TEST_F(InstalledApp, MissingConfigurationModuleFailsTheStart)
 {
-    TempInstall inst;
-    unlink((inst.dir + "lib/modules/libconfigproxy.so").c_str());
-    apptest::TempInstall::copy(inst.guard(), inst.marker());
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(app.init(argc, g_argv), -1);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("[loadLib] laod err: "), std::string::npos) << out;
+    unlink((inst().dir + "lib/modules/libconfigproxy.so").c_str());
+    TempInstall::copy(inst().guard(), inst().marker());
+    EXPECT_EQ(init(), -1);
+    EXPECT_NE(out().find("[loadLib] laod err: "), std::string::npos) << out();
     EXPECT_TRUE(logHas("===== configproxy init faild. =====", 4));
     // Nothing after the proxy step ran: the marker is still there and no bus was touched.
-    EXPECT_TRUE(apptest::exists(inst.marker()));
+    EXPECT_TRUE(apptest::exists(inst().marker()));
     EXPECT_TRUE(fake::eventsWithPrefix("container.").empty());
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, ContainerInitFailureFailsCommunication)
+TEST_F(InstalledApp, ContainerInitFailureFailsCommunication)
 {
-    TempInstall inst;
     fakeparts::setContainerInitResult(0);
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(app.init(argc, g_argv), -1);
-    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(init(), -1);
     EXPECT_TRUE(logHas("init ContainerMgr failed", 4));
     EXPECT_TRUE(logHas("failed to init communication", 4));
     EXPECT_TRUE(fake::eventsWithPrefix("container.createEndPoint").empty());
     EXPECT_TRUE(fake::eventsWithPrefix("pipe.").empty());
     EXPECT_EQ(fake::shellInitCount(), 0);
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, EndpointInitFailureFailsCommunication)
+TEST_F(InstalledApp, EndpointInitFailureFailsCommunication)
 {
-    TempInstall inst;
     fakeparts::setEndPointInitResult(5);
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(app.init(argc, g_argv), -1);
-    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(init(), -1);
     EXPECT_TRUE(logHas("[CAfxGuiMain] init failed, guid is [F6352E50-5C40-11EE-BEE1-47BAD2011C1F]", 4));
     EXPECT_TRUE(logHas("failed to init communication", 4));
     EXPECT_TRUE(fake::eventsWithPrefix("endpoint.registerRecvNotify").empty());
     EXPECT_TRUE(fake::eventsWithPrefix("pipe.").empty());
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, NoEndpointStillStartsEverythingElse)
+TEST_F(InstalledApp, NoEndpointStillStartsEverythingElse)
 {
-    TempInstall inst;
     fakeparts::setEndPointAvailable(false);
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(init(), 0);
     EXPECT_TRUE(logHas("create CAfxGuiMain endpoint failed.", 4));
     EXPECT_TRUE(fake::pipeServerRunning());
     EXPECT_EQ(fake::shellInitCount(), 1);
     EXPECT_EQ(fake::eventsWithPrefix("pluginmgr.updatePluginStatus").size(), 1u);
-    app.exec();
-    app.exit();
+    app().exec();
+    app().exit();
     EXPECT_EQ(fake::eventsWithPrefix("container."),
               (std::vector<std::string>{"container.new null", "container.init", "container.createEndPoint",
                                         "container.notifyRunning", "container.destroyEndPoint null",
                                         "container.uninit", "container.delete"}));
 }
 
-TEST_F(AppFixture, CommandServerThatCannotListenIsNotFatal)
+TEST_F(InstalledApp, CommandServerThatCannotListenIsNotFatal)
 {
-    TempInstall inst;
     fake::setPipeServerStartResult(0);
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
-    app.exit();
+    EXPECT_EQ(init(), 0);
+    app().exit();
 }
 
-TEST_F(AppFixture, ShellRefusalFailsTheStartBeforePlugins)
+TEST_F(InstalledApp, ShellRefusalFailsTheStartBeforePlugins)
 {
-    TempInstall inst;
     fake::setShellInitResult(3);
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(app.init(argc, g_argv), -1);
-    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(init(), -1);
     EXPECT_TRUE(fake::eventsWithPrefix("pluginmgr.updatePluginStatus").empty());
     EXPECT_TRUE(fake::timersAdded().empty());
     EXPECT_TRUE(fake::processRuns().empty());
     // The plugin manager was set up before the shell was asked.
     EXPECT_EQ(fake::eventsWithPrefix("pluginmgr.init").size(), 1u);
-    app.exit();
+    app().exit();
 }
 
 // --- back-end marker -------------------------------------------------------------------------------------
 
-TEST_F(AppFixture, SecondStartFindsNoMarker)
+TEST_F(InstalledApp, SecondStartFindsNoMarker)
 {
-    TempInstall inst;
-    apptest::TempInstall::copy(inst.guard(), inst.marker());
+    TempInstall::copy(inst().guard(), inst().marker());
     for (int round = 0; round < 2; ++round) {
         fake::resetLog();
-        CAfxGuiMain app(nullptr);
-        int argc = 1;
-        testing::internal::CaptureStdout();
-        ASSERT_EQ(app.init(argc, g_argv), 0);
-        testing::internal::GetCapturedStdout();
+        ASSERT_EQ(init(), 0);
         if (round == 0) {
             EXPECT_TRUE(logHas("[CAfxGuiMain] find data/pubcfg/.guiexit ...", 2));
             EXPECT_TRUE(logHas("[CAfxGuiMain] remove data/pubcfg/.guiexit finish", 2));
         } else {
             EXPECT_TRUE(logHas("[CAfxGuiMain] not find data/pubcfg/.guiexit", 3));
         }
-        EXPECT_FALSE(apptest::exists(inst.marker()));
-        app.exit();
+        EXPECT_FALSE(apptest::exists(inst().marker()));
+        app().exit();
+        destroyApp();
         releaseSingletons();
-        fake::setInstallDir(inst.dir);
+        fake::setInstallDir(inst().dir);
     }
 }
 
-TEST_F(AppFixture, MarkerThatCannotBeRemovedIsLoggedAndTheStartGoesOn)
+TEST_F(InstalledApp, MarkerThatCannotBeRemovedIsLoggedAndTheStartGoesOn)
 {
-    TempInstall inst;
     // A non-empty directory in the marker's place cannot be removed as a file.
-    inst.mkdirs("data/pubcfg/.guiexit/inner");
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
+    inst().mkdirs("data/pubcfg/.guiexit/inner");
+    EXPECT_EQ(init(), 0);
     EXPECT_TRUE(logHas("[CAfxGuiMain] remove data/pubcfg/.guiexit failed", 3));
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, ExitWithoutStopLeavesTheMarkerAbsent)
+TEST_F(InstalledApp, ExitWithoutStopLeavesTheMarkerAbsent)
 {
-    TempInstall inst;
-    apptest::TempInstall::copy(inst.guard(), inst.marker());
+    TempInstall::copy(inst().guard(), inst().marker());
     fake::setShellStopBackendAnswer(false);
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
-    app.exec();
-    app.exit();
+    ASSERT_EQ(init(), 0);
+    app().exec();
+    app().exit();
     EXPECT_TRUE(logHas("====== not stop backend ======\n", 2));
-    EXPECT_FALSE(apptest::exists(inst.marker()));
+    EXPECT_FALSE(apptest::exists(inst().marker()));
 }
 
-TEST_F(AppFixture, ExitWithMarkerPresentLeavesItUntouched)
+TEST_F(InstalledApp, ExitWithMarkerPresentLeavesItUntouched)
 {
-    TempInstall inst;
     fake::setShellStopBackendAnswer(true);
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
-    kuvtest::writeFile(inst.marker(), "kept");
-    app.exit();
+    ASSERT_EQ(init(), 0);
+    kuvtest::writeFile(inst().marker(), "kept");
+    app().exit();
     EXPECT_TRUE(logHas("[CAfxGuiMain] find data/pubcfg/.guiexit", 3));
-    EXPECT_EQ(kuvtest::readFile(inst.marker()), "kept");
+    EXPECT_EQ(kuvtest::readFile(inst().marker()), "kept");
 }
 
-TEST_F(AppFixture, MarkerThatCannotBeCreatedIsLogged)
+TEST_F(InstalledApp, MarkerThatCannotBeCreatedIsLogged)
 {
-    TempInstall inst;
     fake::setShellStopBackendAnswer(true);
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(init(), 0);
     // The directory is gone, so the marker cannot be opened for writing.
-    ASSERT_EQ(system(("rm -rf '" + inst.dir + "data'").c_str()), 0);
-    app.exit();
+    ASSERT_EQ(system(("rm -rf '" + inst().dir + "data'").c_str()), 0);
+    app().exit();
     EXPECT_TRUE(logHas("[CAfxGuiMain] not find data/pubcfg/.guiexit", 2));
     EXPECT_TRUE(logHas("[CAfxGuiMain] open data/pubcfg/.guiexit failed", 3));
 }
 
 // --- guard script and restart monitor --------------------------------------------------------------------
 
-TEST_F(AppFixture, GuardScriptIsLaunchedWithOne)
+TEST_F(InstalledApp, GuardScriptIsLaunchedWithOne)
 {
-    TempInstall inst;
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(init(), 0);
     const auto runs = fake::processRuns();
     ASSERT_EQ(runs.size(), 1u);
-    EXPECT_EQ(runs[0].program, inst.dir + "script/kuvgui_guard.sh");
+    EXPECT_EQ(runs[0].program, inst().dir + "script/kuvgui_guard.sh");
     EXPECT_EQ(runs[0].arguments, "1");
     EXPECT_TRUE(runs[0].flag);
     const auto messages = fake::logMessages();
     const std::vector<std::string> want = {"[CAfxGuiMain] start gui guard",
-                                           "[CAfxGuiMain] find " + inst.dir + "script/kuvgui_guard.sh",
+                                           "[CAfxGuiMain] find " + inst().dir + "script/kuvgui_guard.sh",
                                            "[CAfxGuiMain] Cmd 1", "[CAfxGuiMain] start kuvgui_guard end"};
     const std::vector<std::string> tail(messages.end() - 4, messages.end());
     EXPECT_EQ(tail, want);
     EXPECT_FALSE(logHas("[CAfxGuiMain] restart kuvgui_guard failed", 2));
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, GuardScriptThatDoesNotStartIsLogged)
+TEST_F(InstalledApp, GuardScriptThatDoesNotStartIsLogged)
 {
-    TempInstall inst;
     fake::setProcessResult(0);
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(init(), 0);
     EXPECT_TRUE(logHas("[CAfxGuiMain] start kuvgui_guard end", 2));
     EXPECT_TRUE(logHas("[CAfxGuiMain] restart kuvgui_guard failed", 2));
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, MissingGuardScriptIsOnlyLogged)
+TEST_F(InstalledApp, MissingGuardScriptIsOnlyLogged)
 {
-    TempInstall inst;
-    unlink(inst.guard().c_str());
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(logHas("[CAfxGuiMain] not find  " + inst.guard(), 3));
+    unlink(inst().guard().c_str());
+    ASSERT_EQ(init(), 0);
+    EXPECT_TRUE(logHas("[CAfxGuiMain] not find  " + inst().guard(), 3));
     EXPECT_TRUE(fake::processRuns().empty());
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, ChangedVersionAsksForARestartOnEveryRun)
+TEST_F(InstalledApp, ChangedVersionAsksForARestartOnEveryRun)
 {
-    TempInstall inst;
     fake::setClientVersion("1.0.0");
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(init(), 0);
     const size_t guardRuns = fake::processRuns().size();
 
     ASSERT_TRUE(fake::fireTimer("CAfxGuiMainMonitorVersion"));
@@ -640,40 +593,30 @@ TEST_F(AppFixture, ChangedVersionAsksForARestartOnEveryRun)
         EXPECT_EQ(runs[i].arguments, "user_restart");
         EXPECT_TRUE(runs[i].flag);
     }
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, MonitorStaysRegisteredThroughExit)
+TEST_F(InstalledApp, MonitorStaysRegisteredThroughExit)
 {
-    TempInstall inst;
-    {
-        CAfxGuiMain app(nullptr);
-        int argc = 1;
-        testing::internal::CaptureStdout();
-        ASSERT_EQ(app.init(argc, g_argv), 0);
-        testing::internal::GetCapturedStdout();
-        app.exec();
-        app.exit();
-        EXPECT_TRUE(fake::timerActive("CAfxGuiMainMonitorVersion"));
-        EXPECT_EQ(fake::timersCancelled(), std::vector<std::string>{"BaseMgrPluginMonitorVersion"});
-        // Still running after exit: a version change now is still acted on.
-        fake::setClientVersion("9.9.9");
-        const size_t before = fake::processRuns().size();
-        ASSERT_TRUE(fake::fireTimer("CAfxGuiMainMonitorVersion"));
-        EXPECT_EQ(fake::processRuns().size(), before + 1);
-    }
+    ASSERT_EQ(init(), 0);
+    app().exec();
+    app().exit();
+    EXPECT_TRUE(fake::timerActive("CAfxGuiMainMonitorVersion"));
+    EXPECT_EQ(fake::timersCancelled(), std::vector<std::string>{"BaseMgrPluginMonitorVersion"});
+    // Still running after exit: a version change now is still acted on.
+    fake::setClientVersion("9.9.9");
+    const size_t before = fake::processRuns().size();
+    ASSERT_TRUE(fake::fireTimer("CAfxGuiMainMonitorVersion"));
+    EXPECT_EQ(fake::processRuns().size(), before + 1);
+
     // The object it is bound to is gone, and so is the monitor.
+    destroyApp();
     EXPECT_FALSE(fake::timerActive("CAfxGuiMainMonitorVersion"));
 }
 
-TEST_F(AppFixture, BusHookLogsAndChangesNothing)
+TEST_F(InstalledApp, BusHookLogsAndChangesNothing)
 {
-    TempInstall inst;
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(init(), 0);
     IMRReceiveComplete* receiver = fakeparts::registeredReceiver();
     ASSERT_NE(receiver, nullptr);
     const size_t linesBefore = fake::logLines().size();
@@ -692,35 +635,25 @@ TEST_F(AppFixture, BusHookLogsAndChangesNothing)
     ASSERT_EQ(lines.size(), linesBefore + 4);
     EXPECT_EQ(lines.back().message, "[CAfxGuiMain] data is null");
     EXPECT_EQ(lines.back().level, 4);
-    app.exit();
+    app().exit();
 }
 
-TEST_F(AppFixture, ShellUninstallRecordReachesThePluginManager)
+TEST_F(InstalledApp, ShellUninstallRecordReachesThePluginManager)
 {
-    TempInstall inst;
     fakeparts::setUninstallAllResult(7);
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(init(), 0);
     EXPECT_EQ(fake::shellRunUninstall(), 7);
     EXPECT_EQ(fakeparts::uninstallAllCount(), 1);
-    app.exit();
+    app().exit();
     EXPECT_EQ(CAfxGuiMain::uninstallAllCombo(nullptr), 0);
 }
 
-TEST_F(AppFixture, ExitReleasesTheCompiledInResources)
+TEST_F(InstalledApp, ExitReleasesTheCompiledInResources)
 {
-    TempInstall inst;
     ASSERT_TRUE(QFile::exists(":/kuvgui/service/build_info.json"));
     ASSERT_TRUE(QFile::exists(":/kuvgui/service/kuvgui.svg"));
-    CAfxGuiMain app(nullptr);
-    int argc = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(app.init(argc, g_argv), 0);
-    testing::internal::GetCapturedStdout();
-    app.exit();
+    ASSERT_EQ(init(), 0);
+    app().exit();
     EXPECT_FALSE(QFile::exists(":/kuvgui/service/build_info.json"));
     EXPECT_EQ(fake::constConfigUninitCount(), 1);
 }

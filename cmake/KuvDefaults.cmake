@@ -78,7 +78,7 @@ function(kuv_require_targets who)
   endforeach()
   if(missing)
     list(JOIN missing ", " missing_text)
-    message(FATAL_ERROR "${who} needs the target(s) ${missing_text}, which no CMakeLists.txt defines "
+    message(FATAL_ERROR "${who} cannot be built without ${missing_text}, which no CMakeLists.txt defines "
                         "(a lost source folder or add_subdirectory line?)")
   endif()
 endfunction()

@@ -414,28 +414,37 @@ TEST_F(InstalledApp, MissingConfigurationModuleFailsTheStart)
     app().exit();
 }
 
-TEST_F(InstalledApp, ContainerInitFailureFailsCommunication)
+// A bus step that fails: its own error line, then nothing after it runs.
+struct BusStepFailure {
+    const char* name;
+    void (*arrange)();
+    const char* reason;
+    const char* notReached;
+    friend std::ostream& operator<<(std::ostream& out, const BusStepFailure& f) { return out << f.name; }
+};
+
+class CommunicationFailure : public InstalledApp, public testing::WithParamInterface<BusStepFailure> {};
+
+TEST_P(CommunicationFailure, FailsTheStart)
 {
-    fakeparts::setContainerInitResult(0);
+    GetParam().arrange();
     EXPECT_EQ(init(), -1);
-    EXPECT_TRUE(logHas("init ContainerMgr failed", 4));
+    EXPECT_TRUE(logHas(GetParam().reason, 4));
     EXPECT_TRUE(logHas("failed to init communication", 4));
-    EXPECT_TRUE(fake::eventsWithPrefix("container.createEndPoint").empty());
+    EXPECT_TRUE(fake::eventsWithPrefix(GetParam().notReached).empty());
     EXPECT_TRUE(fake::eventsWithPrefix("pipe.").empty());
     EXPECT_EQ(fake::shellInitCount(), 0);
     app().exit();
 }
 
-TEST_F(InstalledApp, EndpointInitFailureFailsCommunication)
-{
-    fakeparts::setEndPointInitResult(5);
-    EXPECT_EQ(init(), -1);
-    EXPECT_TRUE(logHas("[CAfxGuiMain] init failed, guid is [F6352E50-5C40-11EE-BEE1-47BAD2011C1F]", 4));
-    EXPECT_TRUE(logHas("failed to init communication", 4));
-    EXPECT_TRUE(fake::eventsWithPrefix("endpoint.registerRecvNotify").empty());
-    EXPECT_TRUE(fake::eventsWithPrefix("pipe.").empty());
-    app().exit();
-}
+INSTANTIATE_TEST_SUITE_P(
+    AppFixture, CommunicationFailure,
+    testing::Values(BusStepFailure{"ContainerInit", [] { fakeparts::setContainerInitResult(0); },
+                                   "init ContainerMgr failed", "container.createEndPoint"},
+                    BusStepFailure{"EndpointInit", [] { fakeparts::setEndPointInitResult(5); },
+                                   "[CAfxGuiMain] init failed, guid is [F6352E50-5C40-11EE-BEE1-47BAD2011C1F]",
+                                   "endpoint.registerRecvNotify"}),
+    [](const testing::TestParamInfo<BusStepFailure>& info) { return std::string(info.param.name); });
 
 TEST_F(InstalledApp, NoEndpointStillStartsEverythingElse)
 {

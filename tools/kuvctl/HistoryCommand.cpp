@@ -1,10 +1,11 @@
 #include "HistoryCommand.h"
 
+#include <climits>
 #include <cstdio>
-#include <cstdlib>
 
 #include <json/json.h>
 
+#include "ArgParser.h"
 #include "FileUtils.h"
 #include "ScanSettings.h"
 #include "StoreDb.h"
@@ -48,25 +49,24 @@ int runHistory(const std::vector<std::string>& args)
 {
     bool json = false;
     std::string id;
-    for (const std::string& a : args) {
-        if (a == "--help" || a == "-h") {
+    ArgParser parser(args, {{"help", 'h', false}, {"json", 0, false}});
+    ArgParser::Item item;
+    while (parser.next(item)) {
+        if (item.kind == ArgParser::Item::Option && item.option == 0) {
             std::fputs(historyUsage().c_str(), stdout);
             return 0;
-        } else if (a == "--json") {
+        }
+        if (item.kind == ArgParser::Item::Option) {
             json = true;
-        } else if (!a.empty() && a[0] != '-' && id.empty()) {
-            id = a;
+        } else if (item.kind == ArgParser::Item::Word && !item.value.empty() && item.value[0] != '-' && id.empty()) {
+            id = item.value;
         } else {
-            return usageError("unknown argument '" + a + "'");
+            return usageError("unknown argument '" + item.text + "'");
         }
     }
-    int64_t jobId = 0;
-    if (!id.empty()) {
-        char* end = nullptr;
-        jobId = std::strtoll(id.c_str(), &end, 10);
-        if (end == id.c_str() || *end != '\0' || jobId <= 0) {
-            return usageError("not a job number: '" + id + "'");
-        }
+    long long jobId = 0;
+    if (!id.empty() && !parseInteger(id, 1, LLONG_MAX, jobId)) {
+        return usageError("not a job number: '" + id + "'");
     }
     std::vector<std::string> notices;
     std::string error;

@@ -4,6 +4,7 @@
 
 #include <json/json.h>
 
+#include "ArgParser.h"
 #include "FileUtils.h"
 #include "Quarantine.h"
 #include "ScanPaths.h"
@@ -73,27 +74,25 @@ int runQuarantine(const std::vector<std::string>& args)
     bool json = false;
     bool beside = false;
     std::string signature = "manual";
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        if (a == "--help" || a == "-h") {
-            std::fputs(quarantineUsage().c_str(), stdout);
-            return kOk;
-        } else if (a == "--json") {
-            json = true;
-        } else if (a == "--beside") {
-            beside = true;
-        } else if (a == "--signature") {
-            if (i + 1 >= args.size()) {
-                return usageError("--signature needs a value");
+    enum { kHelp, kJson, kBeside, kSignature };
+    ArgParser parser(args, {{"help", 'h', false}, {"json", 0, false}, {"beside", 0, false}, {"signature", 0, true}});
+    ArgParser::Item item;
+    while (parser.next(item)) {
+        switch (item.kind) {
+        case ArgParser::Item::Word: words.push_back(item.value); break;
+        case ArgParser::Item::DoubleDash: break;
+        case ArgParser::Item::MissingValue: return usageError("--signature needs a value");
+        case ArgParser::Item::Unknown: return usageError("unknown option '" + item.text + "'");
+        case ArgParser::Item::Option:
+            if (item.option == kHelp) {
+                std::fputs(quarantineUsage().c_str(), stdout);
+                return kOk;
             }
-            signature = args[++i];
-        } else if (a == "--") {
-            words.insert(words.end(), args.begin() + long(i) + 1, args.end());
-            break;
-        } else if (a.size() > 1 && a[0] == '-') {
-            return usageError("unknown option '" + a + "'");
-        } else {
-            words.push_back(a);
+            json = json || item.option == kJson;
+            beside = beside || item.option == kBeside;
+            if (item.option == kSignature) {
+                signature = item.value;
+            }
         }
     }
     if (words.empty()) {

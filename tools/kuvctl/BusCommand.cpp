@@ -25,6 +25,7 @@ namespace {
 constexpr int kOk = 0;
 constexpr int kNotDelivered = 1;
 constexpr int kUsage = 2;
+constexpr int kGoOn = -1; // parsed, and not only asked for help
 constexpr size_t kMaxBody = 16u * 1024 * 1024;
 
 const char* const kSendUsage =
@@ -142,6 +143,19 @@ int parse(const std::vector<std::string>& args, const char* command, Options& op
     return 0;
 }
 
+// kGoOn when the command is to run; else its exit status (a usage error, or the help printed).
+int parseCommand(const std::vector<std::string>& args, const char* command, const char* usage, Options& opt)
+{
+    if (const int rc = parse(args, command, opt)) {
+        return rc;
+    }
+    if (opt.help) {
+        fputs(usage, stdout);
+        return kOk;
+    }
+    return kGoOn;
+}
+
 bool readBody(const std::string& file, std::string& body, std::string& error)
 {
     std::istream* in = nullptr;
@@ -251,12 +265,8 @@ int sendMessage(const Options& opt, const Message& msg)
 int runSend(const std::vector<std::string>& args)
 {
     Options opt;
-    if (const int rc = parse(args, "send", opt)) {
+    if (const int rc = parseCommand(args, "send", kSendUsage, opt); rc != kGoOn) {
         return rc;
-    }
-    if (opt.help) {
-        fputs(kSendUsage, stdout);
-        return kOk;
     }
     Message msg;
     if (const int rc = messageFrom(opt, msg)) {
@@ -330,12 +340,8 @@ int listenUntilStopped(BusSession& bus, const Printer& printer, const GUID& guid
 int runListen(const std::vector<std::string>& args)
 {
     Options opt;
-    if (const int rc = parse(args, "listen", opt)) {
+    if (const int rc = parseCommand(args, "listen", kListenUsage, opt); rc != kGoOn) {
         return rc;
-    }
-    if (opt.help) {
-        fputs(kListenUsage, stdout);
-        return kOk;
     }
     GUID guid{};
     if (opt.guid.empty()) {

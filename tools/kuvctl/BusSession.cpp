@@ -4,6 +4,7 @@
 #include <random>
 
 #include "FileUtils.h"
+#include "Signals.h"
 
 namespace kuvctl {
 
@@ -23,11 +24,7 @@ GUID randomGuid()
 
 sigset_t blockStopSignals()
 {
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
+    const sigset_t stopSignals = blockSignals({SIGINT, SIGTERM});
     signal(SIGPIPE, SIG_IGN);
     return stopSignals;
 }

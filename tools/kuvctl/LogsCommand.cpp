@@ -4,6 +4,7 @@
 #include "ConstConfig.h"
 #include "FileUtils.h"
 #include "SafeIo.h"
+#include "Signals.h"
 #include "UniqueFd.h"
 
 #include <fcntl.h>
@@ -268,16 +269,11 @@ int cannotRead(const std::string& path)
 // ppoll), so a stop request cannot slip in between the check of g_stop and the wait.
 sigset_t catchStopSignals()
 {
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
     sigset_t waitMask;
+    blockSignals({SIGINT, SIGTERM, SIGHUP}, &waitMask);
     struct sigaction sa {};
     sa.sa_handler = onStopSignal;
     sigemptyset(&sa.sa_mask);
-    for (const int sig : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&stopSignals, sig);
-    }
-    sigprocmask(SIG_BLOCK, &stopSignals, &waitMask);
     for (const int sig : {SIGINT, SIGTERM, SIGHUP}) {
         sigdelset(&waitMask, sig);
         sigaction(sig, &sa, nullptr);

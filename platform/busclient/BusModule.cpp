@@ -23,8 +23,22 @@ constexpr int kOpenFlags = RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE;
 constexpr int kOpenFlags = RTLD_NOW | RTLD_LOCAL;
 #endif
 
+// The callback carries no context: the line goes to the module being opened on this thread (init logs
+// its refusals before it returns), so lines of the module's own threads never race with lastError().
+thread_local std::string* t_lastError = nullptr;
+
+void keepError(int level, const char* text)
+{
+    if (level <= 0 && t_lastError != nullptr && text != nullptr) {
+        *t_lastError = text;
+    }
+}
+
+void quietLog(int level, const char* text, int) { keepError(level, text); }
+
 void verboseLog(int level, const char* text, int)
 {
+    keepError(level, text);
     static const char* const names[] = {"error", "warning", "info", "debug", "trace"};
     fprintf(stderr, "bus %s: %s\n", names[level < 0 ? 0 : (level > 4 ? 4 : level)], text);
 }
@@ -54,9 +68,7 @@ bool BusModule::open(const std::string& socketAddr, bool verbose, std::string& e
         error = "the bus module refused to create a client";
         return false;
     }
-    if (verbose) {
-        m_mgr->setLogCallback(&verboseLog);
-    }
+    m_mgr->setLogCallback(verbose ? &verboseLog : &quietLog);
     Json::Value settings(Json::objectValue);
     settings["socket_addr"] = socketAddr;
     settings["thread_nums"] = 1;
@@ -64,9 +76,13 @@ bool BusModule::open(const std::string& socketAddr, bool verbose, std::string& e
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "";
     const std::string text = Json::writeString(writer, settings);
+    m_lastError.clear();
+    t_lastError = &m_lastError;
     const int rc = m_mgr->init(text.c_str(), name.c_str());
+    t_lastError = nullptr;
     if (rc != 0) {
-        error = "the bus module refused its settings (" + std::to_string(rc) + "); is the runtime directory usable?";
+        error = "the bus module refused its settings (" + std::to_string(rc) + ")" +
+                (m_lastError.empty() ? std::string("; is the runtime directory usable?") : ": " + m_lastError);
         return false;
     }
     return true;

@@ -23,12 +23,16 @@ public:
     bool waitConnected(int timeoutMs);
     IZellClientMgr* mgr() { return m_mgr; }
     static std::string modulePath();
+    // The last error line the module logged while open() ran (empty when none), kept whether or not
+    // verbose was asked for.
+    const std::string& lastError() const { return m_lastError; }
 
 private:
     void* m_handle = nullptr;
     PFN_DestoryInstance m_destroy = nullptr;
     IZellClientMgr* m_mgr = nullptr;
     std::string m_instance;
+    std::string m_lastError;
 };
 
 } // namespace kuv

@@ -1,23 +1,21 @@
 #include "BusCommand.h"
 
 #include <signal.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <iostream>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <iostream>
 #include <mutex>
-#include <random>
-#include <sstream>
 
+#include "ArgParser.h"
+#include "BusSession.h"
 #include "FileUtils.h"
-#include "BusModule.h"
 #include "ZellWire.h"
 
 namespace kuvctl {
@@ -27,6 +25,7 @@ namespace {
 constexpr int kOk = 0;
 constexpr int kNotDelivered = 1;
 constexpr int kUsage = 2;
+constexpr int kGoOn = -1; // parsed, and not only asked for help
 constexpr size_t kMaxBody = 16u * 1024 * 1024;
 
 const char* const kSendUsage =
@@ -71,20 +70,14 @@ struct Options {
     int timeoutMs = 5000;
 };
 
-bool parseInt64(const std::string& text, long long min, long long max, long long& out)
-{
-    if (text.empty()) {
-        return false;
-    }
-    char* end = nullptr;
-    errno = 0;
-    const long long value = strtoll(text.c_str(), &end, 10);
-    if (errno != 0 || *end != '\0' || value < min || value > max) {
-        return false;
-    }
-    out = value;
-    return true;
-}
+// send and listen take the same options (each ignores the other's); "--name=value" is accepted throughout.
+enum OptionId { kHelp, kVerbose, kTo, kFrom, kGuid, kBody, kBodyFile, kSocket, kType, kCount, kTimeout };
+const std::vector<OptionSpec> kOptions = {
+    {"help", 'h', false, true},      {"verbose", 'v', false, true},  {"to", 0, true, true},
+    {"from", 0, true, true},         {"guid", 0, true, true},        {"body", 0, true, true},
+    {"body-file", 0, true, true},    {"socket", 0, true, true},      {"type", 0, true, true},
+    {"count", 0, true, true},        {"timeout", 0, true, true},
+};
 
 int usageError(const std::string& message, const char* command)
 {
@@ -92,76 +85,75 @@ int usageError(const std::string& message, const char* command)
     return kUsage;
 }
 
-// 0 parsed; kUsage after printing why.
+// 0, or kUsage after printing why the value does not fit.
+int takeOption(size_t id, const std::string& value, const char* command, Options& opt)
+{
+    long long number = 0;
+    switch (id) {
+    case kHelp: opt.help = true; break;
+    case kVerbose: opt.verbose = true; break;
+    case kTo: opt.to = value; break;
+    case kFrom: opt.from = value; break;
+    case kGuid: opt.guid = value; break;
+    case kBody:
+        opt.body = value;
+        opt.haveBody = true;
+        break;
+    case kBodyFile: opt.bodyFile = value; break;
+    case kSocket: opt.socket = value; break;
+    case kType:
+        if (!parseInteger(value, LLONG_MIN, LLONG_MAX, number)) {
+            return usageError("--type takes an integer", command);
+        }
+        opt.type = number;
+        opt.haveType = true;
+        break;
+    case kCount:
+        if (!parseInteger(value, 1, LLONG_MAX, number)) {
+            return usageError("--count takes a positive integer", command);
+        }
+        opt.count = number;
+        break;
+    default:
+        if (!parseInteger(value, 0, 3600000, number)) {
+            return usageError("--timeout takes milliseconds, 0 to 3600000", command);
+        }
+        opt.timeoutMs = static_cast<int>(number);
+    }
+    return 0;
+}
+
+// 0 parsed; kUsage after printing why. args[0] is the command word.
 int parse(const std::vector<std::string>& args, const char* command, Options& opt)
 {
-    for (size_t i = 1; i < args.size(); ++i) {
-        std::string name = args[i];
-        std::string value;
-        bool inlineValue = false;
-        const size_t eq = name.find('=');
-        if (name.rfind("--", 0) == 0 && eq != std::string::npos) {
-            value = name.substr(eq + 1);
-            name = name.substr(0, eq);
-            inlineValue = true;
-        }
-        auto take = [&]() -> bool {
-            if (inlineValue) {
-                return true;
+    ArgParser parser(std::vector<std::string>(args.begin() + 1, args.end()), kOptions);
+    ArgParser::Item item;
+    while (parser.next(item)) {
+        if (item.kind == ArgParser::Item::Option) {
+            if (const int rc = takeOption(item.option, item.value, command, opt)) {
+                return rc;
             }
-            if (i + 1 >= args.size()) {
-                return false;
-            }
-            value = args[++i];
-            return true;
-        };
-        const std::string shown = kuv::escapeControl(name);
-        if (name == "--help" || name == "-h") {
-            opt.help = true;
-        } else if (name == "--verbose" || name == "-v") {
-            opt.verbose = true;
-        } else if (name == "--to" || name == "--from" || name == "--guid" || name == "--body" ||
-                   name == "--body-file" || name == "--socket" || name == "--type" || name == "--count" ||
-                   name == "--timeout") {
-            if (!take()) {
-                return usageError(shown + " needs a value", command);
-            }
-            long long number = 0;
-            if (name == "--to") {
-                opt.to = value;
-            } else if (name == "--from") {
-                opt.from = value;
-            } else if (name == "--guid") {
-                opt.guid = value;
-            } else if (name == "--body") {
-                opt.body = value;
-                opt.haveBody = true;
-            } else if (name == "--body-file") {
-                opt.bodyFile = value;
-            } else if (name == "--socket") {
-                opt.socket = value;
-            } else if (name == "--type") {
-                if (!parseInt64(value, LLONG_MIN, LLONG_MAX, number)) {
-                    return usageError("--type takes an integer", command);
-                }
-                opt.type = number;
-                opt.haveType = true;
-            } else if (name == "--count") {
-                if (!parseInt64(value, 1, LLONG_MAX, number)) {
-                    return usageError("--count takes a positive integer", command);
-                }
-                opt.count = number;
-            } else {
-                if (!parseInt64(value, 0, 3600000, number)) {
-                    return usageError("--timeout takes milliseconds, 0 to 3600000", command);
-                }
-                opt.timeoutMs = static_cast<int>(number);
-            }
+        } else if (item.kind == ArgParser::Item::MissingValue) {
+            return usageError(kuv::escapeControl(item.text) + " needs a value", command);
         } else {
-            return usageError("unknown argument '" + shown + "'", command);
+            const std::string name = item.text.compare(0, 2, "--") == 0 ? item.text.substr(0, item.text.find('=')) : item.text;
+            return usageError("unknown argument '" + kuv::escapeControl(name) + "'", command);
         }
     }
     return 0;
+}
+
+// kGoOn when the command is to run; else its exit status (a usage error, or the help printed).
+int parseCommand(const std::vector<std::string>& args, const char* command, const char* usage, Options& opt)
+{
+    if (const int rc = parse(args, command, opt)) {
+        return rc;
+    }
+    if (opt.help) {
+        fputs(usage, stdout);
+        return kOk;
+    }
+    return kGoOn;
 }
 
 bool readBody(const std::string& file, std::string& body, std::string& error)
@@ -191,39 +183,23 @@ bool readBody(const std::string& file, std::string& body, std::string& error)
     return true;
 }
 
-GUID randomGuid()
-{
-    std::random_device device;
-    GUID guid;
-    guid.Data1 = device();
-    guid.Data2 = static_cast<uint16_t>(device());
-    guid.Data3 = static_cast<uint16_t>((device() & 0x0FFF) | 0x4000);
-    for (auto& byte : guid.Data4) {
-        byte = static_cast<uint8_t>(device());
-    }
-    guid.Data4[0] = static_cast<uint8_t>((guid.Data4[0] & 0x3F) | 0x80);
-    return guid;
-}
-
-int runSend(const std::vector<std::string>& args)
-{
-    Options opt;
-    if (const int rc = parse(args, "send", opt)) {
-        return rc;
-    }
-    if (opt.help) {
-        fputs(kSendUsage, stdout);
-        return kOk;
-    }
+struct Message {
     GUID to{};
-    GUID from = randomGuid();
+    GUID from{};
+    std::string body;
+};
+
+// 0 when the options name a message to send; kUsage after printing why not.
+int messageFrom(Options& opt, Message& msg)
+{
+    msg.from = randomGuid();
     if (opt.to.empty() || !opt.haveType) {
         return usageError("send needs --to and --type", "send");
     }
-    if (!zell::wire::parseGuidText(opt.to, to)) {
+    if (!zell::wire::parseGuidText(opt.to, msg.to)) {
         return usageError("--to: '" + kuv::escapeControl(opt.to) + "' is not a GUID", "send");
     }
-    if (!opt.from.empty() && !zell::wire::parseGuidText(opt.from, from)) {
+    if (!opt.from.empty() && !zell::wire::parseGuidText(opt.from, msg.from)) {
         return usageError("--from: '" + kuv::escapeControl(opt.from) + "' is not a GUID", "send");
     }
     if (opt.haveBody && !opt.bodyFile.empty()) {
@@ -236,34 +212,16 @@ int runSend(const std::vector<std::string>& args)
     if (opt.body.size() > kMaxBody) {
         return usageError("the body is larger than 16 MiB", "send");
     }
+    msg.body = std::move(opt.body);
+    return 0;
+}
 
-    kuv::BusModule client;
-    if (!client.open(opt.socket, opt.verbose, error)) {
-        fprintf(stderr, "kuvctl: %s\n", error.c_str());
-        return kNotDelivered;
-    }
-    const auto start = std::chrono::steady_clock::now();
-    if (!client.waitConnected(opt.timeoutMs)) {
-        fprintf(stderr, "kuvctl: the bus broker is not running (%s)\n", kuv::escapeControl(opt.socket).c_str());
-        return kNotDelivered;
-    }
-    IZellMREndPoint4* endpoint = client.mgr()->createEndPoint();
-    if (endpoint == nullptr || endpoint->init(from) != 0) {
-        fprintf(stderr, "kuvctl: cannot use %s as the sender: the GUID is in use on the bus\n",
-                zell::wire::guidText(from).c_str());
-        if (endpoint != nullptr) {
-            client.mgr()->destroyEndPoint(endpoint);
-        }
-        return kNotDelivered;
-    }
-    const int spent = static_cast<int>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
-    const int rc = endpoint->sendMsgWait(to, opt.type, opt.body.data(), static_cast<int>(opt.body.size()),
-                                         std::max(opt.timeoutMs - spent, 1000));
-    client.mgr()->destroyEndPoint(endpoint);
+// The exit status for the broker's verdict, with its line.
+int reportVerdict(int rc, const GUID& to, bool verbose)
+{
     switch (rc) {
     case ZELL_SEND_ROUTED:
-        if (opt.verbose) {
+        if (verbose) {
             fprintf(stderr, "kuvctl: delivered to %s\n", zell::wire::guidText(to).c_str());
         }
         return kOk;
@@ -280,6 +238,41 @@ int runSend(const std::vector<std::string>& args)
         fprintf(stderr, "kuvctl: no answer from the bus broker; not known to be delivered\n");
         return kNotDelivered;
     }
+}
+
+int sendMessage(const Options& opt, const Message& msg)
+{
+    BusSession bus;
+    if (!bus.open(opt.socket, opt.verbose)) {
+        return kNotDelivered;
+    }
+    const auto start = std::chrono::steady_clock::now();
+    if (!bus.waitForBroker(opt.timeoutMs)) {
+        return kNotDelivered;
+    }
+    if (bus.join(msg.from) != BusSession::Join::Joined) {
+        fprintf(stderr, "kuvctl: cannot use %s as the sender: the GUID is in use on the bus\n",
+                zell::wire::guidText(msg.from).c_str());
+        return kNotDelivered;
+    }
+    const int spent = static_cast<int>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
+    const int rc = bus.endpoint().sendMsgWait(msg.to, opt.type, msg.body.data(), static_cast<int>(msg.body.size()),
+                                              std::max(opt.timeoutMs - spent, 1000));
+    return reportVerdict(rc, msg.to, opt.verbose);
+}
+
+int runSend(const std::vector<std::string>& args)
+{
+    Options opt;
+    if (const int rc = parseCommand(args, "send", kSendUsage, opt); rc != kGoOn) {
+        return rc;
+    }
+    Message msg;
+    if (const int rc = messageFrom(opt, msg)) {
+        return rc;
+    }
+    return sendMessage(opt, msg);
 }
 
 class Printer : public IMRReceiveComplete {
@@ -313,70 +306,24 @@ private:
     long long m_printed = 0;
 };
 
-int runListen(const std::vector<std::string>& args)
+// Prints what arrives until a stop signal, --count messages, or the GUID is taken; the exit status.
+int listenUntilStopped(BusSession& bus, const Printer& printer, const GUID& guid, const Options& opt,
+                       const sigset_t& stopSignals)
 {
-    Options opt;
-    if (const int rc = parse(args, "listen", opt)) {
-        return rc;
-    }
-    if (opt.help) {
-        fputs(kListenUsage, stdout);
-        return kOk;
-    }
-    GUID guid{};
-    if (opt.guid.empty()) {
-        return usageError("listen needs --guid", "listen");
-    }
-    if (!zell::wire::parseGuidText(opt.guid, guid)) {
-        return usageError("--guid: '" + kuv::escapeControl(opt.guid) + "' is not a GUID", "listen");
-    }
-
-    // Blocked before the module starts its threads, so only sigtimedwait below sees them.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-
-    std::string error;
-    kuv::BusModule client;
-    if (!client.open(opt.socket, opt.verbose, error)) {
-        fprintf(stderr, "kuvctl: %s\n", error.c_str());
-        return kNotDelivered;
-    }
-    Printer printer(opt.count);
-    IZellMREndPoint4* endpoint = client.mgr()->createEndPoint();
-    if (endpoint == nullptr) {
-        fprintf(stderr, "kuvctl: the bus module gave no endpoint\n");
-        return kNotDelivered;
-    }
-    endpoint->registerRecvNotify(opt.haveType ? opt.type : kZellAnyMsgType, &printer, 0);
-    if (endpoint->init(guid) != 0) {
-        fprintf(stderr, "kuvctl: %s is in use on the bus\n", zell::wire::guidText(guid).c_str());
-        client.mgr()->destroyEndPoint(endpoint);
-        return kNotDelivered;
-    }
     bool announced = false;
     bool waitingShown = false;
     const auto start = std::chrono::steady_clock::now();
-    int status = kOk;
-    for (;;) {
-        if (printer.done()) {
-            break;
-        }
-        const int registration = endpoint->isRegistered();
+    while (!printer.done()) {
+        const int registration = bus.endpoint().isRegistered();
         if (registration < 0) {
             fprintf(stderr, "kuvctl: %s is in use on the bus\n", zell::wire::guidText(guid).c_str());
-            status = kNotDelivered;
-            break;
+            return kNotDelivered;
         }
-        const bool registered = registration == 1;
-        if (registered && !announced) {
+        if (registration == 1 && !announced) {
             fprintf(stderr, "kuvctl: listening as %s%s\n", zell::wire::guidText(guid).c_str(),
                     opt.haveType ? (" for type " + std::to_string(opt.type)).c_str() : "");
             announced = true;
-        } else if (!registered && !waitingShown && client.mgr()->isConnected() == 0 &&
+        } else if (registration == 0 && !waitingShown && !bus.brokerConnected() &&
                    std::chrono::steady_clock::now() - start > std::chrono::seconds(1)) {
             fprintf(stderr, "kuvctl: waiting for the bus broker (%s)\n", kuv::escapeControl(opt.socket).c_str());
             waitingShown = true;
@@ -387,8 +334,39 @@ int runListen(const std::vector<std::string>& args)
             break;
         }
     }
-    client.mgr()->destroyEndPoint(endpoint);
-    return status;
+    return kOk;
+}
+
+int runListen(const std::vector<std::string>& args)
+{
+    Options opt;
+    if (const int rc = parseCommand(args, "listen", kListenUsage, opt); rc != kGoOn) {
+        return rc;
+    }
+    GUID guid{};
+    if (opt.guid.empty()) {
+        return usageError("listen needs --guid", "listen");
+    }
+    if (!zell::wire::parseGuidText(opt.guid, guid)) {
+        return usageError("--guid: '" + kuv::escapeControl(opt.guid) + "' is not a GUID", "listen");
+    }
+    const sigset_t stopSignals = blockStopSignals();
+    Printer printer(opt.count); // outlives the session, whose endpoint calls it
+    BusSession bus;
+    if (!bus.open(opt.socket, opt.verbose)) {
+        return kNotDelivered;
+    }
+    switch (bus.join(guid, &printer, opt.haveType ? opt.type : kZellAnyMsgType)) {
+    case BusSession::Join::NoEndpoint:
+        fprintf(stderr, "kuvctl: the bus module gave no endpoint\n");
+        return kNotDelivered;
+    case BusSession::Join::Refused:
+        fprintf(stderr, "kuvctl: %s is in use on the bus\n", zell::wire::guidText(guid).c_str());
+        return kNotDelivered;
+    case BusSession::Join::Joined:
+        break;
+    }
+    return listenUntilStopped(bus, printer, guid, opt, stopSignals);
 }
 
 } // namespace

@@ -1,10 +1,12 @@
 #include "HistoryCommand.h"
 
+#include <climits>
 #include <cstdio>
-#include <cstdlib>
+#include <memory>
 
 #include <json/json.h>
 
+#include "ArgParser.h"
 #include "FileUtils.h"
 #include "ScanSettings.h"
 #include "StoreDb.h"
@@ -44,30 +46,38 @@ std::string historyUsage()
            "Exit status: 0 printed; 1 the history cannot be read; 2 usage error; 3 no such job.\n";
 }
 
-int runHistory(const std::vector<std::string>& args)
+namespace {
+
+constexpr int kGoOn = -1; // parsed, and not only asked for help
+
+// kGoOn when parsed (jobId 0 for every job); else the exit status (usage error, or help printed).
+int parseArgs(const std::vector<std::string>& args, bool& json, long long& jobId)
 {
-    bool json = false;
     std::string id;
-    for (const std::string& a : args) {
-        if (a == "--help" || a == "-h") {
+    ArgParser parser(args, {{"help", 'h', false}, {"json", 0, false}});
+    ArgParser::Item item;
+    while (parser.next(item)) {
+        if (item.kind == ArgParser::Item::Option && item.option == 0) {
             std::fputs(historyUsage().c_str(), stdout);
             return 0;
-        } else if (a == "--json") {
+        }
+        if (item.kind == ArgParser::Item::Option) {
             json = true;
-        } else if (!a.empty() && a[0] != '-' && id.empty()) {
-            id = a;
+        } else if (item.kind == ArgParser::Item::Word && !item.value.empty() && item.value[0] != '-' && id.empty()) {
+            id = item.value;
         } else {
-            return usageError("unknown argument '" + a + "'");
+            return usageError("unknown argument '" + item.text + "'");
         }
     }
-    int64_t jobId = 0;
-    if (!id.empty()) {
-        char* end = nullptr;
-        jobId = std::strtoll(id.c_str(), &end, 10);
-        if (end == id.c_str() || *end != '\0' || jobId <= 0) {
-            return usageError("not a job number: '" + id + "'");
-        }
+    if (!id.empty() && !parseInteger(id, 1, LLONG_MAX, jobId)) {
+        return usageError("not a job number: '" + id + "'");
     }
+    return kGoOn;
+}
+
+// The history database, pruned by the retention setting; null after saying why it cannot be read.
+std::unique_ptr<kuv::store::StoreDb> openPrunedHistory()
+{
     std::vector<std::string> notices;
     std::string error;
     auto db = kuv::store::openUserDb(kuv::store::userDataDir(), notices, error);
@@ -76,7 +86,7 @@ int runHistory(const std::vector<std::string>& args)
     }
     if (!db) {
         std::fprintf(stderr, "kuvctl: the history cannot be read: %s\n", kuv::escapeControl(error).c_str());
-        return 1;
+        return db;
     }
     kuv::store::ScanSettings settings;
     std::string why;
@@ -84,55 +94,78 @@ int runHistory(const std::vector<std::string>& args)
         std::fprintf(stderr, "kuvctl: %s\n", kuv::escapeControl(why).c_str());
     }
     db->pruneHistory(settings.historyDays, kuv::store::nowMs());
+    return db;
+}
 
+std::string jobText(const kuv::store::JobRecord& j)
+{
+    char line[512];
+    std::snprintf(line, sizeof line,
+                  "job %lld (%s)\nstarted:  %s\nduration: %.1f s\nstate:    %s\nfiles:    %lld (%lld bytes), "
+                  "%lld infected, %lld errors, %lld skipped, %lld partial\n",
+                  static_cast<long long>(j.id), kuv::escapeControl(j.job).c_str(), utcTime(j.startMs).c_str(),
+                  double(j.durationMs) / 1000.0, j.state.c_str(), static_cast<long long>(j.files),
+                  static_cast<long long>(j.bytes), static_cast<long long>(j.infected), static_cast<long long>(j.errors),
+                  static_cast<long long>(j.skipped), static_cast<long long>(j.partial));
+    std::string out = line;
+    out += "paths:    " + joinPaths(j.paths) + "\n";
+    for (const auto& f : j.findings) {
+        out += "  " + f.verdict + "  " + kuv::escapeControl(f.signature.empty() ? f.reason : f.signature) + "  " +
+               kuv::escapeControl(f.path) + (f.action.empty() ? "" : "  [" + kuv::escapeControl(f.action) + "]") + "\n";
+    }
+    return out;
+}
+
+std::string jobsText(const std::vector<kuv::store::JobRecord>& jobs)
+{
+    std::string out;
+    for (const auto& j : jobs) {
+        char line[256];
+        std::snprintf(line, sizeof line, "%6lld  %s  %8.1f s  %-9s  %6lld files  %4lld found  ", static_cast<long long>(j.id),
+                      utcTime(j.startMs).c_str(), double(j.durationMs) / 1000.0, j.state.c_str(),
+                      static_cast<long long>(j.files), static_cast<long long>(j.infected));
+        out += line + joinPaths(j.paths) + "\n";
+    }
+    if (jobs.empty()) {
+        std::fputs("kuvctl: no scan in the history\n", stderr);
+    }
+    return out;
+}
+
+std::string jobsJson(const std::vector<kuv::store::JobRecord>& jobs)
+{
+    Json::Value v(Json::objectValue);
+    v["jobs"] = Json::Value(Json::arrayValue);
+    for (const auto& j : jobs) {
+        v["jobs"].append(jobJson(j, false));
+    }
+    return compactJson(v) + "\n";
+}
+
+} // namespace
+
+int runHistory(const std::vector<std::string>& args)
+{
+    bool json = false;
+    long long jobId = 0;
+    if (const int rc = parseArgs(args, json, jobId); rc != kGoOn) {
+        return rc;
+    }
+    const auto db = openPrunedHistory();
+    if (!db) {
+        return 1;
+    }
     std::string out;
     if (jobId > 0) {
         kuv::store::JobRecord j;
         if (!db->job(jobId, j)) {
-            std::fprintf(stderr, "kuvctl: no job %lld in the history\n", static_cast<long long>(jobId));
+            std::fprintf(stderr, "kuvctl: no job %lld in the history\n", jobId);
             return 3;
         }
-        if (json) {
-            out = compactJson(jobJson(j, true)) + "\n";
-        } else {
-            char line[512];
-            std::snprintf(line, sizeof line,
-                          "job %lld (%s)\nstarted:  %s\nduration: %.1f s\nstate:    %s\nfiles:    %lld (%lld bytes), "
-                          "%lld infected, %lld errors, %lld skipped, %lld partial\n",
-                          static_cast<long long>(j.id), kuv::escapeControl(j.job).c_str(), utcTime(j.startMs).c_str(),
-                          double(j.durationMs) / 1000.0, j.state.c_str(), static_cast<long long>(j.files),
-                          static_cast<long long>(j.bytes), static_cast<long long>(j.infected),
-                          static_cast<long long>(j.errors), static_cast<long long>(j.skipped),
-                          static_cast<long long>(j.partial));
-            out = line;
-            out += "paths:    " + joinPaths(j.paths) + "\n";
-            for (const auto& f : j.findings) {
-                out += "  " + f.verdict + "  " + kuv::escapeControl(f.signature.empty() ? f.reason : f.signature) + "  " +
-                       kuv::escapeControl(f.path) + (f.action.empty() ? "" : "  [" + kuv::escapeControl(f.action) + "]") +
-                       "\n";
-            }
-        }
+        out = json ? compactJson(jobJson(j, true)) + "\n" : jobText(j);
     } else {
         const auto jobs = db->jobs();
-        if (json) {
-            Json::Value v(Json::objectValue);
-            v["jobs"] = Json::Value(Json::arrayValue);
-            for (const auto& j : jobs) {
-                v["jobs"].append(jobJson(j, false));
-            }
-            out = compactJson(v) + "\n";
-        } else {
-            for (const auto& j : jobs) {
-                char line[256];
-                std::snprintf(line, sizeof line, "%6lld  %s  %8.1f s  %-9s  %6lld files  %4lld found  ",
-                              static_cast<long long>(j.id), utcTime(j.startMs).c_str(), double(j.durationMs) / 1000.0,
-                              j.state.c_str(), static_cast<long long>(j.files), static_cast<long long>(j.infected));
-                out += line + joinPaths(j.paths) + "\n";
-            }
-            if (jobs.empty()) {
-                std::fputs("kuvctl: no scan in the history\n", stderr);
-            }
-        }
+        out = json ? jobsJson(jobs) : jobsText(jobs);
     }
     return printOut(out) ? 0 : 1;
 }

@@ -1,7 +1,10 @@
 #include "LogsCommand.h"
 
+#include "ArgParser.h"
 #include "ConstConfig.h"
 #include "FileUtils.h"
+#include "SafeIo.h"
+#include "Signals.h"
 #include "UniqueFd.h"
 
 #include <fcntl.h>
@@ -14,6 +17,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -76,24 +80,17 @@ public:
 private:
     bool put(const std::string& buf)
     {
-        size_t done = 0;
-        while (done < buf.size()) {
-            const ssize_t n = ::write(STDOUT_FILENO, buf.data() + done, buf.size() - done);
-            if (n < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                if (errno == EPIPE) {
-                    m_state = ReaderGone;
-                } else {
-                    m_state = Failed;
-                    m_error = std::strerror(errno);
-                }
-                return false;
-            }
-            done += static_cast<size_t>(n);
+        const ssize_t n = kuv::safeWrite(STDOUT_FILENO, buf.data(), buf.size());
+        if (n >= 0 && static_cast<size_t>(n) == buf.size()) {
+            return true;
         }
-        return true;
+        if (errno == EPIPE) {
+            m_state = ReaderGone;
+        } else {
+            m_state = Failed;
+            m_error = std::strerror(errno);
+        }
+        return false;
     }
 
     State m_state = Open;
@@ -107,79 +104,46 @@ struct Options {
     std::string path;
 };
 
-bool parseCount(const std::string& text, long& out)
-{
-    if (text.empty() || text.size() > 7) {
-        return false;
-    }
-    long v = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9') {
-            return false;
-        }
-        v = v * 10 + (c - '0');
-    }
-    if (v > kMaxLines) {
-        return false;
-    }
-    out = v;
-    return true;
-}
+enum OptionId { kHelp, kLines, kNoFollow, kZell, kFile };
+const std::vector<OptionSpec> kOptions = {
+    {"help", 'h', false}, {"lines", 'n', true, true}, {"no-follow", 0, false}, {"zell", 0, false}, {"file", 0, true},
+};
 
 // 0 parsed, 1 help asked, 2 wrong usage (message printed).
 int parseOptions(const std::vector<std::string>& args, Options& opt)
 {
     bool zell = false;
     std::string file;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        std::string value;
-        bool hasValue = false;
-        auto takeValue = [&](const std::string& name) {
-            if (i + 1 >= args.size()) {
-                std::fprintf(stderr, "kuvctl logs: %s needs a value\n", name.c_str());
-                return false;
-            }
-            value = args[++i];
-            hasValue = true;
-            return true;
-        };
-        if (a == "-h" || a == "--help") {
-            return 1;
-        } else if (a == "-n" || a == "--lines") {
-            if (!takeValue(a)) {
+    ArgParser parser(args, kOptions);
+    ArgParser::Item item;
+    while (parser.next(item)) {
+        if (item.kind == ArgParser::Item::MissingValue) {
+            std::fprintf(stderr, "kuvctl logs: %s needs a value\n", item.text.c_str());
+            return 2;
+        }
+        if (item.kind != ArgParser::Item::Option) {
+            std::fprintf(stderr, "kuvctl logs: unknown argument \"%s\" (see kuvctl logs --help)\n",
+                         kuv::escapeControl(item.text).c_str());
+            return 2;
+        }
+        long long lines = 0;
+        switch (item.option) {
+        case kHelp: return 1;
+        case kLines:
+            if (!parseInteger(item.value, 0, kMaxLines, lines)) {
+                std::fprintf(stderr, "kuvctl logs: line count must be a number from 0 to %ld\n", kMaxLines);
                 return 2;
             }
-        } else if (a.compare(0, 8, "--lines=") == 0) {
-            value = a.substr(8);
-            hasValue = true;
-        } else if (a.size() > 2 && a.compare(0, 2, "-n") == 0) {
-            value = a.substr(2);
-            hasValue = true;
-        } else if (a == "--no-follow") {
-            opt.follow = false;
-            continue;
-        } else if (a == "--zell") {
-            zell = true;
-            continue;
-        } else if (a == "--file") {
-            if (!takeValue(a)) {
-                return 2;
-            }
-            file = value;
+            opt.lines = static_cast<long>(lines);
+            break;
+        case kNoFollow: opt.follow = false; break;
+        case kZell: zell = true; break;
+        default:
+            file = item.value;
             if (file.empty()) {
                 std::fprintf(stderr, "kuvctl logs: --file needs a path\n");
                 return 2;
             }
-            continue;
-        } else {
-            std::fprintf(stderr, "kuvctl logs: unknown argument \"%s\" (see kuvctl logs --help)\n",
-                         kuv::escapeControl(a).c_str());
-            return 2;
-        }
-        if (hasValue && !parseCount(value, opt.lines)) {
-            std::fprintf(stderr, "kuvctl logs: line count must be a number from 0 to %ld\n", kMaxLines);
-            return 2;
         }
     }
     if (zell && !file.empty()) {
@@ -211,10 +175,8 @@ bool lastLinesOffset(int fd, off_t size, long lines, off_t& out)
         const size_t want = static_cast<size_t>(end - begin);
         size_t got = 0;
         while (got < want) {
-            const ssize_t n = ::pread(fd, buf.data() + got, want - got, begin + static_cast<off_t>(got));
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
+            const ssize_t n =
+                kuv::retryEintr([&] { return ::pread(fd, buf.data() + got, want - got, begin + static_cast<off_t>(got)); });
             if (n <= 0) {
                 return false;
             }
@@ -266,10 +228,7 @@ struct Reader {
     {
         std::vector<char> buf(kChunk);
         for (;;) {
-            const ssize_t n = ::pread(fd.get(), buf.data(), buf.size(), pos);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
+            const ssize_t n = kuv::retryEintr([&] { return ::pread(fd.get(), buf.data(), buf.size(), pos); });
             if (n < 0) {
                 return false;
             }
@@ -286,11 +245,8 @@ struct Reader {
 
 std::string directoryOf(const std::string& path)
 {
-    const size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
+    const std::string dir = std::filesystem::path(path).parent_path().string();
+    return dir.empty() ? "." : dir;
 }
 
 int finish(const Output& out)
@@ -302,82 +258,134 @@ int finish(const Output& out)
     return 0;
 }
 
-int follow(const std::string& path, Reader& reader, Output& out)
+// Says why path cannot be read (errno); the exit status.
+int cannotRead(const std::string& path)
 {
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigaddset(&stopSignals, SIGHUP);
+    std::fprintf(stderr, "kuvctl logs: cannot read %s: %s\n", kuv::escapeControl(path).c_str(), std::strerror(errno));
+    return 1;
+}
+
+// SIGINT, SIGTERM and SIGHUP set g_stop. They stay blocked except inside the wait (the mask returned, for
+// ppoll), so a stop request cannot slip in between the check of g_stop and the wait.
+sigset_t catchStopSignals()
+{
     sigset_t waitMask;
-    // Signals stay blocked except inside ppoll, so a stop request cannot slip in between the
-    // check of g_stop and the wait.
-    sigprocmask(SIG_BLOCK, &stopSignals, &waitMask);
-    sigdelset(&waitMask, SIGINT);
-    sigdelset(&waitMask, SIGTERM);
-    sigdelset(&waitMask, SIGHUP);
+    blockSignals({SIGINT, SIGTERM, SIGHUP}, &waitMask);
     struct sigaction sa {};
     sa.sa_handler = onStopSignal;
     sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGHUP, &sa, nullptr);
+    for (const int sig : {SIGINT, SIGTERM, SIGHUP}) {
+        sigdelset(&waitMask, sig);
+        sigaction(sig, &sa, nullptr);
+    }
+    return waitMask;
+}
 
-    UniqueFd notify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    const std::string dir = directoryOf(path);
-    bool watching = false;
-    std::vector<char> events(4096);
+// The log's directory under inotify: a change there ends the wait at once.
+class DirectoryWatch {
+public:
+    explicit DirectoryWatch(std::string dir) : m_notify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)), m_dir(std::move(dir)) {}
 
-    while (!g_stop && out.state() == Output::Open) {
-        if (notify.valid() && !watching) {
-            watching = ::inotify_add_watch(notify.get(), dir.c_str(),
-                                           IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                                               IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF) >= 0;
+    // Sets the watch up again after the directory was removed or renamed (or appeared).
+    void arm()
+    {
+        if (m_notify.valid() && !m_watching) {
+            m_watching = ::inotify_add_watch(m_notify.get(), m_dir.c_str(),
+                                             IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                                 IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF) >= 0;
         }
-        if (reader.fd.valid()) {
-            if (!reader.drain(out)) {
-                std::fprintf(stderr, "kuvctl logs: cannot read %s: %s\n", kuv::escapeControl(path).c_str(), std::strerror(errno));
-                return 1;
-            }
-            struct stat now {};
-            struct stat opened {};
-            const bool exists = ::stat(path.c_str(), &now) == 0;
-            if (!exists || now.st_ino != reader.ino || now.st_dev != reader.dev) {
-                // Rotated or removed: print what reached the old file after the drain above.
-                if (!reader.drain(out)) {
-                    std::fprintf(stderr, "kuvctl logs: cannot read %s: %s\n", kuv::escapeControl(path).c_str(), std::strerror(errno));
-                    return 1;
-                }
-                reader.fd.reset();
-                if (exists && reader.open(path)) {
-                    std::fprintf(stderr, "kuvctl logs: %s was replaced; following the new file\n", kuv::escapeControl(path).c_str());
-                    continue;
-                }
-                std::fprintf(stderr, "kuvctl logs: %s is gone; waiting for it\n", kuv::escapeControl(path).c_str());
-            } else if (::fstat(reader.fd.get(), &opened) == 0 && opened.st_size < reader.pos) {
-                std::fprintf(stderr, "kuvctl logs: %s was truncated\n", kuv::escapeControl(path).c_str());
-                reader.pos = 0;
-                continue;
-            }
-        } else if (reader.open(path)) {
-            std::fprintf(stderr, "kuvctl logs: %s appeared\n", kuv::escapeControl(path).c_str());
-            continue;
-        }
+    }
 
+    // Until something changes, a stop signal, or kRecheckMs.
+    void wait(const sigset_t& waitMask)
+    {
         struct pollfd pfd {};
-        pfd.fd = notify.get();
+        pfd.fd = m_notify.get();
         pfd.events = POLLIN;
         struct timespec timeout {};
         timeout.tv_nsec = static_cast<long>(kRecheckMs) * 1000000L;
-        const int rc = ::ppoll(&pfd, notify.valid() ? 1 : 0, &timeout, &waitMask);
+        const int rc = ::ppoll(&pfd, m_notify.valid() ? 1 : 0, &timeout, &waitMask);
         if (rc > 0 && (pfd.revents & POLLIN) != 0) {
-            while (::read(notify.get(), events.data(), events.size()) > 0) {
+            while (::read(m_notify.get(), m_events.data(), m_events.size()) > 0) {
             }
-            // A removed or renamed directory drops its watch; set it up again next round.
+            // A removed or renamed directory drops its watch.
             struct stat st {};
-            if (::stat(dir.c_str(), &st) != 0) {
-                watching = false;
+            if (::stat(m_dir.c_str(), &st) != 0) {
+                m_watching = false;
             }
+        }
+    }
+
+private:
+    UniqueFd m_notify;
+    std::string m_dir;
+    bool m_watching = false;
+    std::vector<char> m_events = std::vector<char>(4096);
+};
+
+enum class Look {
+    Wait,   // nothing more for now
+    Again,  // look again at once
+    Failed, // the log cannot be read (said)
+};
+
+// The file at path is no longer the one being read: finish the old one and take the new one, if any.
+Look onReplaced(const std::string& path, bool exists, Reader& reader, Output& out)
+{
+    // Print what reached the old file after the last drain.
+    if (!reader.drain(out)) {
+        cannotRead(path);
+        return Look::Failed;
+    }
+    reader.fd.reset();
+    if (exists && reader.open(path)) {
+        std::fprintf(stderr, "kuvctl logs: %s was replaced; following the new file\n", kuv::escapeControl(path).c_str());
+        return Look::Again;
+    }
+    std::fprintf(stderr, "kuvctl logs: %s is gone; waiting for it\n", kuv::escapeControl(path).c_str());
+    return Look::Wait;
+}
+
+// Prints what was appended, and notices a log that appeared, was rotated, removed or truncated.
+Look lookAtLog(const std::string& path, Reader& reader, Output& out)
+{
+    if (!reader.fd.valid()) {
+        if (!reader.open(path)) {
+            return Look::Wait;
+        }
+        std::fprintf(stderr, "kuvctl logs: %s appeared\n", kuv::escapeControl(path).c_str());
+        return Look::Again;
+    }
+    if (!reader.drain(out)) {
+        cannotRead(path);
+        return Look::Failed;
+    }
+    struct stat now {};
+    struct stat opened {};
+    const bool exists = ::stat(path.c_str(), &now) == 0;
+    if (!exists || now.st_ino != reader.ino || now.st_dev != reader.dev) {
+        return onReplaced(path, exists, reader, out);
+    }
+    if (::fstat(reader.fd.get(), &opened) == 0 && opened.st_size < reader.pos) {
+        std::fprintf(stderr, "kuvctl logs: %s was truncated\n", kuv::escapeControl(path).c_str());
+        reader.pos = 0;
+        return Look::Again;
+    }
+    return Look::Wait;
+}
+
+int follow(const std::string& path, Reader& reader, Output& out)
+{
+    const sigset_t waitMask = catchStopSignals();
+    DirectoryWatch watch(directoryOf(path));
+    while (!g_stop && out.state() == Output::Open) {
+        watch.arm();
+        const Look look = lookAtLog(path, reader, out);
+        if (look == Look::Failed) {
+            return 1;
+        }
+        if (look == Look::Wait) {
+            watch.wait(waitMask);
         }
     }
     return finish(out);
@@ -430,14 +438,12 @@ int runLogs(const std::vector<std::string>& args)
         struct stat st {};
         off_t from = 0;
         if (::fstat(reader.fd.get(), &st) != 0 || !lastLinesOffset(reader.fd.get(), st.st_size, opt.lines, from)) {
-            std::fprintf(stderr, "kuvctl logs: cannot read %s: %s\n", kuv::escapeControl(opt.path).c_str(), std::strerror(errno));
-            return 1;
+            return cannotRead(opt.path);
         }
         reader.pos = from;
         if (!opt.follow) {
             if (!reader.drain(out)) {
-                std::fprintf(stderr, "kuvctl logs: cannot read %s: %s\n", kuv::escapeControl(opt.path).c_str(), std::strerror(errno));
-                return 1;
+                return cannotRead(opt.path);
             }
             out.finishLine();
             return finish(out);

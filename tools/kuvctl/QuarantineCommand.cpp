@@ -4,6 +4,7 @@
 
 #include <json/json.h>
 
+#include "ArgParser.h"
 #include "FileUtils.h"
 #include "Quarantine.h"
 #include "ScanPaths.h"
@@ -67,111 +68,118 @@ std::string quarantineUsage()
            "3 no such entry (or file, for add); 4 restore refused: something stands at the original path.\n";
 }
 
-int runQuarantine(const std::vector<std::string>& args)
-{
-    std::vector<std::string> words;
+namespace {
+
+constexpr int kGoOn = -1; // parsed, and not only asked for help
+
+struct Request {
+    std::vector<std::string> words; // the subcommand and its argument
     bool json = false;
     bool beside = false;
     std::string signature = "manual";
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        if (a == "--help" || a == "-h") {
-            std::fputs(quarantineUsage().c_str(), stdout);
-            return kOk;
-        } else if (a == "--json") {
-            json = true;
-        } else if (a == "--beside") {
-            beside = true;
-        } else if (a == "--signature") {
-            if (i + 1 >= args.size()) {
-                return usageError("--signature needs a value");
+};
+
+// kGoOn when the words name something to do; else the exit status (usage error, or help printed).
+int parseRequest(const std::vector<std::string>& args, Request& req)
+{
+    enum { kHelp, kJson, kBeside, kSignature };
+    ArgParser parser(args, {{"help", 'h', false}, {"json", 0, false}, {"beside", 0, false}, {"signature", 0, true}});
+    ArgParser::Item item;
+    while (parser.next(item)) {
+        switch (item.kind) {
+        case ArgParser::Item::Word: req.words.push_back(item.value); break;
+        case ArgParser::Item::DoubleDash: break;
+        case ArgParser::Item::MissingValue: return usageError("--signature needs a value");
+        case ArgParser::Item::Unknown: return usageError("unknown option '" + item.text + "'");
+        case ArgParser::Item::Option:
+            if (item.option == kHelp) {
+                std::fputs(quarantineUsage().c_str(), stdout);
+                return kOk;
             }
-            signature = args[++i];
-        } else if (a == "--") {
-            words.insert(words.end(), args.begin() + long(i) + 1, args.end());
-            break;
-        } else if (a.size() > 1 && a[0] == '-') {
-            return usageError("unknown option '" + a + "'");
-        } else {
-            words.push_back(a);
+            req.json = req.json || item.option == kJson;
+            req.beside = req.beside || item.option == kBeside;
+            if (item.option == kSignature) {
+                req.signature = item.value;
+            }
         }
     }
-    if (words.empty()) {
+    if (req.words.empty()) {
         return usageError("a subcommand is needed (list, restore, delete, add)");
     }
-    const std::string sub = words[0];
+    const std::string& sub = req.words[0];
     const bool takesArg = sub == "restore" || sub == "delete" || sub == "add";
     if (sub != "list" && !takesArg) {
         return usageError("unknown subcommand '" + sub + "'");
     }
-    if ((takesArg && words.size() != 2) || (!takesArg && words.size() != 1)) {
+    if ((takesArg && req.words.size() != 2) || (!takesArg && req.words.size() != 1)) {
         return usageError(takesArg ? sub + " takes exactly one " + (sub == "add" ? "path" : "entry id")
                                    : "list takes no arguments");
     }
-    if (beside && sub != "restore") {
+    if (req.beside && sub != "restore") {
         return usageError("--beside belongs to restore");
     }
-    std::string error;
-    auto store = kuv::store::QuarantineStore::open(kuv::store::userDataDir(), error);
-    if (!store) {
-        std::fprintf(stderr, "kuvctl: the quarantine cannot be used: %s\n", kuv::escapeControl(error).c_str());
-        return kFailed;
-    }
-    printNotices(*store);
+    return kGoOn;
+}
 
-    if (sub == "list") {
-        const auto entries = store->list();
-        std::string out;
-        if (json) {
-            Json::Value v(Json::objectValue);
-            v["entries"] = Json::Value(Json::arrayValue);
-            for (const auto& e : entries) {
-                v["entries"].append(entryJson(e));
-            }
-            out = compactJson(v) + "\n";
-        } else {
-            for (const auto& e : entries) {
-                char line[256];
-                std::snprintf(line, sizeof line, "%s  %s  %10llu  %s  ", e.id.c_str(), utcTime(e.quarantinedAt).c_str(),
-                              static_cast<unsigned long long>(e.size), kuv::escapeControl(e.signature).c_str());
-                out += line + kuv::escapeControl(e.originalPath) + "\n";
-            }
-            if (entries.empty()) {
-                std::fputs("kuvctl: the quarantine is empty\n", stderr);
-            }
+int listEntries(kuv::store::QuarantineStore& store, bool json)
+{
+    const auto entries = store.list();
+    std::string out;
+    if (json) {
+        Json::Value v(Json::objectValue);
+        v["entries"] = Json::Value(Json::arrayValue);
+        for (const auto& e : entries) {
+            v["entries"].append(entryJson(e));
         }
-        return printOut(out) ? kOk : kFailed;
+        out = compactJson(v) + "\n";
+    } else {
+        for (const auto& e : entries) {
+            char line[256];
+            std::snprintf(line, sizeof line, "%s  %s  %10llu  %s  ", e.id.c_str(), utcTime(e.quarantinedAt).c_str(),
+                          static_cast<unsigned long long>(e.size), kuv::escapeControl(e.signature).c_str());
+            out += line + kuv::escapeControl(e.originalPath) + "\n";
+        }
+        if (entries.empty()) {
+            std::fputs("kuvctl: the quarantine is empty\n", stderr);
+        }
     }
+    return printOut(out) ? kOk : kFailed;
+}
 
+// restore, delete or add: what was done (v as JSON, text as a line) or why not.
+int changeEntry(kuv::store::QuarantineStore& store, const Request& req)
+{
+    const std::string& sub = req.words[0];
+    const std::string& arg = req.words[1];
     kuv::store::QResult r;
     Json::Value v(Json::objectValue);
     std::string text;
     if (sub == "restore") {
         std::string to;
-        r = store->restore(words[1], beside ? kuv::store::RestoreMode::Beside : kuv::store::RestoreMode::Refuse, &to);
-        v["id"] = words[1];
+        r = store.restore(arg, req.beside ? kuv::store::RestoreMode::Beside : kuv::store::RestoreMode::Refuse, &to);
+        v["id"] = arg;
         if (r.ok()) {
             v["restored"] = kuvscan::pathToJson(to);
             text = "restored " + kuv::escapeControl(to) + "\n";
         }
     } else if (sub == "delete") {
-        r = store->remove(words[1]);
-        v["id"] = words[1];
+        r = store.remove(arg);
+        v["id"] = arg;
         if (r.ok()) {
             v["deleted"] = true;
-            text = "deleted " + words[1] + "\n";
+            text = "deleted " + arg + "\n";
         }
     } else {
         kuv::store::QuarantineEntry e;
-        r = store->quarantine(words[1], signature, std::string(), &e);
+        r = store.quarantine(arg, req.signature, std::string(), &e);
         if (r.ok()) {
             v = entryJson(e);
             text = e.id + "\n";
         }
     }
-    printNotices(*store);
+    printNotices(store);
     if (!r.ok()) {
-        if (json) {
+        if (req.json) {
             v["error"] = kuv::store::statusName(r.status);
             v["detail"] = r.message;
             printOut(compactJson(v) + "\n");
@@ -182,7 +190,25 @@ int runQuarantine(const std::vector<std::string>& args)
         }
         return exitFor(r.status);
     }
-    return printOut(json ? compactJson(v) + "\n" : text) ? kOk : kFailed;
+    return printOut(req.json ? compactJson(v) + "\n" : text) ? kOk : kFailed;
+}
+
+} // namespace
+
+int runQuarantine(const std::vector<std::string>& args)
+{
+    Request req;
+    if (const int rc = parseRequest(args, req); rc != kGoOn) {
+        return rc;
+    }
+    std::string error;
+    auto store = kuv::store::QuarantineStore::open(kuv::store::userDataDir(), error);
+    if (!store) {
+        std::fprintf(stderr, "kuvctl: the quarantine cannot be used: %s\n", kuv::escapeControl(error).c_str());
+        return kFailed;
+    }
+    printNotices(*store);
+    return req.words[0] == "list" ? listEntries(*store, req.json) : changeEntry(*store, req);
 }
 
 } // namespace kuvctl

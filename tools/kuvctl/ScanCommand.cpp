@@ -11,20 +11,21 @@
 #include <chrono>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <iostream>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <random>
 
 #include <json/json.h>
 
+#include "ArgParser.h"
 #include "BusCommand.h"
-#include "BusModule.h"
+#include "BusSession.h"
 #include "FileUtils.h"
 #include "KuvScanProtocol.h"
+#include "SafeIo.h"
 #include "ScanPaths.h"
 #include "UniqueFd.h"
 #include "ZellWire.h"
@@ -36,6 +37,7 @@ namespace {
 constexpr int kClean = 0;
 constexpr int kFound = 1;
 constexpr int kError = 2;
+constexpr int kGoOn = -1; // a step that does not end the command
 
 const char* const kUsage =
     "Usage: kuvctl scan [options] PATH...\n"
@@ -70,10 +72,89 @@ struct Options {
     std::vector<std::string> paths;
 };
 
+enum OptionId { kHelp, kJson, kInfected, kQuarantine, kNoArchives, kMaxFileSize, kTimeout, kSocket };
+const std::vector<OptionSpec> kOptions = {
+    {"help", 'h', false},         {"json", 0, false},          {"infected", 'i', false},
+    {"quarantine", 0, false},     {"no-archives", 0, false},   {"max-file-size", 0, true},
+    {"timeout", 0, true},         {"socket", 0, true},
+};
+
 int usageError(const std::string& message)
 {
     fprintf(stderr, "kuvctl: %s\nTry 'kuvctl scan --help'.\n", message.c_str());
     return kError;
+}
+
+// 0, or kError after printing why the value does not fit.
+int takeOption(size_t id, const std::string& value, Options& opt, bool& help)
+{
+    long long n = 0;
+    switch (id) {
+    case kHelp: help = true; break;
+    case kJson: opt.json = true; break;
+    case kInfected: opt.infectedOnly = true; break;
+    case kQuarantine: opt.quarantine = true; break;
+    case kNoArchives: opt.archives = false; break;
+    case kMaxFileSize:
+        if (!parseInteger(value, 1, LLONG_MAX, n)) {
+            return usageError("--max-file-size takes a positive byte count");
+        }
+        opt.maxFileSize = static_cast<uint64_t>(n);
+        break;
+    case kTimeout:
+        if (!parseInteger(value, 100, 3600000, n)) {
+            return usageError("--timeout takes milliseconds, 100 to 3600000");
+        }
+        opt.timeoutMs = static_cast<int>(n);
+        break;
+    default: opt.socket = value;
+    }
+    return 0;
+}
+
+int parse(const std::vector<std::string>& args, Options& opt, bool& help)
+{
+    ArgParser parser(args, kOptions);
+    ArgParser::Item item;
+    while (parser.next(item)) {
+        switch (item.kind) {
+        case ArgParser::Item::Option:
+            if (const int rc = takeOption(item.option, item.value, opt, help)) {
+                return rc;
+            }
+            break;
+        case ArgParser::Item::Word: opt.paths.push_back(item.value); break;
+        case ArgParser::Item::DoubleDash: break;
+        case ArgParser::Item::MissingValue:
+            if (item.option == kSocket) {
+                return usageError("--socket needs a value");
+            }
+            return takeOption(item.option, std::string(), opt, help); // the number's own message
+        case ArgParser::Item::Unknown: return usageError("unknown argument '" + kuv::escapeControl(item.text) + "'");
+        }
+    }
+    return 0;
+}
+
+// The back end runs elsewhere: relative names are made absolute here, without resolving anything.
+bool makeAbsolute(std::vector<std::string>& paths, std::string& error)
+{
+    std::string cwd;
+    for (std::string& path : paths) {
+        if (path[0] == '/') {
+            continue;
+        }
+        if (cwd.empty()) {
+            std::error_code ec;
+            cwd = std::filesystem::current_path(ec).string();
+            if (ec) {
+                error = "cannot tell the current directory: " + ec.message();
+                return false;
+            }
+        }
+        path = (cwd == "/" ? std::string() : cwd) + "/" + path;
+    }
+    return true;
 }
 
 // What arrives from the bus, handed from the bus thread to the main thread.
@@ -87,7 +168,7 @@ public:
             m_messages.emplace_back(msgType, std::string(content, static_cast<size_t>(length)));
         }
         const uint64_t one = 1;
-        (void)!::write(m_wake.get(), &one, sizeof(one));
+        (void)kuv::safeWrite(m_wake.get(), &one, sizeof(one));
     }
     int fd() const { return m_wake.get(); }
     bool take(int64_t& type, std::string& body)
@@ -95,7 +176,7 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_messages.empty()) {
             uint64_t count = 0;
-            (void)!::read(m_wake.get(), &count, sizeof(count));
+            (void)kuv::safeRead(m_wake.get(), &count, sizeof(count));
             return false;
         }
         type = m_messages.front().first;
@@ -117,20 +198,6 @@ bool parseJson(const std::string& text, Json::Value& out)
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     std::string errors;
     return reader->parse(text.data(), text.data() + text.size(), &out, &errors) && out.isObject();
-}
-
-GUID randomGuid()
-{
-    std::random_device device;
-    GUID guid;
-    guid.Data1 = device();
-    guid.Data2 = static_cast<uint16_t>(device());
-    guid.Data3 = static_cast<uint16_t>((device() & 0x0FFF) | 0x4000);
-    for (auto& byte : guid.Data4) {
-        byte = static_cast<uint8_t>(device());
-    }
-    guid.Data4[0] = static_cast<uint8_t>((guid.Data4[0] & 0x3F) | 0x80);
-    return guid;
 }
 
 std::string compact(const Json::Value& value)
@@ -179,62 +246,272 @@ void printResult(const Json::Value& r, bool infectedOnly)
     fprintf(stdout, "%s\n", line.c_str());
 }
 
-int parse(const std::vector<std::string>& args, Options& opt, bool& help)
+Json::Value scanRequest(const std::string& jobId, const Options& opt)
 {
-    bool onlyPaths = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        if (onlyPaths || a.empty() || a[0] != '-' || a == "-") {
-            opt.paths.push_back(a);
-            continue;
-        }
-        auto number = [&](long long min, long long max, long long& out) {
-            if (i + 1 >= args.size()) {
-                return false;
-            }
-            const std::string& v = args[++i];
-            char* end = nullptr;
-            errno = 0;
-            const long long n = strtoll(v.c_str(), &end, 10);
-            if (v.empty() || errno != 0 || *end != '\0' || n < min || n > max) {
-                return false;
-            }
-            out = n;
-            return true;
-        };
-        long long n = 0;
-        if (a == "--") {
-            onlyPaths = true;
-        } else if (a == "--help" || a == "-h") {
-            help = true;
-        } else if (a == "--json") {
-            opt.json = true;
-        } else if (a == "--infected" || a == "-i") {
-            opt.infectedOnly = true;
-        } else if (a == "--quarantine") {
-            opt.quarantine = true;
-        } else if (a == "--no-archives") {
-            opt.archives = false;
-        } else if (a == "--max-file-size") {
-            if (!number(1, LLONG_MAX, n)) {
-                return usageError("--max-file-size takes a positive byte count");
-            }
-            opt.maxFileSize = static_cast<uint64_t>(n);
-        } else if (a == "--timeout") {
-            if (!number(100, 3600000, n)) {
-                return usageError("--timeout takes milliseconds, 100 to 3600000");
-            }
-            opt.timeoutMs = static_cast<int>(n);
-        } else if (a == "--socket") {
-            if (i + 1 >= args.size()) {
-                return usageError("--socket needs a value");
-            }
-            opt.socket = args[++i];
-        } else {
-            return usageError("unknown argument '" + kuv::escapeControl(a) + "'");
+    Json::Value request(Json::objectValue);
+    request["job"] = jobId;
+    Json::Value& paths = request["paths"] = Json::Value(Json::arrayValue);
+    for (const std::string& path : opt.paths) {
+        paths.append(kuvscan::pathToJson(path));
+    }
+    Json::Value& options = request["options"] = Json::Value(Json::objectValue);
+    options["report_clean"] = true;
+    options["scan_archives"] = opt.archives;
+    options["quarantine"] = opt.quarantine;
+    if (opt.maxFileSize > 0) {
+        options["max_file_size"] = Json::UInt64(opt.maxFileSize);
+    }
+    return request;
+}
+
+// One scan job on the back end, from the first word on the bus to the job's end.
+class ScanJob {
+public:
+    explicit ScanJob(const Options& opt)
+        : m_opt(opt), m_jobId("kuvctl-" + std::to_string(getpid()) + "-" + std::to_string(std::random_device()() % 1000000))
+    {
+    }
+    // The exit status of the command.
+    int run(const sigset_t& stopSignals);
+
+private:
+    bool start();
+    int step(std::chrono::steady_clock::time_point waitLimit);
+    int onStopSignal();
+    int onMessages();
+    int onMessage(int64_t type, const Json::Value& msg);
+    int onBackendStatus(const Json::Value& msg);
+    void onBackendGone();
+    int summary() const;
+    bool sendToBackend(int64_t type, const std::string& body);
+
+    const Options& m_opt;
+    const std::string m_jobId;
+    kuv::UniqueFd m_signals;
+    Inbox m_inbox; // outlives the session, whose endpoint calls it
+    BusSession m_bus;
+    GUID m_backend{};
+    kuv::UniqueFd m_backendProcess;
+    bool m_requested = false;
+    bool m_cancelSent = false;
+    bool m_ended = false;
+    Json::Value m_results{Json::arrayValue};
+    Json::Value m_end;
+};
+
+bool ScanJob::sendToBackend(int64_t type, const std::string& body)
+{
+    const int rc = m_bus.endpoint().sendMsgWait(m_backend, type, body.data(), static_cast<int>(body.size()), m_opt.timeoutMs);
+    if (rc == ZELL_SEND_UNKNOWN_DEST) {
+        fprintf(stderr, "kuvctl: the back end kuv-scand is not running (it is not on the bus)\n");
+    } else if (rc != ZELL_SEND_ROUTED) {
+        fprintf(stderr, "kuvctl: the back end could not be reached (bus answer %d)\n", rc);
+    }
+    return rc == ZELL_SEND_ROUTED;
+}
+
+bool ScanJob::start()
+{
+    if (!m_bus.open(m_opt.socket, false) ||
+        !m_bus.waitForBroker(m_opt.timeoutMs, ", so the back end cannot be reached")) {
+        return false;
+    }
+    if (m_bus.join(randomGuid(), &m_inbox) != BusSession::Join::Joined) {
+        fprintf(stderr, "kuvctl: the bus module gave no endpoint\n");
+        return false;
+    }
+    zell::wire::parseGuidText(kuvscan::kScandGuid, m_backend);
+    // Its status names the process, so that its end is seen the moment it happens (a pidfd, no polling).
+    return sendToBackend(kuvscan::KUV_SCAN_MSG_STATUS_REQUEST, "{}");
+}
+
+int ScanJob::run(const sigset_t& stopSignals)
+{
+    m_signals.reset(signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!start()) {
+        return kError;
+    }
+    const auto waitLimit = std::chrono::steady_clock::now() + std::chrono::milliseconds(m_opt.timeoutMs);
+    while (!m_ended) {
+        const int rc = step(waitLimit);
+        if (rc != kGoOn) {
+            return rc;
         }
     }
-    return 0;
+    return summary();
+}
+
+// One wait for the bus, a stop signal or the back end's end, and what it brought.
+int ScanJob::step(std::chrono::steady_clock::time_point waitLimit)
+{
+    pollfd fds[3] = {{m_inbox.fd(), POLLIN, 0}, {m_signals.get(), POLLIN, 0}, {m_backendProcess.get(), POLLIN, 0}};
+    int timeout = -1;
+    if (!m_requested) {
+        // Only the first answer is waited for with a limit; a scan takes as long as it takes.
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(waitLimit - std::chrono::steady_clock::now()).count();
+        if (left <= 0) {
+            fprintf(stderr, "kuvctl: the back end did not answer within %d ms\n", m_opt.timeoutMs);
+            return kError;
+        }
+        timeout = static_cast<int>(left);
+    }
+    const nfds_t count = m_backendProcess.valid() ? 3 : 2;
+    const int n = kuv::retryEintr([&] { return poll(fds, count, timeout); });
+    if (n < 0) {
+        fprintf(stderr, "kuvctl: poll: %s\n", strerror(errno));
+        return kError;
+    }
+    if (n == 0) {
+        return kGoOn;
+    }
+    if (fds[1].revents & POLLIN) {
+        if (const int rc = onStopSignal(); rc != kGoOn) {
+            return rc;
+        }
+    }
+    if (fds[0].revents & POLLIN) {
+        if (const int rc = onMessages(); rc != kGoOn) {
+            return rc;
+        }
+    }
+    if (!m_ended && m_backendProcess.valid() && (fds[2].revents & (POLLIN | POLLHUP))) {
+        onBackendGone();
+    }
+    return kGoOn;
+}
+
+int ScanJob::onStopSignal()
+{
+    signalfd_siginfo info;
+    (void)kuv::safeRead(m_signals.get(), &info, sizeof(info));
+    if (m_cancelSent || !m_requested) {
+        fprintf(stderr, "kuvctl: interrupted; the job may still run\n");
+        return kError;
+    }
+    Json::Value cancel(Json::objectValue);
+    cancel["job"] = m_jobId;
+    fprintf(stderr, "kuvctl: cancelling the scan\n");
+    sendToBackend(kuvscan::KUV_SCAN_MSG_CANCEL, compact(cancel));
+    m_cancelSent = true;
+    return kGoOn;
+}
+
+int ScanJob::onMessages()
+{
+    int64_t type = 0;
+    std::string body;
+    while (!m_ended && m_inbox.take(type, body)) {
+        Json::Value msg;
+        if (!parseJson(body, msg)) {
+            continue;
+        }
+        if (const int rc = onMessage(type, msg); rc != kGoOn) {
+            return rc;
+        }
+    }
+    return kGoOn;
+}
+
+int ScanJob::onBackendStatus(const Json::Value& msg)
+{
+    const int pid = msg["pid"].isInt() ? msg["pid"].asInt() : 0;
+    if (pid > 0) {
+        m_backendProcess.reset(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    }
+    if (pid > 0 && !m_backendProcess.valid() && errno == ESRCH) {
+        fprintf(stderr, "kuvctl: the back end kuv-scand has just stopped\n");
+        return kError;
+    }
+    if (!sendToBackend(kuvscan::KUV_SCAN_MSG_REQUEST, compact(scanRequest(m_jobId, m_opt)))) {
+        return kError;
+    }
+    m_requested = true;
+    return kGoOn;
+}
+
+int ScanJob::onMessage(int64_t type, const Json::Value& msg)
+{
+    if (type == kuvscan::KUV_SCAN_MSG_STATUS && !m_requested) {
+        return onBackendStatus(msg);
+    }
+    if (msg["job"].asString() != m_jobId) {
+        return kGoOn; // another client's job, or news for subscribers
+    }
+    if (type == kuvscan::KUV_SCAN_MSG_ACCEPTED) {
+        const int position = msg["position"].asInt();
+        if (position > 0 && !m_opt.json) {
+            fprintf(stderr, "kuvctl: waiting for %d job(s) before this one\n", position);
+        }
+    } else if (type == kuvscan::KUV_SCAN_MSG_RESULTS) {
+        for (const Json::Value& r : msg["results"]) {
+            if (m_opt.json) {
+                m_results.append(r);
+            } else {
+                printResult(r, m_opt.infectedOnly);
+            }
+        }
+        if (!m_opt.json) {
+            fflush(stdout);
+        }
+    } else if (type == kuvscan::KUV_SCAN_MSG_JOB_END) {
+        m_end = msg;
+        m_ended = true;
+    } else if (type == kuvscan::KUV_SCAN_MSG_ERROR) {
+        fprintf(stderr, "kuvctl: the back end refused the scan: %s: %s\n", kuv::escapeControl(msg["error"].asString()).c_str(),
+                kuv::escapeControl(msg["detail"].asString()).c_str());
+        return kError;
+    }
+    return kGoOn;
+}
+
+// The back end ended (crashed or was killed) before the job did: the job failed.
+void ScanJob::onBackendGone()
+{
+    m_end = Json::Value(Json::objectValue);
+    m_end["job"] = m_jobId;
+    m_end["state"] = "failed";
+    m_end["reason"] = "the back end stopped during the scan";
+    m_ended = true;
+    fprintf(stderr, "kuvctl: the back end kuv-scand stopped during the scan; the job failed\n");
+}
+
+int ScanJob::summary() const
+{
+    const std::string state = m_end["state"].asString();
+    const uint64_t infected = m_end["infected"].asUInt64();
+    const uint64_t errors = m_end["errors"].asUInt64();
+    const uint64_t partial = m_end["partial"].asUInt64();
+    if (m_opt.json) {
+        Json::Value doc(Json::objectValue);
+        doc["job"] = m_jobId;
+        doc["results"] = m_results;
+        doc["end"] = m_end;
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = "  ";
+        writer["emitUTF8"] = true;
+        const std::string text = Json::writeString(writer, doc) + "\n";
+        fwrite(text.data(), 1, text.size(), stdout);
+    } else {
+        printf("\n----------- SCAN SUMMARY -----------\n");
+        printf("Scanned files: %llu\n", static_cast<unsigned long long>(m_end["files"].asUInt64()));
+        printf("Infected files: %llu\n", static_cast<unsigned long long>(infected));
+        printf("Errors: %llu\n", static_cast<unsigned long long>(errors));
+        printf("Skipped: %llu\n", static_cast<unsigned long long>(m_end["skipped"].asUInt64()));
+        printf("Not fully scanned: %llu\n", static_cast<unsigned long long>(partial));
+        printf("Data scanned: %.2f MB\n", static_cast<double>(m_end["bytes"].asUInt64()) / (1024.0 * 1024.0));
+        printf("Time: %.3f sec\n", static_cast<double>(m_end["duration_ms"].asInt64()) / 1000.0);
+        const std::string reason = m_end["reason"].asString();
+        printf("Job: %s%s%s\n", state.c_str(), reason.empty() ? "" : ": ", kuv::escapeControl(reason).c_str());
+    }
+    fflush(stdout);
+    if (infected > 0) {
+        return kFound;
+    }
+    if (state != "done" || errors > 0 || partial > 0) {
+        return kError;
+    }
+    return kClean;
 }
 
 } // namespace
@@ -258,230 +535,13 @@ int runScan(const std::vector<std::string>& args)
     if (opt.paths.size() > static_cast<size_t>(kuvscan::kMaxRequestPaths)) {
         return usageError("at most " + std::to_string(kuvscan::kMaxRequestPaths) + " paths in one scan");
     }
-    // The back end runs elsewhere: relative names are made absolute here, without resolving anything.
-    std::string cwd;
-    for (std::string& path : opt.paths) {
-        if (path[0] != '/') {
-            if (cwd.empty()) {
-                char buffer[PATH_MAX];
-                if (getcwd(buffer, sizeof(buffer)) == nullptr) {
-                    return usageError(std::string("cannot tell the current directory: ") + strerror(errno));
-                }
-                cwd = buffer;
-            }
-            path = (cwd == "/" ? std::string() : cwd) + "/" + path;
-        }
-    }
-
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    kuv::UniqueFd signals(signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK));
-
     std::string error;
-    kuv::BusModule client;
-    if (!client.open(opt.socket, false, error)) {
-        fprintf(stderr, "kuvctl: %s\n", error.c_str());
-        return kError;
+    if (!makeAbsolute(opt.paths, error)) {
+        return usageError(error);
     }
-    if (!client.waitConnected(opt.timeoutMs)) {
-        fprintf(stderr, "kuvctl: the bus broker is not running (%s), so the back end cannot be reached\n",
-                kuv::escapeControl(opt.socket).c_str());
-        return kError;
-    }
-    Inbox inbox;
-    IZellMREndPoint4* endpoint = client.mgr()->createEndPoint();
-    const GUID self = randomGuid();
-    if (endpoint == nullptr || endpoint->registerRecvNotify(kZellAnyMsgType, &inbox, 0) != 0 ||
-        endpoint->init(self) != 0) {
-        fprintf(stderr, "kuvctl: the bus module gave no endpoint\n");
-        return kError;
-    }
-    struct EndpointGuard {
-        kuv::BusModule& client;
-        IZellMREndPoint4* endpoint;
-        ~EndpointGuard() { client.mgr()->destroyEndPoint(endpoint); }
-    } guard{client, endpoint};
-
-    GUID backend{};
-    zell::wire::parseGuidText(kuvscan::kScandGuid, backend);
-    auto sendToBackend = [&](int64_t type, const std::string& body) {
-        const int rc = endpoint->sendMsgWait(backend, type, body.data(), static_cast<int>(body.size()), opt.timeoutMs);
-        if (rc == ZELL_SEND_UNKNOWN_DEST) {
-            fprintf(stderr, "kuvctl: the back end kuv-scand is not running (it is not on the bus)\n");
-        } else if (rc != ZELL_SEND_ROUTED) {
-            fprintf(stderr, "kuvctl: the back end could not be reached (bus answer %d)\n", rc);
-        }
-        return rc == ZELL_SEND_ROUTED;
-    };
-
-    // Its status names the process, so that its end is seen the moment it happens (a pidfd, no polling).
-    if (!sendToBackend(kuvscan::KUV_SCAN_MSG_STATUS_REQUEST, "{}")) {
-        return kError;
-    }
-    const std::string jobId = "kuvctl-" + std::to_string(getpid()) + "-" +
-                              std::to_string(std::random_device()() % 1000000);
-    Json::Value request(Json::objectValue);
-    request["job"] = jobId;
-    Json::Value& paths = request["paths"] = Json::Value(Json::arrayValue);
-    for (const std::string& path : opt.paths) {
-        paths.append(kuvscan::pathToJson(path));
-    }
-    Json::Value& options = request["options"] = Json::Value(Json::objectValue);
-    options["report_clean"] = true;
-    options["scan_archives"] = opt.archives;
-    options["quarantine"] = opt.quarantine;
-    if (opt.maxFileSize > 0) {
-        options["max_file_size"] = Json::UInt64(opt.maxFileSize);
-    }
-
-    kuv::UniqueFd backendProcess;
-    bool requested = false;
-    bool cancelSent = false;
-    Json::Value results(Json::arrayValue);
-    Json::Value end;
-    bool ended = false;
-    uint64_t resultCount = 0;
-    auto waitLimit = std::chrono::steady_clock::now() + std::chrono::milliseconds(opt.timeoutMs);
-
-    while (!ended) {
-        pollfd fds[3] = {{inbox.fd(), POLLIN, 0}, {signals.get(), POLLIN, 0}, {backendProcess.get(), POLLIN, 0}};
-        int timeout = -1;
-        if (!requested) {
-            // Only the first answer is waited for with a limit; a scan takes as long as it takes.
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                                  waitLimit - std::chrono::steady_clock::now())
-                                  .count();
-            if (left <= 0) {
-                fprintf(stderr, "kuvctl: the back end did not answer within %d ms\n", opt.timeoutMs);
-                return kError;
-            }
-            timeout = static_cast<int>(left);
-        }
-        const int n = poll(fds, backendProcess.valid() ? 3 : 2, timeout);
-        if (n < 0 && errno != EINTR) {
-            fprintf(stderr, "kuvctl: poll: %s\n", strerror(errno));
-            return kError;
-        }
-        if (n <= 0) {
-            continue;
-        }
-        if (fds[1].revents & POLLIN) {
-            signalfd_siginfo info;
-            (void)!::read(signals.get(), &info, sizeof(info));
-            if (cancelSent || !requested) {
-                fprintf(stderr, "kuvctl: interrupted; the job may still run\n");
-                return kError;
-            }
-            Json::Value cancel(Json::objectValue);
-            cancel["job"] = jobId;
-            fprintf(stderr, "kuvctl: cancelling the scan\n");
-            sendToBackend(kuvscan::KUV_SCAN_MSG_CANCEL, compact(cancel));
-            cancelSent = true;
-        }
-        if (fds[0].revents & POLLIN) {
-            int64_t type = 0;
-            std::string body;
-            while (!ended && inbox.take(type, body)) {
-                Json::Value msg;
-                if (!parseJson(body, msg)) {
-                    continue;
-                }
-                if (type == kuvscan::KUV_SCAN_MSG_STATUS && !requested) {
-                    const int pid = msg["pid"].isInt() ? msg["pid"].asInt() : 0;
-                    if (pid > 0) {
-                        backendProcess.reset(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-                    }
-                    if (pid > 0 && !backendProcess.valid() && errno == ESRCH) {
-                        fprintf(stderr, "kuvctl: the back end kuv-scand has just stopped\n");
-                        return kError;
-                    }
-                    if (!sendToBackend(kuvscan::KUV_SCAN_MSG_REQUEST, compact(request))) {
-                        return kError;
-                    }
-                    requested = true;
-                    continue;
-                }
-                if (msg["job"].asString() != jobId) {
-                    continue; // another client's job, or news for subscribers
-                }
-                if (type == kuvscan::KUV_SCAN_MSG_ACCEPTED) {
-                    const int position = msg["position"].asInt();
-                    if (position > 0 && !opt.json) {
-                        fprintf(stderr, "kuvctl: waiting for %d job(s) before this one\n", position);
-                    }
-                } else if (type == kuvscan::KUV_SCAN_MSG_RESULTS) {
-                    for (const Json::Value& r : msg["results"]) {
-                        ++resultCount;
-                        if (opt.json) {
-                            results.append(r);
-                        } else {
-                            printResult(r, opt.infectedOnly);
-                        }
-                    }
-                    if (!opt.json) {
-                        fflush(stdout);
-                    }
-                } else if (type == kuvscan::KUV_SCAN_MSG_JOB_END) {
-                    end = msg;
-                    ended = true;
-                } else if (type == kuvscan::KUV_SCAN_MSG_ERROR) {
-                    fprintf(stderr, "kuvctl: the back end refused the scan: %s: %s\n",
-                            kuv::escapeControl(msg["error"].asString()).c_str(),
-                            kuv::escapeControl(msg["detail"].asString()).c_str());
-                    return kError;
-                }
-            }
-        }
-        if (!ended && backendProcess.valid() && (fds[2].revents & (POLLIN | POLLHUP))) {
-            // The back end ended (crashed or was killed) before the job did: the job failed.
-            end = Json::Value(Json::objectValue);
-            end["job"] = jobId;
-            end["state"] = "failed";
-            end["reason"] = "the back end stopped during the scan";
-            ended = true;
-            fprintf(stderr, "kuvctl: the back end kuv-scand stopped during the scan; the job failed\n");
-        }
-    }
-
-    const std::string state = end["state"].asString();
-    const uint64_t infected = end["infected"].asUInt64();
-    const uint64_t errors = end["errors"].asUInt64();
-    const uint64_t partial = end["partial"].asUInt64();
-    if (opt.json) {
-        Json::Value doc(Json::objectValue);
-        doc["job"] = jobId;
-        doc["results"] = results;
-        doc["end"] = end;
-        Json::StreamWriterBuilder writer;
-        writer["indentation"] = "  ";
-        writer["emitUTF8"] = true;
-        const std::string text = Json::writeString(writer, doc) + "\n";
-        fwrite(text.data(), 1, text.size(), stdout);
-    } else {
-        printf("\n----------- SCAN SUMMARY -----------\n");
-        printf("Scanned files: %llu\n", static_cast<unsigned long long>(end["files"].asUInt64()));
-        printf("Infected files: %llu\n", static_cast<unsigned long long>(infected));
-        printf("Errors: %llu\n", static_cast<unsigned long long>(errors));
-        printf("Skipped: %llu\n", static_cast<unsigned long long>(end["skipped"].asUInt64()));
-        printf("Not fully scanned: %llu\n", static_cast<unsigned long long>(partial));
-        printf("Data scanned: %.2f MB\n", static_cast<double>(end["bytes"].asUInt64()) / (1024.0 * 1024.0));
-        printf("Time: %.3f sec\n", static_cast<double>(end["duration_ms"].asInt64()) / 1000.0);
-        const std::string reason = end["reason"].asString();
-        printf("Job: %s%s%s\n", state.c_str(), reason.empty() ? "" : ": ", kuv::escapeControl(reason).c_str());
-    }
-    fflush(stdout);
-    (void)resultCount;
-    if (infected > 0) {
-        return kFound;
-    }
-    if (state != "done" || errors > 0 || partial > 0) {
-        return kError;
-    }
-    return kClean;
+    const sigset_t stopSignals = blockStopSignals();
+    ScanJob job(opt);
+    return job.run(stopSignals);
 }
 
 } // namespace kuvctl

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <map>
 
+#include "ArgParser.h"
 #include "CGlobalTag.h"
 #include "FileUtils.h"
 
@@ -29,13 +30,15 @@ std::string statusUsage()
 
 int runStatus(const std::vector<std::string>& args)
 {
-    for (const std::string& arg : args) {
-        if (arg == "--help" || arg == "-h") {
+    ArgParser parser(args, {{"help", 'h', false}});
+    ArgParser::Item item;
+    if (parser.next(item)) {
+        if (item.kind == ArgParser::Item::Option) {
             fputs(statusUsage().c_str(), stdout);
             return 0;
         }
         fprintf(stderr, "kuvctl: unknown argument '%s'\nTry 'kuvctl status --help'.\n",
-                kuv::escapeControl(arg).c_str());
+                kuv::escapeControl(item.text).c_str());
         return 2;
     }
     const CGlobalTag::TagConfig config = CGlobalTag::TagConfig::getUserConfig();

@@ -10,12 +10,10 @@
 #include "FileUtils.h"
 #include "ScanCommand.h"
 #include "HistoryCommand.h"
+#include "LogsCommand.h"
 #include "QuarantineCommand.h"
 #include "StatusCommand.h"
 #include "WriteSignals.h"
-#ifdef KUVCTL_HAVE_LOGS
-#include "LogsCommand.h"
-#endif
 
 namespace {
 
@@ -31,9 +29,7 @@ const Command kCommands[] = {
     {"scan", "scan files and folders with the back end kuv-scand", &kuvctl::runScan},
     {"quarantine", "list, restore and delete quarantined files", &kuvctl::runQuarantine},
     {"history", "past scan jobs and their findings", &kuvctl::runHistory},
-#ifdef KUVCTL_HAVE_LOGS
     {"logs", "print and follow the service log", &kuvctl::runLogs},
-#endif
 };
 
 // kuvgui itself takes no options (a word it does not know is forwarded as nothing), so its help is here.

@@ -23,6 +23,46 @@ enum class LogLevel : int {
 constexpr _LOG_LEVEL toLogLevel(LogLevel level) { return static_cast<_LOG_LEVEL>(level); }
 constexpr _LOG_LEVEL toLogLevel(_LOG_LEVEL level) { return level; }
 
+// The one table of level names, as records write them. Out-of-range numbers clamp to the nearest level.
+constexpr const char* logLevelName(LogLevel level)
+{
+    switch (level) {
+    case LogLevel::Trace:
+        return "TRACE";
+    case LogLevel::Debug:
+        return "DEBUG";
+    case LogLevel::Info:
+        return "INFO";
+    case LogLevel::Warn:
+        return "WARN";
+    case LogLevel::Error:
+        return "ERROR";
+    }
+    return static_cast<int>(level) < LOG_LEVEL_TRACE ? "TRACE" : "ERROR";
+}
+// The same names in lower case, with "warning" spelled out, for messages to people (stderr).
+constexpr const char* logLevelWord(LogLevel level)
+{
+    switch (level) {
+    case LogLevel::Trace:
+        return "trace";
+    case LogLevel::Debug:
+        return "debug";
+    case LogLevel::Info:
+        return "info";
+    case LogLevel::Warn:
+        return "warning";
+    case LogLevel::Error:
+        return "error";
+    }
+    return static_cast<int>(level) < LOG_LEVEL_TRACE ? "trace" : "error";
+}
+// The bus module's interface numbers levels the other way round: 0 error .. 4 trace.
+constexpr LogLevel fromBusLevel(int level)
+{
+    return level <= 0 ? LogLevel::Error : level >= 4 ? LogLevel::Trace : static_cast<LogLevel>(LOG_LEVEL_ERROR - level);
+}
+
 // Writes to log, or to the process log when log is null.
 inline int logPrint(CLogDebug* log, _LOG_LEVEL level, const char* source, const char* function, unsigned int line,
                     const char* format, ...) __attribute__((format(printf, 6, 7)));

@@ -23,40 +23,22 @@ enum class LogLevel : int {
 constexpr _LOG_LEVEL toLogLevel(LogLevel level) { return static_cast<_LOG_LEVEL>(level); }
 constexpr _LOG_LEVEL toLogLevel(_LOG_LEVEL level) { return level; }
 
-// The one table of level names, as records write them. Out-of-range numbers clamp to the nearest level.
-constexpr const char* logLevelName(LogLevel level)
+// The one table of level names: as records write them, and as messages to people say them.
+struct LogLevelNames {
+    const char* name;
+    const char* word;
+};
+inline constexpr LogLevelNames kLogLevelNames[] = {
+    {"TRACE", "trace"}, {"DEBUG", "debug"}, {"INFO", "info"}, {"WARN", "warning"}, {"ERROR", "error"},
+};
+// Numbers past either end count as the nearest level.
+constexpr const LogLevelNames& logLevelNames(LogLevel level)
 {
-    switch (level) {
-    case LogLevel::Trace:
-        return "TRACE";
-    case LogLevel::Debug:
-        return "DEBUG";
-    case LogLevel::Info:
-        return "INFO";
-    case LogLevel::Warn:
-        return "WARN";
-    case LogLevel::Error:
-        return "ERROR";
-    }
-    return static_cast<int>(level) < LOG_LEVEL_TRACE ? "TRACE" : "ERROR";
+    const int index = static_cast<int>(level);
+    return kLogLevelNames[index < LOG_LEVEL_TRACE ? LOG_LEVEL_TRACE : index > LOG_LEVEL_ERROR ? LOG_LEVEL_ERROR : index];
 }
-// The same names in lower case, with "warning" spelled out, for messages to people (stderr).
-constexpr const char* logLevelWord(LogLevel level)
-{
-    switch (level) {
-    case LogLevel::Trace:
-        return "trace";
-    case LogLevel::Debug:
-        return "debug";
-    case LogLevel::Info:
-        return "info";
-    case LogLevel::Warn:
-        return "warning";
-    case LogLevel::Error:
-        return "error";
-    }
-    return static_cast<int>(level) < LOG_LEVEL_TRACE ? "trace" : "error";
-}
+constexpr const char* logLevelName(LogLevel level) { return logLevelNames(level).name; }
+constexpr const char* logLevelWord(LogLevel level) { return logLevelNames(level).word; }
 // The bus module's interface numbers levels the other way round: 0 error .. 4 trace.
 constexpr LogLevel fromBusLevel(int level)
 {

@@ -21,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr size_t kDefaultSize = 1024 * 1024;
 constexpr size_t kDefaultBackups = 5;
-constexpr size_t kMaxBackups = 200000;
+constexpr size_t kMaxBackups = 200000; // a rotation renames every backup
 constexpr int kDefaultLevel = LOG_LEVEL_INFO;
 
 bool parseLong(const char* text, long long min, long long max, long long& out)

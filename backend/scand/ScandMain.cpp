@@ -37,6 +37,7 @@
 #include "ClamEngine.h"
 #include "ClamdEngine.h"
 #include "ConstConfig.h"
+#include "Daemon.h"
 #include "FileUtils.h"
 #include "JobLog.h"
 #include "Jobs.h"
@@ -1322,47 +1323,7 @@ void report(UniqueFd& ready, int status)
 // Forks into the background; the first process exits with what the daemon reports on the pipe.
 bool daemonize(UniqueFd& ready)
 {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) {
-        return false;
-    }
-    const pid_t child = ::fork();
-    if (child < 0) {
-        return false;
-    }
-    if (child > 0) {
-        ::close(fds[1]);
-        unsigned char status = kExitFailure;
-        ssize_t n;
-        do {
-            n = ::read(fds[0], &status, 1);
-        } while (n < 0 && errno == EINTR);
-        ::waitpid(child, nullptr, 0);
-        _exit(n == 1 ? status : kExitFailure);
-    }
-    ::close(fds[0]);
-    ::setsid();
-    const pid_t grandchild = ::fork();
-    if (grandchild < 0) {
-        _exit(kExitFailure);
-    }
-    if (grandchild > 0) {
-        _exit(0);
-    }
-    ready.reset(fds[1]);
-    if (::chdir("/") != 0) {
-        // harmless
-    }
-    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (null >= 0) {
-        ::dup2(null, STDIN_FILENO);
-        ::dup2(null, STDOUT_FILENO);
-        ::dup2(null, STDERR_FILENO);
-        if (null > STDERR_FILENO) {
-            ::close(null);
-        }
-    }
-    return true;
+    return kuv::daemonize(ready, kExitFailure);
 }
 
 volatile sig_atomic_t g_supervisorStop = 0;

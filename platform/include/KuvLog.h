@@ -23,6 +23,28 @@ enum class LogLevel : int {
 constexpr _LOG_LEVEL toLogLevel(LogLevel level) { return static_cast<_LOG_LEVEL>(level); }
 constexpr _LOG_LEVEL toLogLevel(_LOG_LEVEL level) { return level; }
 
+// The one table of level names: as records write them, and as messages to people say them.
+struct LogLevelNames {
+    const char* name;
+    const char* word;
+};
+inline constexpr LogLevelNames kLogLevelNames[] = {
+    {"TRACE", "trace"}, {"DEBUG", "debug"}, {"INFO", "info"}, {"WARN", "warning"}, {"ERROR", "error"},
+};
+// Numbers past either end count as the nearest level.
+constexpr const LogLevelNames& logLevelNames(LogLevel level)
+{
+    const int index = static_cast<int>(level);
+    return kLogLevelNames[index < LOG_LEVEL_TRACE ? LOG_LEVEL_TRACE : index > LOG_LEVEL_ERROR ? LOG_LEVEL_ERROR : index];
+}
+constexpr const char* logLevelName(LogLevel level) { return logLevelNames(level).name; }
+constexpr const char* logLevelWord(LogLevel level) { return logLevelNames(level).word; }
+// The bus module's interface numbers levels the other way round: 0 error .. 4 trace.
+constexpr LogLevel fromBusLevel(int level)
+{
+    return level <= 0 ? LogLevel::Error : level >= 4 ? LogLevel::Trace : static_cast<LogLevel>(LOG_LEVEL_ERROR - level);
+}
+
 // Writes to log, or to the process log when log is null.
 inline int logPrint(CLogDebug* log, _LOG_LEVEL level, const char* source, const char* function, unsigned int line,
                     const char* format, ...) __attribute__((format(printf, 6, 7)));

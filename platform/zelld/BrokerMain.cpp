@@ -2,42 +2,48 @@
 // the private runtime directory and register endpoint GUIDs; the broker routes each message to the
 // connection that owns its destination GUID.
 #include <fcntl.h>
+#include <getopt.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/file.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <zmq.h>
+#include <zmq.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <random>
 #include <string>
-#include <vector>
 
+#include "Daemon.h"
 #include "FileUtils.h"
-#include "ZellAddress.h"
+#include "KuvLogFile.h"
 #include "PeerCredZmq.h"
-#include "ZellLogFile.h"
-#include "ZellRouter.h"
+#include "SafeIo.h"
 #include "UniqueFd.h"
 #include "WriteSignals.h"
+#include "ZellAddress.h"
+#include "ZellRouter.h"
 
 namespace {
 
+KUV_LOG_SOURCE("platform/zelld/BrokerMain");
+
 using namespace zell;
 using namespace zell::wire;
+using kuv::LogLevel;
+using kuv::UniqueFd;
 
 // Exit codes.
 constexpr int kExitOk = 0;
@@ -62,42 +68,21 @@ constexpr const char* kUsage =
     "Exit status: 0 stopped cleanly, 1 another broker already serves the address, 2 usage error,\n"
     "3 could not start (runtime directory, socket or lock).\n";
 
+constexpr uint64_t kLogSize = 10u * 1024 * 1024;
+constexpr size_t kLogBackups = 3;
+// Inbound, a short queue is enough: a sender that outruns us waits in its own client.
+constexpr int kInboundQueue = 10000;
+constexpr const char* kMonitorAddress = "inproc://kuv-zelld-monitor";
+
 struct Options {
     std::string socket = "./kuv_zell";
     bool foreground = false;
     std::string logFile;
-    int logLevel = 2;
+    int logLevel = static_cast<int>(LogLevel::Info);
     int hwm = 100000;
 };
 
-using Fd = kuv::UniqueFd;
-
-// Levels as in the project log: 0 trace .. 4 error.
-class Log {
-public:
-    void setLevel(int level) { m_level = level; }
-    LogFile& file() { return m_file; }
-    void print(int level, const char* function, int line, const char* format, ...) __attribute__((format(printf, 5, 6)))
-    {
-        if (level < m_level) {
-            return;
-        }
-        static const char* const names[] = {"TRACE", "DEBUG", "INFO", "WARN", "ERROR"};
-        char text[1024];
-        va_list args;
-        va_start(args, format);
-        vsnprintf(text, sizeof(text), format, args);
-        va_end(args);
-        m_file.write(names[level < 0 ? 0 : (level > 4 ? 4 : level)], "platform/zelld/BrokerMain", function, line, text);
-    }
-
-private:
-    LogFile m_file;
-    int m_level = 2;
-};
-
-Log g_log;
-#define LOGT(level, ...) g_log.print(level, __func__, __LINE__, __VA_ARGS__)
+kuv::LogFile g_log;
 
 // Lets a burst of the same complaint through, then stays quiet for a while.
 class RateLimit {
@@ -122,97 +107,80 @@ int64_t nowMs()
         .count();
 }
 
-bool parseInt(const char* text, long min, long max, int& out)
+bool parseInt(const char* text, int min, int max, int& out)
 {
-    if (text == nullptr || *text == '\0') {
+    if (text == nullptr) {
         return false;
     }
-    char* end = nullptr;
-    errno = 0;
-    const long value = strtol(text, &end, 10);
-    if (errno != 0 || *end != '\0' || value < min || value > max) {
+    const char* end = text + std::strlen(text);
+    int value = 0;
+    const auto [stop, ec] = std::from_chars(text, end, value);
+    if (text == end || ec != std::errc() || stop != end || value < min || value > max) {
         return false;
     }
-    out = static_cast<int>(value);
+    out = value;
     return true;
 }
 
-// 0: parsed; 1: --help; -1: usage error (message printed).
-int parseOptions(int argc, char** argv, Options& options)
+// The exit status when the broker must not start (--help, a usage error), nothing when it may.
+std::optional<int> parseOptions(int argc, char** argv, Options& options)
 {
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        auto value = [&](const char* name) -> const char* {
-            if (i + 1 >= argc) {
-                fprintf(stderr, "kuv-zelld: %s needs a value\n", name);
-                return nullptr;
-            }
-            return argv[++i];
-        };
-        if (arg == "--help" || arg == "-h") {
-            return 1;
-        } else if (arg == "--foreground" || arg == "-f") {
+    enum { kSocket = 1000, kLog, kLogLevel, kHwm };
+    static const struct option longOptions[] = {
+        {"help", no_argument, nullptr, 'h'},         {"foreground", no_argument, nullptr, 'f'},
+        {"socket", required_argument, nullptr, kSocket}, {"log", required_argument, nullptr, kLog},
+        {"log-level", required_argument, nullptr, kLogLevel}, {"hwm", required_argument, nullptr, kHwm},
+        {nullptr, 0, nullptr, 0},
+    };
+    opterr = 0; // the messages below name the broker
+    int option;
+    while ((option = getopt_long(argc, argv, ":hf", longOptions, nullptr)) != -1) {
+        switch (option) {
+        case 'h':
+            fputs(kUsage, stdout);
+            return kExitOk;
+        case 'f':
             options.foreground = true;
-        } else if (arg == "--socket") {
-            const char* v = value("--socket");
-            if (v == nullptr) {
-                return -1;
-            }
-            options.socket = v;
-        } else if (arg == "--log") {
-            const char* v = value("--log");
-            if (v == nullptr) {
-                return -1;
-            }
-            options.logFile = v;
-        } else if (arg == "--log-level") {
-            const char* v = value("--log-level");
-            if (v == nullptr || !parseInt(v, 0, 4, options.logLevel)) {
+            break;
+        case kSocket:
+            options.socket = optarg;
+            break;
+        case kLog:
+            options.logFile = optarg;
+            break;
+        case kLogLevel:
+            if (!parseInt(optarg, static_cast<int>(LogLevel::Trace), static_cast<int>(LogLevel::Error),
+                          options.logLevel)) {
                 fprintf(stderr, "kuv-zelld: --log-level takes 0..4\n");
-                return -1;
+                return kExitUsage;
             }
-        } else if (arg == "--hwm") {
-            const char* v = value("--hwm");
-            if (v == nullptr || !parseInt(v, 1, 10000000, options.hwm)) {
+            break;
+        case kHwm:
+            if (!parseInt(optarg, 1, 10000000, options.hwm)) {
                 fprintf(stderr, "kuv-zelld: --hwm takes 1..10000000\n");
-                return -1;
+                return kExitUsage;
             }
-        } else {
-            fprintf(stderr, "kuv-zelld: unknown argument '%s'\n", kuv::escapeControl(arg).c_str());
-            return -1;
+            break;
+        case ':':
+            fprintf(stderr, "kuv-zelld: %s needs a value\n", kuv::escapeControl(argv[optind - 1]).c_str());
+            fputs("Try 'kuv-zelld --help'.\n", stderr);
+            return kExitUsage;
+        default:
+            fprintf(stderr, "kuv-zelld: unknown argument '%s'\n", kuv::escapeControl(argv[optind - 1]).c_str());
+            fputs("Try 'kuv-zelld --help'.\n", stderr);
+            return kExitUsage;
         }
     }
-    return 0;
-}
-
-std::string installDir()
-{
-    const char* env = getenv("KUV_INSTALL_DIR");
-    if (env != nullptr && *env != '\0') {
-        std::string dir = env;
-        if (dir.back() != '/') {
-            dir += '/';
-        }
-        return dir;
+    if (optind < argc) {
+        fprintf(stderr, "kuv-zelld: unknown argument '%s'\n", kuv::escapeControl(argv[optind]).c_str());
+        fputs("Try 'kuv-zelld --help'.\n", stderr);
+        return kExitUsage;
     }
-    char exe[PATH_MAX];
-    const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    if (n <= 0) {
-        return std::string();
-    }
-    std::string path(exe, static_cast<size_t>(n));
-    for (int i = 0; i < 2; ++i) {
-        const size_t slash = path.find_last_of('/');
-        if (slash == std::string::npos) {
-            return std::string();
-        }
-        path.resize(slash);
-    }
-    return path + "/";
+    return std::nullopt;
 }
 
 // The one-broker-per-address lock: a flock on "<socket>.lock" beside the socket.
-bool takeLock(const std::string& lockPath, Fd& lock, std::string& holder)
+bool takeLock(const std::string& lockPath, UniqueFd& lock, std::string& holder)
 {
     lock.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (lock.get() < 0) {
@@ -233,6 +201,21 @@ bool takeLock(const std::string& lockPath, Fd& lock, std::string& holder)
     return true;
 }
 
+// kExitOk with the lock held, else the exit status (told on stderr).
+int lockAddress(const BusAddress& address, UniqueFd& lock)
+{
+    std::string holder;
+    if (takeLock(address.path + ".lock", lock, holder)) {
+        return kExitOk;
+    }
+    if (holder.rfind("cannot open", 0) == 0) {
+        fprintf(stderr, "kuv-zelld: %s\n", holder.c_str());
+        return kExitFailure;
+    }
+    fprintf(stderr, "kuv-zelld: a broker already serves %s (pid %s)\n", address.path.c_str(), holder.c_str());
+    return kExitRunning;
+}
+
 void writePid(int fd)
 {
     const std::string text = std::to_string(getpid()) + "\n";
@@ -241,64 +224,116 @@ void writePid(int fd)
     }
 }
 
-// Forks into the background; the parent waits for the child's report on `ready` and exits with it.
-// Returns in the daemon only; ready is the write end the daemon reports through.
-bool daemonize(Fd& ready)
+void openLog(const Options& options)
 {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) {
-        return false;
+    g_log.setLevel(static_cast<LogLevel>(options.logLevel));
+    if (options.foreground && options.logFile.empty()) {
+        g_log.openStderr();
+        return;
     }
-    const pid_t child = ::fork();
-    if (child < 0) {
-        ::close(fds[0]);
-        ::close(fds[1]);
-        return false;
+    const std::string path = options.logFile.empty() ? kuv::installDir() + "log/kuv-zelld.log" : options.logFile;
+    std::string why;
+    if (!g_log.open(path, std::string(), kLogSize, kLogBackups, &why) && options.foreground) {
+        fprintf(stderr, "kuv-zelld: no log: %s\n", why.c_str());
     }
-    if (child > 0) {
-        ::close(fds[1]);
-        unsigned char status = kExitFailure;
-        ssize_t n;
-        do {
-            n = ::read(fds[0], &status, 1);
-        } while (n < 0 && errno == EINTR);
-        ::waitpid(child, nullptr, 0);
-        if (n != 1 || status != kExitOk) {
-            fprintf(stderr, "kuv-zelld: the daemon could not start; see its log\n");
-        }
-        _exit(n == 1 ? status : kExitFailure);
-    }
-    ::close(fds[0]);
-    ::setsid();
-    const pid_t grandchild = ::fork();
-    if (grandchild < 0) {
-        _exit(kExitFailure);
-    }
-    if (grandchild > 0) {
-        _exit(0); // the first parent reads the report from the grandchild through the same pipe
-    }
-    ready.reset(fds[1]);
-    if (::chdir("/") != 0) {
-        // Staying in the start directory is harmless.
-    }
-    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (null >= 0) {
-        ::dup2(null, STDIN_FILENO);
-        ::dup2(null, STDOUT_FILENO);
-        ::dup2(null, STDERR_FILENO);
-        if (null > STDERR_FILENO) {
-            ::close(null);
-        }
-    }
-    return true;
 }
 
-void report(Fd& ready, unsigned char status)
+// Stop signals are taken through a descriptor; blocked before ZMQ starts its threads so none sees them.
+UniqueFd stopSignals()
 {
-    if (ready.get() >= 0) {
-        (void)!::write(ready.get(), &status, 1);
-        ready.reset();
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGTERM);
+    sigaddset(&mask, SIGINT);
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    signal(SIGHUP, SIG_IGN);
+    return UniqueFd(signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+// The socket file of the bus: a leftover of a dead broker is replaced (we hold the lock), anything else is
+// left alone; on the way out it is removed, but only if it is still the one this broker made.
+class SocketFile {
+public:
+    explicit SocketFile(std::string path) : m_path(std::move(path)) {}
+    ~SocketFile()
+    {
+        struct stat now {};
+        if (m_bound && ::stat(m_path.c_str(), &now) == 0 && now.st_ino == m_ino && now.st_dev == m_dev) {
+            ::unlink(m_path.c_str());
+        }
     }
+    SocketFile(const SocketFile&) = delete;
+    SocketFile& operator=(const SocketFile&) = delete;
+
+    bool clearStale(bool foreground) const
+    {
+        struct stat st {};
+        if (::lstat(m_path.c_str(), &st) != 0) {
+            return true;
+        }
+        if (!S_ISSOCK(st.st_mode)) {
+            KUV_LOG_TO(&g_log, LogLevel::Error, "%s exists and is not a socket; not touching it", m_path.c_str());
+            if (foreground) {
+                fprintf(stderr, "kuv-zelld: %s exists and is not a socket\n", m_path.c_str());
+            }
+            return false;
+        }
+        ::unlink(m_path.c_str());
+        KUV_LOG_TO(&g_log, LogLevel::Info, "replaced the socket of a broker that is gone");
+        return true;
+    }
+
+    // The socket was just bound: private to the user, and remembered to be removed.
+    void bound()
+    {
+        ::chmod(m_path.c_str(), 0600);
+        struct stat st {};
+        m_bound = ::stat(m_path.c_str(), &st) == 0;
+        m_dev = st.st_dev;
+        m_ino = st.st_ino;
+    }
+
+private:
+    std::string m_path;
+    bool m_bound = false;
+    dev_t m_dev = 0;
+    ino_t m_ino = 0;
+};
+
+// false when the router cannot listen (logged, and told on stderr in the foreground).
+bool listen(zmq::socket_t& router, const BusAddress& address, const Options& options)
+{
+    router.set(zmq::sockopt::router_mandatory, 1);
+    router.set(zmq::sockopt::router_handover, 1);
+    router.set(zmq::sockopt::linger, 0);
+    router.set(zmq::sockopt::sndhwm, options.hwm);
+    router.set(zmq::sockopt::rcvhwm, kInboundQueue);
+    router.set(zmq::sockopt::maxmsgsize, static_cast<int64_t>(kMaxFrameSize));
+    const mode_t oldMask = ::umask(0077);
+    const int bound = zmq_bind(router.handle(), address.endpoint.c_str());
+    const int bindErrno = zmq_errno();
+    ::umask(oldMask);
+    if (bound == 0) {
+        return true;
+    }
+    KUV_LOG_TO(&g_log, LogLevel::Error, "cannot listen on %s: %s", address.endpoint.c_str(), zmq_strerror(bindErrno));
+    if (options.foreground) {
+        fprintf(stderr, "kuv-zelld: cannot listen on %s: %s\n", address.endpoint.c_str(), zmq_strerror(bindErrno));
+    }
+    return false;
+}
+
+// A PAIR socket that receives the router's disconnect events. cppzmq's monitor_t keeps its socket to itself
+// and waits on it alone; the broker waits on the router, the monitor and its signals in one poll.
+zmq::socket_t watchDisconnects(zmq::context_t& context, zmq::socket_t& router)
+{
+    if (zmq_socket_monitor(router.handle(), kMonitorAddress, ZMQ_EVENT_DISCONNECTED) != 0) {
+        throw zmq::error_t();
+    }
+    zmq::socket_t monitor(context, zmq::socket_type::pair);
+    monitor.set(zmq::sockopt::linger, 0);
+    monitor.connect(kMonitorAddress);
+    return monitor;
 }
 
 bool processAlive(int32_t pid) { return ::kill(pid, 0) == 0 || errno == EPERM; }
@@ -330,41 +365,9 @@ uint64_t randomInstance()
     return value == 0 ? 1 : value;
 }
 
-// RAII for the ZMQ context and socket, so every exit path closes them.
-struct ZmqContext {
-    void* ctx = zmq_ctx_new();
-    ~ZmqContext()
-    {
-        if (ctx != nullptr) {
-            zmq_ctx_term(ctx);
-        }
-    }
-};
-struct ZmqSocket {
-    void* sock = nullptr;
-    ~ZmqSocket()
-    {
-        if (sock != nullptr) {
-            zmq_close(sock);
-        }
-    }
-};
-struct ZmqMsg {
-    zmq_msg_t msg;
-    ZmqMsg() { zmq_msg_init(&msg); }
-    ~ZmqMsg() { zmq_msg_close(&msg); }
-    ZmqMsg(const ZmqMsg&) = delete;
-    ZmqMsg& operator=(const ZmqMsg&) = delete;
-    void reset()
-    {
-        zmq_msg_close(&msg);
-        zmq_msg_init(&msg);
-    }
-};
-
 class Broker {
 public:
-    Broker(void* socket, void* monitor, int signalFd)
+    Broker(zmq::socket_t& socket, zmq::socket_t& monitor, int signalFd)
         : m_socket(socket), m_monitor(monitor), m_signalFd(signalFd),
           m_router(static_cast<uint32_t>(geteuid()), randomInstance(), Router::Limits{}, processAlive)
     {
@@ -375,17 +378,21 @@ public:
     const Router& router() const { return m_router; }
 
 private:
+    bool stopRequested();
     bool receiveOne();
+    size_t readFrames(bool& tooLong);
+    bool rejected(const Router::Decision& decision, const PeerCred& cred, size_t count, bool tooLong, int64_t now);
+    void act(const std::string& peer, const PeerCred& cred, Router::Decision& decision);
     void readMonitor();
     void sendSmall(const std::string& peer, const std::string& message);
     void forward(const std::string& sender, Router::Decision& decision);
 
-    void* m_socket;
-    void* m_monitor; // PAIR socket with the router's disconnect events
+    zmq::socket_t& m_socket;
+    zmq::socket_t& m_monitor; // PAIR socket with the router's disconnect events
     int m_signalFd;
     Router m_router;
     // Routing id + the message; a few more are kept only to report them (a message is one frame).
-    std::array<ZmqMsg, 4> m_frames;
+    std::array<zmq::message_t, 4> m_frames;
     RateLimit m_badLimit;
     RateLimit m_dropLimit;
 };
@@ -395,130 +402,155 @@ void Broker::sendSmall(const std::string& peer, const std::string& message)
     if (message.empty()) {
         return;
     }
-    if (zmq_send(m_socket, peer.data(), peer.size(), ZMQ_SNDMORE | ZMQ_DONTWAIT) < 0) {
-        if (errno == EHOSTUNREACH) {
+    try {
+        if (m_socket.send(zmq::buffer(peer), zmq::send_flags::sndmore | zmq::send_flags::dontwait)) {
+            m_socket.send(zmq::buffer(message), zmq::send_flags::dontwait);
+        }
+        // Not sent: a client that does not read its replies only loses them.
+    } catch (const zmq::error_t& e) {
+        if (e.num() == EHOSTUNREACH) {
             m_router.dropPeer(peer);
         }
-        return; // a client that does not read its replies only loses them
     }
-    zmq_send(m_socket, message.data(), message.size(), ZMQ_DONTWAIT);
 }
 
 void Broker::forward(const std::string& sender, Router::Decision& decision)
 {
     const std::string& dest = decision.forwardTo;
     uint32_t failure = 0;
-    if (zmq_send(m_socket, dest.data(), dest.size(), ZMQ_SNDMORE | ZMQ_DONTWAIT) < 0) {
-        // EAGAIN: the destination's queue is full (we never wait for a slow client);
-        // EHOSTUNREACH: its connection is gone.
-        if (errno == EHOSTUNREACH) {
+    try {
+        // Not sent: the destination's queue is full (we never wait for a slow client).
+        if (!m_socket.send(zmq::buffer(dest), zmq::send_flags::sndmore | zmq::send_flags::dontwait)) {
+            failure = kErrCongested;
+        } else {
+            // The Send goes on as it came, without a copy; only its command byte changes.
+            static_cast<uint8_t*>(m_frames[1].data())[3] = static_cast<uint8_t>(Cmd::Deliver);
+            m_socket.send(m_frames[1], zmq::send_flags::dontwait);
+        }
+    } catch (const zmq::error_t& e) {
+        // EHOSTUNREACH: the destination's connection is gone.
+        if (e.num() == EHOSTUNREACH) {
             m_router.dropPeer(dest);
             failure = kErrUnknownDest;
         } else {
             failure = kErrCongested;
         }
-    } else {
-        // The Send goes on as it came, without a copy; only its command byte changes.
-        static_cast<uint8_t*>(zmq_msg_data(&m_frames[1].msg))[3] = static_cast<uint8_t>(Cmd::Deliver);
-        zmq_msg_send(&m_frames[1].msg, m_socket, ZMQ_DONTWAIT);
     }
     if (failure == 0) {
         sendSmall(sender, m_router.routed(decision.msg));
         return;
     }
     if (m_dropLimit.allow(nowMs())) {
-        LOGT(3, "message %s -> %s type %lld not routed: %s", guidText(decision.msg.src).c_str(),
-             guidText(decision.msg.dest).c_str(), static_cast<long long>(decision.msg.meta.type),
-             failure == kErrCongested ? "destination congested" : "destination gone");
+        KUV_LOG_TO(&g_log, LogLevel::Warn, "message %s -> %s type %lld not routed: %s",
+                   guidText(decision.msg.src).c_str(), guidText(decision.msg.dest).c_str(),
+                   static_cast<long long>(decision.msg.meta.type),
+                   failure == kErrCongested ? "destination congested" : "destination gone");
     }
     sendSmall(sender, m_router.notRouted(sender, decision.msg, failure, nowMs()));
 }
 
-// Reads one whole multipart message; false when none is waiting.
-bool Broker::receiveOne()
+// Reads one whole multipart message into m_frames; its frame count, 0 when none is waiting.
+size_t Broker::readFrames(bool& tooLong)
 {
     size_t count = 0;
-    bool tooLong = false;
+    tooLong = false;
     for (;;) {
-        ZmqMsg spill;
-        zmq_msg_t* target = count < m_frames.size() ? &m_frames[count].msg : &spill.msg;
+        zmq::message_t spill;
+        zmq::message_t& target = count < m_frames.size() ? m_frames[count] : spill;
         if (count < m_frames.size()) {
-            m_frames[count].reset();
+            target.rebuild();
         }
-        const int flags = count == 0 ? ZMQ_DONTWAIT : 0;
-        if (zmq_msg_recv(target, m_socket, flags) < 0) {
-            if (count == 0) {
-                return false;
-            }
-            break; // cannot happen mid-message; treat what we have as the message
+        const auto flags = count == 0 ? zmq::recv_flags::dontwait : zmq::recv_flags::none;
+        if (!m_socket.recv(target, flags)) {
+            return count; // cannot happen mid-message; what we have is the message
         }
         if (count >= m_frames.size()) {
             tooLong = true;
         }
         ++count;
-        if (!zmq_msg_more(target)) {
-            break;
+        if (!target.more()) {
+            return count;
         }
     }
-    const int64_t now = nowMs();
-    const std::string peer(static_cast<const char*>(zmq_msg_data(&m_frames[0].msg)), zmq_msg_size(&m_frames[0].msg));
-    // Every message is checked on its own credentials, the first one after a poll wake-up included.
-    std::array<zmq_msg_t*, 4> held{};
-    for (size_t i = 0; i < count && i < m_frames.size(); ++i) {
-        held[i] = &m_frames[i].msg;
-    }
-    const PeerCred cred = peerCredOf(held.data(), count < held.size() ? count : held.size());
+}
 
-    std::array<FrameView, 4> views;
-    size_t viewCount = 0;
-    if (!tooLong) {
-        for (size_t i = 1; i < count; ++i) {
-            views[viewCount++] = FrameView{zmq_msg_data(&m_frames[i].msg), zmq_msg_size(&m_frames[i].msg)};
-        }
+// Whether the message goes no further: malformed or from a foreign sender (logged, rate limited).
+bool Broker::rejected(const Router::Decision& decision, const PeerCred& cred, size_t count, bool tooLong,
+                      int64_t now)
+{
+    if (!tooLong && decision.error == ParseError::None && !decision.foreign) {
+        return false;
     }
-    Router::Decision decision;
-    if (tooLong) {
-        m_router.noteMalformed();
-    } else {
-        decision = m_router.handle(peer, cred, views.data(), viewCount, now);
-        // The connection's descriptor rides on the payload: a routing id prefetched by zmq_poll has none.
-        const int fd = zmq_msg_get(&m_frames[count > 1 ? 1 : 0].msg, ZMQ_SRCFD);
-        if (!m_router.noteConnection(peer, fd)) {
-            LOGT(1, "pid %d: its connection had already closed; dropped", cred.known ? cred.pid : 0);
-        }
-    }
-    if (tooLong || decision.error != ParseError::None || decision.foreign) {
-        if (m_badLimit.allow(now)) {
-            if (decision.foreign) {
-                if (cred.known) {
-                    LOGT(3, "dropped a message from uid %u pid %d: not our user", cred.uid, cred.pid);
-                } else {
-                    LOGT(3, "dropped a message whose sender is unknown");
-                }
-            } else {
-                LOGT(3, "dropped a malformed message from pid %d (%zu frames): %s", cred.known ? cred.pid : 0,
-                     count, tooLong ? "too many frames" : parseErrorText(decision.error));
-            }
-        }
+    if (!m_badLimit.allow(now)) {
         return true;
     }
+    if (!decision.foreign) {
+        KUV_LOG_TO(&g_log, LogLevel::Warn, "dropped a malformed message from pid %d (%zu frames): %s",
+                   cred.known ? cred.pid : 0, count, tooLong ? "too many frames" : parseErrorText(decision.error));
+    } else if (cred.known) {
+        KUV_LOG_TO(&g_log, LogLevel::Warn, "dropped a message from uid %u pid %d: not our user", cred.uid, cred.pid);
+    } else {
+        KUV_LOG_TO(&g_log, LogLevel::Warn, "dropped a message whose sender is unknown");
+    }
+    return true;
+}
+
+void Broker::act(const std::string& peer, const PeerCred& cred, Router::Decision& decision)
+{
     switch (decision.action) {
     case Router::Action::Drop:
-        if (decision.refusedUnregister && m_badLimit.allow(now)) {
-            LOGT(3, "refused unregister of %s by pid %d: not its owner", guidText(decision.msg.dest).c_str(), cred.pid);
+        if (decision.refusedUnregister && m_badLimit.allow(nowMs())) {
+            KUV_LOG_TO(&g_log, LogLevel::Warn, "refused unregister of %s by pid %d: not its owner",
+                       guidText(decision.msg.dest).c_str(), cred.pid);
         }
         break;
     case Router::Action::Reply:
         if (decision.msg.cmd == Cmd::Register) {
             const bool ok = decision.reply.size() == kHeaderSize + kGuidSize + 4 &&
-                            getU32(reinterpret_cast<const uint8_t*>(decision.reply.data()) + kHeaderSize + kGuidSize) == kRegOk;
-            LOGT(1, "register %s by pid %d: %s", guidText(decision.msg.dest).c_str(), cred.pid, ok ? "ok" : "refused");
+                            getU32(reinterpret_cast<const uint8_t*>(decision.reply.data()) + kHeaderSize + kGuidSize) ==
+                                kRegOk;
+            KUV_LOG_TO(&g_log, LogLevel::Debug, "register %s by pid %d: %s", guidText(decision.msg.dest).c_str(),
+                       cred.pid, ok ? "ok" : "refused");
         }
         sendSmall(peer, decision.reply);
         break;
     case Router::Action::Forward:
         forward(peer, decision);
         break;
+    }
+}
+
+// Handles one whole multipart message; false when none is waiting.
+bool Broker::receiveOne()
+{
+    bool tooLong = false;
+    const size_t count = readFrames(tooLong);
+    if (count == 0) {
+        return false;
+    }
+    const int64_t now = nowMs();
+    const std::string peer(static_cast<const char*>(m_frames[0].data()), m_frames[0].size());
+    // Every message is checked on its own credentials, the first one after a poll wake-up included.
+    const PeerCred cred = peerCredOf(m_frames.data(), std::min(count, m_frames.size()));
+
+    Router::Decision decision;
+    if (tooLong) {
+        m_router.noteMalformed();
+    } else {
+        std::array<FrameView, 4> views;
+        for (size_t i = 1; i < count; ++i) {
+            views[i - 1] = FrameView{m_frames[i].data(), m_frames[i].size()};
+        }
+        decision = m_router.handle(peer, cred, views.data(), count - 1, now);
+        // The connection's descriptor rides on the payload: a routing id prefetched by zmq_poll has none.
+        const int fd = zmq_msg_get(m_frames[count > 1 ? 1 : 0].handle(), ZMQ_SRCFD);
+        if (!m_router.noteConnection(peer, fd)) {
+            KUV_LOG_TO(&g_log, LogLevel::Debug, "pid %d: its connection had already closed; dropped",
+                       cred.known ? cred.pid : 0);
+        }
+    }
+    if (!rejected(decision, cred, count, tooLong, now)) {
+        act(peer, cred, decision);
     }
     return true;
 }
@@ -527,60 +559,124 @@ bool Broker::receiveOne()
 void Broker::readMonitor()
 {
     for (;;) {
-        ZmqMsg event;
-        if (zmq_msg_recv(&event.msg, m_monitor, ZMQ_DONTWAIT) < 0) {
+        zmq::message_t event;
+        if (!m_monitor.recv(event, zmq::recv_flags::dontwait)) {
             return;
         }
         uint16_t id = 0;
         uint32_t value = 0;
-        if (zmq_msg_size(&event.msg) >= 6) {
-            memcpy(&id, zmq_msg_data(&event.msg), sizeof(id));
-            memcpy(&value, static_cast<const char*>(zmq_msg_data(&event.msg)) + 2, sizeof(value));
+        if (event.size() >= 6) {
+            memcpy(&id, event.data(), sizeof(id));
+            memcpy(&value, static_cast<const char*>(event.data()) + 2, sizeof(value));
         }
-        while (zmq_msg_more(&event.msg)) { // the endpoint address
-            event.reset();
-            if (zmq_msg_recv(&event.msg, m_monitor, 0) < 0) {
+        for (bool more = event.more(); more;) { // the endpoint address
+            zmq::message_t part;
+            if (!m_monitor.recv(part)) {
                 return;
             }
+            more = part.more();
         }
         if (id == ZMQ_EVENT_DISCONNECTED) {
             const size_t gone = m_router.connectionClosed(static_cast<int>(value));
             if (gone > 0) {
-                LOGT(2, "connection %u closed: dropped %zu client(s) and their endpoints", value, gone);
+                KUV_LOG_TO(&g_log, LogLevel::Info, "connection %u closed: dropped %zu client(s) and their endpoints",
+                           value, gone);
             }
         }
     }
+}
+
+bool Broker::stopRequested()
+{
+    signalfd_siginfo info;
+    if (kuv::safeRead(m_signalFd, &info, sizeof(info)) != sizeof(info)) {
+        return false;
+    }
+    KUV_LOG_TO(&g_log, LogLevel::Info, "signal %u: stopping", info.ssi_signo);
+    return true;
 }
 
 int Broker::run()
 {
     // No timeout: the broker sleeps until a message, a connection event or a signal arrives.
     for (;;) {
-        zmq_pollitem_t items[3] = {{m_socket, 0, ZMQ_POLLIN, 0},
-                                   {m_monitor, 0, ZMQ_POLLIN, 0},
-                                   {nullptr, m_signalFd, ZMQ_POLLIN, 0}};
-        if (zmq_poll(items, 3, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            LOGT(4, "poll failed: %s", zmq_strerror(errno));
-            return kExitFailure;
-        }
-        if (items[2].revents & ZMQ_POLLIN) {
-            signalfd_siginfo info;
-            if (::read(m_signalFd, &info, sizeof(info)) == sizeof(info)) {
-                LOGT(2, "signal %u: stopping", info.ssi_signo);
+        zmq::pollitem_t items[3] = {{m_socket.handle(), 0, ZMQ_POLLIN, 0},
+                                    {m_monitor.handle(), 0, ZMQ_POLLIN, 0},
+                                    {nullptr, m_signalFd, ZMQ_POLLIN, 0}};
+        try {
+            zmq::poll(items, 3, std::chrono::milliseconds(-1));
+            if ((items[2].revents & ZMQ_POLLIN) && stopRequested()) {
                 return kExitOk;
             }
-        }
-        if (items[0].revents & ZMQ_POLLIN) {
-            // Bounded batch, so signals and connection events are looked at under constant load too.
-            for (int i = 0; i < 4096 && receiveOne(); ++i) {
+            if (items[0].revents & ZMQ_POLLIN) {
+                // Bounded batch, so signals and connection events are looked at under constant load too.
+                for (int i = 0; i < 4096 && receiveOne(); ++i) {
+                }
             }
+            if (items[1].revents & ZMQ_POLLIN) {
+                readMonitor();
+            }
+        } catch (const zmq::error_t& e) {
+            if (e.num() == EINTR) {
+                continue;
+            }
+            KUV_LOG_TO(&g_log, LogLevel::Error, "bus socket failed: %s", e.what());
+            return kExitFailure;
         }
-        if (items[1].revents & ZMQ_POLLIN) {
-            readMonitor();
+    }
+}
+
+void logCounters(const Router::Counters& c)
+{
+    KUV_LOG_TO(&g_log, LogLevel::Info,
+               "stopped: received %llu, routed %llu, unknown destination %llu, congested %llu, malformed %llu, "
+               "foreign %llu, registrations %llu, refused %llu, closed clients %llu",
+               (unsigned long long)c.received, (unsigned long long)c.routed, (unsigned long long)c.unknownDest,
+               (unsigned long long)c.congested, (unsigned long long)c.malformed, (unsigned long long)c.foreignPeer,
+               (unsigned long long)c.registered, (unsigned long long)c.refused, (unsigned long long)c.closedPeers);
+}
+
+// Listens on the bus address and routes until a stop signal; the exit status. The start-up status goes to
+// ready (the process waiting for the daemon) once the broker listens, or failed to.
+int serve(const Options& options, const BusAddress& address, UniqueFd& ready)
+{
+    const std::string runtimeNotice = kuv::runtimeDirNotice();
+    if (!runtimeNotice.empty()) {
+        KUV_LOG_TO(&g_log, LogLevel::Warn, "%s", runtimeNotice.c_str());
+    }
+    const UniqueFd signals = stopSignals();
+    if (!signals.valid()) {
+        KUV_LOG_TO(&g_log, LogLevel::Error, "signalfd: %s", strerror(errno));
+        kuv::reportReady(ready, kExitFailure);
+        return kExitFailure;
+    }
+    SocketFile socketFile(address.path);
+    if (!socketFile.clearStale(options.foreground)) {
+        kuv::reportReady(ready, kExitFailure);
+        return kExitFailure;
+    }
+    try {
+        zmq::context_t context;
+        zmq::socket_t router(context, zmq::socket_type::router);
+        if (!listen(router, address, options)) {
+            kuv::reportReady(ready, kExitFailure);
+            return kExitFailure;
         }
+        socketFile.bound();
+        zmq::socket_t monitor = watchDisconnects(context, router);
+
+        Broker broker(router, monitor, signals.get());
+        KUV_LOG_TO(&g_log, LogLevel::Info, "kuv-zelld %s serving %s (pid %d, instance %016llx)", KUV_VERSION,
+                   address.endpoint.c_str(), static_cast<int>(getpid()),
+                   static_cast<unsigned long long>(broker.router().instance()));
+        kuv::reportReady(ready, kExitOk);
+        const int result = broker.run();
+        logCounters(broker.router().counters());
+        return result;
+    } catch (const zmq::error_t& e) {
+        KUV_LOG_TO(&g_log, LogLevel::Error, "cannot serve the bus: %s", e.what());
+        kuv::reportReady(ready, kExitFailure);
+        return kExitFailure;
     }
 }
 
@@ -590,154 +686,26 @@ int main(int argc, char** argv)
 {
     kuv::ignoreWriteSignals();
     Options options;
-    const int parsed = parseOptions(argc, argv, options);
-    if (parsed == 1) {
-        fputs(kUsage, stdout);
-        return kExitOk;
+    if (const std::optional<int> status = parseOptions(argc, argv, options)) {
+        return *status;
     }
-    if (parsed < 0) {
-        fputs("Try 'kuv-zelld --help'.\n", stderr);
-        return kExitUsage;
-    }
-
     BusAddress address;
     std::string error;
     if (!resolveAddress(options.socket, address, &error)) {
         fprintf(stderr, "kuv-zelld: %s\n", error.c_str());
         return kExitFailure;
     }
-    Fd lock;
-    std::string holder;
-    if (!takeLock(address.path + ".lock", lock, holder)) {
-        if (lock.get() < 0 && holder.rfind("cannot open", 0) == 0) {
-            fprintf(stderr, "kuv-zelld: %s\n", holder.c_str());
-            return kExitFailure;
-        }
-        fprintf(stderr, "kuv-zelld: a broker already serves %s (pid %s)\n", address.path.c_str(), holder.c_str());
-        return kExitRunning;
+    UniqueFd lock;
+    if (const int status = lockAddress(address, lock); status != kExitOk) {
+        return status;
     }
-
-    Fd ready;
-    if (!options.foreground) {
-        if (!daemonize(ready)) {
-            fprintf(stderr, "kuv-zelld: cannot go to the background: %s\n", strerror(errno));
-            return kExitFailure;
-        }
-    }
-    writePid(lock.get());
-
-    g_log.setLevel(options.logLevel);
-    if (options.foreground && options.logFile.empty()) {
-        g_log.file().openStderr();
-    } else {
-        const std::string path = options.logFile.empty() ? installDir() + "log/kuv-zelld.log" : options.logFile;
-        std::string why;
-        if (!g_log.file().open(path, std::string(), 10u * 1024 * 1024, 3, &why) && options.foreground) {
-            fprintf(stderr, "kuv-zelld: no log: %s\n", why.c_str());
-        }
-    }
-    const std::string runtimeNotice = kuv::runtimeDirNotice();
-    if (!runtimeNotice.empty()) {
-        LOGT(3, "%s", runtimeNotice.c_str());
-    }
-
-    // Signals are taken through a descriptor; blocked before ZMQ starts its threads so none sees them.
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGTERM);
-    sigaddset(&mask, SIGINT);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
-    signal(SIGHUP, SIG_IGN);
-    Fd signals(signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (signals.get() < 0) {
-        LOGT(4, "signalfd: %s", strerror(errno));
-        report(ready, kExitFailure);
+    UniqueFd ready;
+    if (!options.foreground &&
+        !kuv::daemonize(ready, kExitFailure, "kuv-zelld: the daemon could not start; see its log\n")) {
+        fprintf(stderr, "kuv-zelld: cannot go to the background: %s\n", strerror(errno));
         return kExitFailure;
     }
-
-    // We hold the lock, so a socket file left here belongs to a broker that died.
-    struct stat st;
-    if (::lstat(address.path.c_str(), &st) == 0) {
-        if (!S_ISSOCK(st.st_mode)) {
-            LOGT(4, "%s exists and is not a socket; not touching it", address.path.c_str());
-            if (options.foreground) {
-                fprintf(stderr, "kuv-zelld: %s exists and is not a socket\n", address.path.c_str());
-            }
-            report(ready, kExitFailure);
-            return kExitFailure;
-        }
-        ::unlink(address.path.c_str());
-        LOGT(2, "replaced the socket of a broker that is gone");
-    }
-
-    int result = kExitOk;
-    {
-        ZmqContext context;
-        ZmqSocket router;
-        router.sock = context.ctx != nullptr ? zmq_socket(context.ctx, ZMQ_ROUTER) : nullptr;
-        if (router.sock == nullptr) {
-            LOGT(4, "zmq socket: %s", zmq_strerror(errno));
-            report(ready, kExitFailure);
-            return kExitFailure;
-        }
-        const int one = 1;
-        const int zero = 0;
-        const int64_t maxSize = kMaxFrameSize;
-        zmq_setsockopt(router.sock, ZMQ_ROUTER_MANDATORY, &one, sizeof(one));
-        zmq_setsockopt(router.sock, ZMQ_ROUTER_HANDOVER, &one, sizeof(one));
-        zmq_setsockopt(router.sock, ZMQ_LINGER, &zero, sizeof(zero));
-        zmq_setsockopt(router.sock, ZMQ_SNDHWM, &options.hwm, sizeof(options.hwm));
-        // Inbound, a short queue is enough: a sender that outruns us waits in its own client.
-        const int inbound = 10000;
-        zmq_setsockopt(router.sock, ZMQ_RCVHWM, &inbound, sizeof(inbound));
-        zmq_setsockopt(router.sock, ZMQ_MAXMSGSIZE, &maxSize, sizeof(maxSize));
-        const mode_t oldMask = ::umask(0077);
-        const int bound = zmq_bind(router.sock, address.endpoint.c_str());
-        const int bindErrno = errno;
-        ::umask(oldMask);
-        if (bound != 0) {
-            LOGT(4, "cannot listen on %s: %s", address.endpoint.c_str(), zmq_strerror(bindErrno));
-            if (options.foreground) {
-                fprintf(stderr, "kuv-zelld: cannot listen on %s: %s\n", address.endpoint.c_str(),
-                        zmq_strerror(bindErrno));
-            }
-            report(ready, kExitFailure);
-            return kExitFailure;
-        }
-        ::chmod(address.path.c_str(), 0600);
-        struct stat bound_st;
-        const bool haveInode = ::stat(address.path.c_str(), &bound_st) == 0;
-
-        ZmqSocket monitor;
-        if (zmq_socket_monitor(router.sock, "inproc://kuv-zelld-monitor", ZMQ_EVENT_DISCONNECTED) == 0) {
-            monitor.sock = zmq_socket(context.ctx, ZMQ_PAIR);
-        }
-        if (monitor.sock == nullptr || zmq_setsockopt(monitor.sock, ZMQ_LINGER, &zero, sizeof(zero)) != 0 ||
-            zmq_connect(monitor.sock, "inproc://kuv-zelld-monitor") != 0) {
-            LOGT(4, "cannot watch client connections: %s", zmq_strerror(errno));
-            report(ready, kExitFailure);
-            return kExitFailure;
-        }
-
-        Broker broker(router.sock, monitor.sock, signals.get());
-        LOGT(2, "kuv-zelld %s serving %s (pid %d, instance %016llx)", KUV_VERSION, address.endpoint.c_str(),
-             static_cast<int>(getpid()), static_cast<unsigned long long>(broker.router().instance()));
-        report(ready, kExitOk);
-        result = broker.run();
-
-        const Router::Counters& c = broker.router().counters();
-        LOGT(2,
-             "stopped: received %llu, routed %llu, unknown destination %llu, congested %llu, malformed %llu, "
-             "foreign %llu, registrations %llu, refused %llu, closed clients %llu",
-             (unsigned long long)c.received, (unsigned long long)c.routed, (unsigned long long)c.unknownDest,
-             (unsigned long long)c.congested, (unsigned long long)c.malformed, (unsigned long long)c.foreignPeer,
-             (unsigned long long)c.registered, (unsigned long long)c.refused, (unsigned long long)c.closedPeers);
-        // Remove the socket only if it is still the one we made.
-        struct stat now_st;
-        if (haveInode && ::stat(address.path.c_str(), &now_st) == 0 && now_st.st_ino == bound_st.st_ino &&
-            now_st.st_dev == bound_st.st_dev) {
-            ::unlink(address.path.c_str());
-        }
-    }
-    return result;
+    writePid(lock.get());
+    openLog(options);
+    return serve(options, address, ready);
 }

@@ -2,14 +2,12 @@
 
 namespace zell {
 
-PeerCred peerCredOf(zmq_msg_t* const* frames, size_t count)
+PeerCred peerCredOf(const zmq::message_t* frames, size_t count)
 {
     PeerCred cred;
     for (size_t i = count; i-- > 0;) {
-        if (frames[i] == nullptr) {
-            continue;
-        }
-        if (parsePeerAddress(zmq_msg_gets(frames[i], "Peer-Address"), cred)) {
+        // zmq_msg_gets rather than message_t::gets, which throws for a frame without the property.
+        if (parsePeerAddress(zmq_msg_gets(frames[i].handle(), "Peer-Address"), cred)) {
             return cred;
         }
     }

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include <zmq.h>
+#include <zmq.hpp>
 
 #include "ZellRouter.h"
 
@@ -12,6 +12,6 @@ namespace zell {
 // libzmq attaches the connection's "Peer-Address" (host:uid:gid:pid) to the frames it read from it;
 // after a zmq_poll wake-up the routing-id frame made up by the ROUTER may carry none, so the payload
 // frames are asked first and the routing id last. Unknown (known=false) when no frame tells.
-PeerCred peerCredOf(zmq_msg_t* const* frames, size_t count);
+PeerCred peerCredOf(const zmq::message_t* frames, size_t count);
 
 } // namespace zell

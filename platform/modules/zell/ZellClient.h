@@ -58,7 +58,7 @@ private:
 #define ZLOG(logger, level, category, ...)                                                                       \
     do {                                                                                                         \
         if ((logger).enabled(level, category)) {                                                                 \
-            (logger).print(level, category, kLogSource, __func__, __LINE__, __VA_ARGS__);                        \
+            (logger).print(level, category, kKuvLogSource, __func__, __LINE__, __VA_ARGS__);                     \
         }                                                                                                        \
     } while (0)
 

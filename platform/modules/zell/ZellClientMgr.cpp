@@ -14,7 +14,7 @@ using namespace zell::wire;
 
 namespace {
 
-constexpr const char* kLogSource = "platform/modules/zell/ZellClientMgr";
+KUV_LOG_SOURCE("platform/modules/zell/ZellClientMgr");
 constexpr uint64_t kBacklogMessages = 100000;
 constexpr uint64_t kBacklogBytes = 256u * 1024 * 1024;
 

@@ -10,7 +10,7 @@ using namespace zell::wire;
 
 namespace {
 
-constexpr const char* kLogSource = "platform/modules/zell/ZellEndPoint";
+KUV_LOG_SOURCE("platform/modules/zell/ZellEndPoint");
 constexpr int kRegisterWaitMs = 2000;
 constexpr int kUnregisterWaitMs = 1000;
 constexpr int kQueueWaitMs = 5000;

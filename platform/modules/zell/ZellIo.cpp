@@ -19,7 +19,7 @@ using namespace zell::wire;
 
 namespace {
 
-constexpr const char* kLogSource = "platform/modules/zell/ZellIo";
+KUV_LOG_SOURCE("platform/modules/zell/ZellIo");
 
 constexpr size_t kMaxQueuedMessages = 20000;
 constexpr size_t kMaxQueuedBytes = 64u * 1024 * 1024;

@@ -1,0 +1,398 @@
+// The record formatter and the rotating log file shared by every log of the platform.
+#include "KuvLogFile.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <vector>
+
+#include "FileUtils.h"
+#include "SafeIo.h"
+
+namespace kuv {
+
+namespace {
+
+// Whether the log rule leaves text as it stands: well-formed UTF-8 without C0 controls, DEL, backslash,
+// C1 controls, U+2028 or U+2029. Most records are, and skip the escaper.
+bool plainLogText(std::string_view text)
+{
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    const auto* end = p + text.size();
+    auto cont = [&](const unsigned char* q) { return q < end && (*q & 0xc0) == 0x80; };
+    while (p < end) {
+        const unsigned char b = *p;
+        if (b < 0x80) {
+            if (b < 0x20 || b == 0x7f || b == '\\') {
+                return false;
+            }
+            ++p;
+        } else if (b >= 0xc2 && b <= 0xdf) {
+            // 0xc2 0x80..0x9f are the C1 controls.
+            if (!cont(p + 1) || (b == 0xc2 && p[1] < 0xa0)) {
+                return false;
+            }
+            p += 2;
+        } else if (b >= 0xe0 && b <= 0xef) {
+            if (!cont(p + 1) || !cont(p + 2) || (b == 0xe0 && p[1] < 0xa0) || (b == 0xed && p[1] > 0x9f) ||
+                (b == 0xe2 && p[1] == 0x80 && (p[2] == 0xa8 || p[2] == 0xa9))) {
+                return false;
+            }
+            p += 3;
+        } else if (b >= 0xf0 && b <= 0xf4) {
+            if (!cont(p + 1) || !cont(p + 2) || !cont(p + 3) || (b == 0xf0 && p[1] < 0x90) ||
+                (b == 0xf4 && p[1] > 0x8f)) {
+                return false;
+            }
+            p += 4;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+void appendEscaped(std::string& out, const char* text)
+{
+    if (text == nullptr) {
+        return;
+    }
+    const std::string_view view(text);
+    if (plainLogText(view)) {
+        out += view;
+    } else {
+        out += escapeControl(std::string(view));
+    }
+}
+
+void appendMessage(std::string& out, std::string_view message, size_t alreadyCut)
+{
+    std::string_view body = message;
+    if (alreadyCut == 0 && !body.empty() && body.back() == '\n') {
+        body.remove_suffix(1);
+    }
+    if (alreadyCut == 0 && body.size() <= kMaxLogMessage && plainLogText(body)) {
+        out += body;
+    } else {
+        out += logMessage(std::string(message), kMaxLogMessage, alreadyCut);
+    }
+}
+
+template <typename Int>
+void appendNumber(std::string& out, Int value)
+{
+    char digits[24];
+    const auto result = std::to_chars(digits, digits + sizeof digits, value);
+    out.append(digits, result.ptr);
+}
+
+// "YYYY-MM-DD HH:MM:SS.mmm" in local time. The calendar part changes once a second, so each thread keeps
+// it and writes only the milliseconds afresh.
+void appendTimestamp(std::string& out)
+{
+    struct Cache {
+        std::time_t secs = -1;
+        char text[32] = {0};
+        size_t size = 0;
+    };
+    thread_local Cache cache;
+    struct timespec now {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    if (now.tv_sec != cache.secs) {
+        struct tm local {};
+        localtime_r(&now.tv_sec, &local);
+        const int n = std::snprintf(cache.text, sizeof cache.text, "%04d-%02d-%02d %02d:%02d:%02d.",
+                                    local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                                    local.tm_min, local.tm_sec);
+        cache.size = n > 0 ? std::min(static_cast<size_t>(n), sizeof cache.text - 1) : 0;
+        cache.secs = now.tv_sec;
+    }
+    out.append(cache.text, cache.size);
+    const long ms = now.tv_nsec / 1000000;
+    out += static_cast<char>('0' + ms / 100);
+    out += static_cast<char>('0' + ms / 10 % 10);
+    out += static_cast<char>('0' + ms % 10);
+}
+
+// The process id, asked once and again only in a forked child.
+std::atomic<pid_t> g_pid{::getpid()};
+const bool g_pidAtFork = [] {
+    pthread_atfork(nullptr, nullptr, [] { g_pid.store(::getpid(), std::memory_order_relaxed); });
+    return true;
+}();
+
+// "<pid>:<tid>" of the calling thread, made once per thread (and again in a forked child).
+void appendIds(std::string& out)
+{
+    struct Ids {
+        pid_t pid = -1;
+        char text[32] = {0};
+        size_t size = 0;
+    };
+    thread_local Ids ids;
+    const pid_t pid = g_pid.load(std::memory_order_relaxed);
+    if (ids.pid != pid) {
+        const int n = std::snprintf(ids.text, sizeof ids.text, "%d:%d", static_cast<int>(pid),
+                                    static_cast<int>(::gettid()));
+        ids.size = n > 0 ? std::min(static_cast<size_t>(n), sizeof ids.text - 1) : 0;
+        ids.pid = pid;
+    }
+    out.append(ids.text, ids.size);
+}
+
+// Writes the whole record or leaves the file as it was: a fragment would join the next record.
+long appendWhole(int fd, std::string_view record, bool cutBack)
+{
+    const ssize_t n = safeWrite(fd, record.data(), record.size());
+    if (n == static_cast<ssize_t>(record.size())) {
+        return n;
+    }
+    const int failure = n < 0 ? errno : (errno != 0 ? errno : ENOSPC);
+    if (n > 0 && cutBack) {
+        // With O_APPEND the offset now ends the fragment.
+        const off_t end = ::lseek(fd, 0, SEEK_CUR);
+        if (end < n || ::ftruncate(fd, end - n) != 0) {
+            const char lf = '\n';
+            (void)!::write(fd, &lf, 1);
+        }
+    }
+    errno = failure;
+    return -1;
+}
+
+std::string directoryOf(const std::string& path)
+{
+    const size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
+}
+
+} // namespace
+
+void formatLogRecord(std::string& out, LogLevel level, const char* source, const char* function, unsigned int line,
+                     std::string_view message, size_t alreadyCut)
+{
+    (void)g_pidAtFork;
+    out += '[';
+    appendTimestamp(out);
+    out += "] [";
+    appendIds(out);
+    out += "] [";
+    out += logLevelName(level);
+    out += "] [";
+    appendEscaped(out, source);
+    out += ':';
+    appendEscaped(out, function);
+    out += ':';
+    appendNumber(out, line);
+    out += "] ";
+    appendMessage(out, message, alreadyCut);
+    out += '\n';
+}
+
+bool LogFile::open(const std::string& path, const std::string& backupDir, uint64_t maxSize, size_t backups,
+                   std::string* error)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_fd.reset();
+    m_stderr = false;
+    m_path = userStatePath(path);
+    std::string stem = m_path.substr(m_path.find_last_of('/') + 1);
+    if (stem.size() > 4 && stem.compare(stem.size() - 4, 4, ".log") == 0) {
+        stem.resize(stem.size() - 4);
+    }
+    std::string dir = backupDir.empty() ? directoryOf(m_path) : userStatePath(backupDir);
+    if (!dir.empty() && dir.back() != '/') {
+        dir += '/';
+    }
+    m_backupStem = dir + stem + '.';
+    m_maxSize = maxSize;
+    m_backups = backups;
+    if (stem.empty()) {
+        if (error != nullptr) {
+            *error = "no log file name in " + escapeControl(m_path);
+        }
+        return false;
+    }
+    return openLocked(error);
+}
+
+// Never through a planted link, never anything but a regular file, private to the user.
+bool LogFile::openLocked(std::string* error)
+{
+    const std::string dir = directoryOf(m_path);
+    if (!CDir::mkpath(dir, 0700)) {
+        if (error != nullptr) {
+            *error = "cannot open " + escapeControl(m_path) + ": cannot create its directory: " + std::strerror(errno);
+        }
+        return false;
+    }
+    UniqueFd fd(::open(m_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
+    struct stat st {};
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        const int why = fd.valid() ? EINVAL : errno;
+        if (error != nullptr) {
+            *error = "cannot open " + escapeControl(m_path) + ": " +
+                     (why == EINVAL ? std::string("not a regular file") : std::string(std::strerror(why)));
+        }
+        errno = why;
+        return false;
+    }
+    m_fd = std::move(fd);
+    m_size = static_cast<uint64_t>(st.st_size);
+    return true;
+}
+
+void LogFile::openStderr()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_fd.reset();
+    m_stderr = true;
+    m_maxSize = 0;
+}
+
+bool LogFile::isOpen() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_stderr || m_fd.valid();
+}
+
+void LogFile::close()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_fd.reset();
+    m_stderr = false;
+}
+
+std::string LogFile::backupName(size_t index) const
+{
+    return m_backupStem + std::to_string(index) + ".log";
+}
+
+void LogFile::rotateLocked()
+{
+    if (m_backups > 0) {
+        CDir::mkpath(directoryOf(m_backupStem), 0700);
+        ::unlink(backupName(m_backups).c_str());
+        for (size_t i = m_backups; i > 1; --i) {
+            ::rename(backupName(i - 1).c_str(), backupName(i).c_str());
+        }
+        if (::rename(m_path.c_str(), backupName(1).c_str()) == 0) {
+            m_fd.reset();
+            openLocked(nullptr);
+            return;
+        }
+    }
+    // No backups, or the old file cannot be kept (another file system): start it afresh rather than let
+    // it grow without end.
+    if (::ftruncate(m_fd.get(), 0) == 0) {
+        m_size = 0;
+    }
+}
+
+long LogFile::writeRecord(std::string_view record)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_stderr) {
+        return appendWhole(STDERR_FILENO, record, false);
+    }
+    if (!m_fd.valid()) {
+        errno = EBADF;
+        return -1;
+    }
+    if (m_maxSize > 0 && m_size > 0 && m_size + record.size() > m_maxSize) {
+        rotateLocked();
+        if (!m_fd.valid()) {
+            return -1;
+        }
+    }
+    const long n = appendWhole(m_fd.get(), record, true);
+    if (n > 0) {
+        m_size += static_cast<uint64_t>(n);
+    }
+    return n;
+}
+
+long LogFile::write(LogLevel level, const char* source, const char* function, unsigned int line,
+                    std::string_view message, size_t alreadyCut)
+{
+    if (!enabled(level)) {
+        return 0;
+    }
+    try {
+        thread_local std::string record;
+        record.clear();
+        formatLogRecord(record, level, source, function, line, message, alreadyCut);
+        return writeRecord(record);
+    } catch (...) {
+        errno = ENOMEM;
+        return -1;
+    }
+}
+
+bool formatLogMessage(std::string& text, size_t& cut, const char* format, va_list args)
+{
+    cut = 0;
+    if (format == nullptr) {
+        return false;
+    }
+    va_list copy;
+    va_copy(copy, args);
+    char small[1024];
+    const int n = std::vsnprintf(small, sizeof small, format, copy);
+    va_end(copy);
+    if (n < 0) {
+        return false;
+    }
+    if (static_cast<size_t>(n) < sizeof small) {
+        text.assign(small, static_cast<size_t>(n));
+        return true;
+    }
+    // Only what a record can carry is formatted; the rest is counted as cut.
+    const size_t keep = std::min(static_cast<size_t>(n), 4 * kMaxLogMessage);
+    std::vector<char> big(keep + 1);
+    std::vsnprintf(big.data(), big.size(), format, args);
+    text.assign(big.data(), keep);
+    cut = static_cast<size_t>(n) - keep;
+    return true;
+}
+
+int logPrintV(LogFile* log, _LOG_LEVEL level, const char* source, const char* function, unsigned int line,
+              const char* format, va_list args)
+{
+    const auto kuvLevel = static_cast<LogLevel>(level);
+    if (log == nullptr || !log->enabled(kuvLevel)) {
+        return 0;
+    }
+    try {
+        thread_local std::string text;
+        size_t cut = 0;
+        if (!formatLogMessage(text, cut, format, args)) {
+            return 0;
+        }
+        const long n = log->write(kuvLevel, source, function, line, text, cut);
+        return n > 0 ? static_cast<int>(n) : 0;
+    } catch (...) {
+        return 0;
+    }
+}
+
+int logPrint(LogFile* log, _LOG_LEVEL level, const char* source, const char* function, unsigned int line,
+             const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int n = logPrintV(log, level, source, function, line, format, args);
+    va_end(args);
+    return n;
+}
+
+} // namespace kuv

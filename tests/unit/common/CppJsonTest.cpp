@@ -8,6 +8,7 @@
 #include <string>
 
 #include "CppJson.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -52,23 +53,20 @@ TEST(CppJson, LoadJsonFileReadsObjectWithComments)
 
 TEST(CppJson, LoadJsonFileReadsOnlyRegularFiles)
 {
-    char dir[] = "/tmp/kuvjson-XXXXXX";
-    ASSERT_NE(::mkdtemp(dir), nullptr);
-    const std::string fifo = std::string(dir) + "/fifo.json";
+    kuv::test::TempDir tmp("kuvjson");
+    const std::string dir = tmp.path();
+    const std::string fifo = dir + "/fifo.json";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     Json::Value value;
     // Returns at once: nobody will ever write to the FIFO.
     EXPECT_FALSE(CppJson::LoadJsonFile(fifo.c_str(), value));
-    EXPECT_FALSE(CppJson::LoadJsonFile(dir, value));
-    const std::string big = std::string(dir) + "/big.json";
+    EXPECT_FALSE(CppJson::LoadJsonFile(dir.c_str(), value));
+    const std::string big = dir + "/big.json";
     {
         std::ofstream out(big);
         out << "[" << std::string(5 * 1024 * 1024, ' ') << "]";
     }
     EXPECT_FALSE(CppJson::LoadJsonFile(big.c_str(), value));
-    ::unlink(fifo.c_str());
-    ::unlink(big.c_str());
-    ::rmdir(dir);
 }
 
 TEST(CppJson, LoadJsonStringEmptyLeavesValueUntouched)

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "Harness.h"
+#include "TempDir.h"
 #include "IMervoConfig.h"
 
 namespace {
@@ -58,7 +59,7 @@ protected:
         return out;
     }
 
-    kuvtest::TempDir tmp{"cfgproxy"};
+    kuv::test::TempDir tmp{"cfgproxy"};
     std::string dir;
     void* handle = nullptr;
     PFN_CFGCreateInstance create = nullptr;
@@ -180,7 +181,7 @@ TEST_F(ConfigProxy, OneObjectPerGuidReleasedByGuid)
     IMervoConfig* other = open(dir, "0F0E0D0C-0000-1111-2222-333344445555");
     ASSERT_NE(other, nullptr);
     EXPECT_NE(other, first);
-    kuvtest::TempDir elsewhere("cfgother");
+    kuv::test::TempDir elsewhere("cfgother");
     EXPECT_EQ(open(elsewhere.path() + "/"), nullptr) << "the GUID is open with another directory";
 
     EXPECT_EQ(set(first, "k", "v"), CFG_OK);
@@ -227,7 +228,7 @@ TEST_F(ConfigProxy, BadArgumentsAreRefused)
 
 TEST_F(ConfigProxy, ConfigDirectoryFromTheEnvironment)
 {
-    kuvtest::TempDir conf("cfgenv");
+    kuv::test::TempDir conf("cfgenv");
     setenv("KUV_CONFIG_DIR", conf.path().c_str(), 1);
     IMervoConfig* config = open(dir);
     ASSERT_NE(config, nullptr);

@@ -11,8 +11,9 @@
 
 #include "FileUtils.h"
 #include "KuvTestDir.h"
+#include "TempDir.h"
 
-using kuvtest::TempDir;
+using kuv::test::TempDir;
 
 TEST(CFileTest, CreateWriteReadRemove)
 {

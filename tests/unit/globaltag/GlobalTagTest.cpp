@@ -14,9 +14,10 @@
 #include "CGlobalTag.h"
 #include "FileUtils.h"
 #include "KuvTestDir.h"
+#include "TempDir.h"
 
 using kuvtest::ScopedEnv;
-using kuvtest::TempDir;
+using kuv::test::TempDir;
 
 extern char** environ;
 

@@ -23,11 +23,12 @@
 #include "CLogDebug.h"
 #include "FileUtils.h"
 #include "KuvTestDir.h"
+#include "TempDir.h"
 #include "PipeWire.h"
 
 using kuvtest::eventually;
 using kuvtest::ScopedEnv;
-using kuvtest::TempDir;
+using kuv::test::TempDir;
 using namespace std::chrono_literals;
 
 namespace {

@@ -206,8 +206,9 @@ UniqueFd openNoFollow(const std::string& path, int flags, unsigned int mode, str
     }
     struct stat st;
     if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        fd.reset();
         errno = EINVAL;
-        return UniqueFd();
+        return fd;
     }
     if ((flags & O_NONBLOCK) == 0) {
         ::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);

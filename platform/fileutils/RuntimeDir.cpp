@@ -241,6 +241,8 @@ bool writeFileAtomic(const std::string& path, const std::string& content, unsign
     bool ok = ::fchmod(fd.get(), static_cast<mode_t>(mode & 07777)) == 0;
     ok = ok && kuv::safeWrite(fd.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size());
     ok = ok && ::fsync(fd.get()) == 0;
+    // Closed by hand on purpose: close() can report a write error that fsync() did not (network file
+    // systems), and then the old file must stay.
     const int raw = fd.release();
     ok = (::close(raw) == 0) && ok;
     if (ok && ::rename(tmp.c_str(), path.c_str()) == 0) {

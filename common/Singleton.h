@@ -9,16 +9,23 @@
 namespace kuv {
 
 // The one implementation behind utils:: and config::SingletonAbstract. The instance pointer is an
-// atomic, so the lock-free fast path of instance() is a proper acquire load. Creation and
+// atomic, so the lock-free fast path of createOnce() is a proper acquire load. Creation and
 // destruction go through functions of the friend class that T names, which may use T's private
 // constructor and destructor.
 template <typename T, typename Tag>
 class SingletonCore {
 public:
+    // Destroys the instance, if any; the next instance() makes a new one.
+    static void UninitInstance() { releaseInstance(); }
+
+protected:
+    SingletonCore() = default;
+    ~SingletonCore() = default;
+
     using Destroy = void (*)(T*);
 
     template <typename Create>
-    static T* instance(Create&& create, Destroy destroy)
+    static T* createOnce(Create&& create, Destroy destroy)
     {
         T* current = s_instance.load(std::memory_order_acquire);
         if (current != nullptr) {
@@ -34,8 +41,7 @@ public:
         return current;
     }
 
-    // Destroys the instance, if any; the next instance() makes a new one.
-    static void release()
+    static void releaseInstance()
     {
         std::lock_guard<std::mutex> lock(s_mutex);
         T* old = s_instance.exchange(nullptr, std::memory_order_acq_rel);
@@ -58,29 +64,21 @@ namespace utils {
 
 // GetInstance() creates on first use and releases again at exit.
 template <typename T>
-class SingletonAbstract {
+class SingletonAbstract : public kuv::SingletonCore<T, SingletonAbstract<T>> {
+    using Core = kuv::SingletonCore<T, SingletonAbstract<T>>;
+
 public:
     static T* GetInstance()
     {
-        return Core::instance(
+        return Core::createOnce(
             [] {
                 // Safe to run twice: the explicit release at exit and this one after main.
                 static std::once_flag registered;
-                std::call_once(registered, [] { std::atexit(&SingletonAbstract<T>::UninitInstance); });
+                std::call_once(registered, [] { std::atexit(&Core::UninitInstance); });
                 return new (std::nothrow) T();
             },
             [](T* object) { delete object; });
     }
-
-    static void UninitInstance() { Core::release(); }
-
-protected:
-    SingletonAbstract() = default;
-    ~SingletonAbstract() = default;
-
-private:
-    struct Tag {};
-    using Core = kuv::SingletonCore<T, Tag>;
 };
 
 } // namespace utils
@@ -89,22 +87,14 @@ namespace config {
 
 // instance() creates on first use; the owner releases it explicitly.
 template <typename T>
-class SingletonAbstract {
+class SingletonAbstract : public kuv::SingletonCore<T, SingletonAbstract<T>> {
+    using Core = kuv::SingletonCore<T, SingletonAbstract<T>>;
+
 public:
     static T* instance()
     {
-        return Core::instance([] { return new (std::nothrow) T(); }, [](T* object) { delete object; });
+        return Core::createOnce([] { return new (std::nothrow) T(); }, [](T* object) { delete object; });
     }
-
-    static void UninitInstance() { Core::release(); }
-
-protected:
-    SingletonAbstract() = default;
-    ~SingletonAbstract() = default;
-
-private:
-    struct Tag {};
-    using Core = kuv::SingletonCore<T, Tag>;
 };
 
 } // namespace config

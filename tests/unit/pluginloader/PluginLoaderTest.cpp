@@ -129,6 +129,15 @@ protected:
         return none;
     }
 
+    // Asks for every id, then waits until each one has loaded or failed.
+    bool installAndSettle(const QStringList& ids)
+    {
+        for (const QString& id : ids) {
+            m_mgr->installPluginAsyn(id, paras(nullptr));
+        }
+        return waitFor([&] { return std::all_of(ids.begin(), ids.end(), [&](const QString& id) { return settled(id); }); });
+    }
+
     bool settled(const QString& id)
     {
         const auto st = status(id).state;
@@ -308,10 +317,7 @@ TEST_F(PluginLoaderTest, FailureTextsNameTheCause)
     describe("failing", "fake_failing.so");
     describe("throwing", "fake_throwing.so");
     m_mgr->loadAllPluginInfo();
-    for (const char* id : {"wrongiid", "failing", "throwing"}) {
-        m_mgr->installPluginAsyn(id, paras(nullptr));
-    }
-    ASSERT_TRUE(waitFor([&] { return settled("wrongiid") && settled("failing") && settled("throwing"); }));
+    ASSERT_TRUE(installAndSettle({"wrongiid", "failing", "throwing"}));
     EXPECT_EQ(QStringLiteral("wrong IID [org.kuv.gui.IKuvGuiPlugin/0.9], expected [%1]").arg(KUV_GUI_PLUGIN_IID),
               status("wrongiid").reason);
     EXPECT_EQ(QStringLiteral("init returned 3"), status("failing").reason);
@@ -323,9 +329,7 @@ TEST_F(PluginLoaderTest, TwoIdsOnOneLibraryDoNotShareAnInstance)
     describe("alpha", "fake_good_a.so");
     describe("alias", "fake_good_a.so");
     m_mgr->loadAllPluginInfo();
-    m_mgr->installPluginAsyn("alpha", paras(nullptr));
-    m_mgr->installPluginAsyn("alias", paras(nullptr));
-    ASSERT_TRUE(waitFor([&] { return settled("alpha") && settled("alias"); }));
+    ASSERT_TRUE(installAndSettle({"alpha", "alias"}));
     EXPECT_EQ(CQPluginManager::PLUGIN_LOADED, status("alpha").state);
     EXPECT_EQ(CQPluginManager::PLUGIN_FAILED, status("alias").state);
     EXPECT_EQ(kuv::PluginLoadReason::LibraryInUse, status("alias").reasonCode) << status("alias").reason.toStdString();
@@ -336,9 +340,7 @@ TEST_F(PluginLoaderTest, OneSignalPerUnloadRequestIncludingNeverLoaded)
     describe("alpha", "fake_good_a.so");
     describe("failing", "fake_failing.so");
     m_mgr->loadAllPluginInfo();
-    m_mgr->installPluginAsyn("alpha", paras(nullptr));
-    m_mgr->installPluginAsyn("failing", paras(nullptr));
-    ASSERT_TRUE(waitFor([&] { return settled("alpha") && settled("failing"); }));
+    ASSERT_TRUE(installAndSettle({"alpha", "failing"}));
     QPointer<QWidget> page = status("alpha").page;
     ASSERT_FALSE(page.isNull());
 

@@ -16,7 +16,6 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QTemporaryDir>
 #include <QThread>
 #include <QWidget>
 
@@ -24,6 +23,7 @@
 #include "CQPluginManager.h"
 #include "IKuvGuiPlugin.h"
 #include "PluginInitParas.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -76,14 +76,13 @@ class PluginLoaderTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(m_dir.isValid());
-        m_configDir = m_dir.filePath(QStringLiteral("plugins"));
+        m_configDir = inDir("plugins");
         ASSERT_TRUE(QDir().mkpath(m_configDir));
-        m_trace = m_dir.filePath(QStringLiteral("trace.txt"));
+        m_trace = inDir("trace.txt");
         qputenv("FAKE_PLUGIN_TRACE", m_trace.toLocal8Bit());
         // Each test has its own log file so its lines can be looked for.
         CLogDebug* log = CLogDebug::Instance();
-        log->SetProperty(LOG_PROPERTY_PATH, m_dir.path().toLocal8Bit().constData());
+        log->SetProperty(LOG_PROPERTY_PATH, m_dir.path().c_str());
         log->SetProperty(LOG_PROPERTY_NAME, "loader");
         log->SetProperty(LOG_PROPERTY_LEVEL, "0");
         m_mgr = CQPluginManager::singleInstance();
@@ -144,10 +143,11 @@ protected:
         return st == CQPluginManager::PLUGIN_LOADED || st == CQPluginManager::PLUGIN_FAILED;
     }
 
-    std::string log() { return readFile(m_dir.filePath(QStringLiteral("loader.log"))); }
+    std::string log() { return readFile(inDir("loader.log")); }
+    QString inDir(const char* name) const { return QString::fromStdString(m_dir / name); }
     std::vector<std::string> trace() { return lines(readFile(m_trace)); }
 
-    QTemporaryDir m_dir;
+    kuv::test::TempDir m_dir{"kuvloader"};
     QString m_configDir;
     QString m_trace;
     CQPluginManager* m_mgr = nullptr;

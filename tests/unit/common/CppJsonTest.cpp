@@ -12,16 +12,13 @@
 
 namespace {
 
-std::string tempFile(const std::string& content)
+// A file with content in a private directory that goes with the returned owner.
+kuv::test::TempDir tempFile(const std::string& content, std::string& path)
 {
-    char path[] = "/tmp/kuvjson.XXXXXX";
-    const int fd = mkstemp(path);
-    EXPECT_GE(fd, 0);
-    if (fd >= 0) {
-        EXPECT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-        close(fd);
-    }
-    return path;
+    kuv::test::TempDir dir("kuvjson");
+    path = dir / "file.json";
+    std::ofstream(path, std::ios::binary) << content;
+    return dir;
 }
 
 } // namespace
@@ -43,12 +40,12 @@ TEST(CppJson, LoadJsonFileNullOrEmptyPathLeavesValueUntouched)
 
 TEST(CppJson, LoadJsonFileReadsObjectWithComments)
 {
-    const std::string path = tempFile("// log settings\n{\"log_level\": 2, /* inline */ \"log_size\": 10}\n");
+    std::string path;
+    const auto dir = tempFile("// log settings\n{\"log_level\": 2, /* inline */ \"log_size\": 10}\n", path);
     Json::Value value;
     EXPECT_TRUE(CppJson::LoadJsonFile(path.c_str(), value));
     EXPECT_EQ(value["log_level"].asInt(), 2);
     EXPECT_EQ(value["log_size"].asInt(), 10);
-    unlink(path.c_str());
 }
 
 TEST(CppJson, LoadJsonFileReadsOnlyRegularFiles)
@@ -151,9 +148,9 @@ TEST(CppJsonHostile, DeepNestingFailsWithoutCrashing)
     objects += "1";
     objects.append(depth, '}');
     EXPECT_FALSE(CppJson::LoadJsonString(objects, value));
-    const std::string path = tempFile(text);
+    std::string path;
+    const auto dir = tempFile(text, path);
     EXPECT_FALSE(CppJson::LoadJsonFile(path.c_str(), value));
-    unlink(path.c_str());
 }
 
 TEST(CppJsonHostile, ModerateNestingStillParses)

@@ -207,3 +207,34 @@ TEST(CppJsonHostile, FiftyMebibyteStringRoundTrips)
     // Truncated in the middle of the big string.
     EXPECT_FALSE(CppJson::LoadJsonString(text.substr(0, 30u << 20), value));
 }
+
+// kuv::parseJsonStrict: what the settings readers accept.
+struct StrictCase {
+    const char* name;
+    std::string text;
+    bool failIfExtra;
+    bool parses;
+};
+
+class ParseJsonStrict : public ::testing::TestWithParam<StrictCase> {};
+
+TEST_P(ParseJsonStrict, AcceptsOrSaysWhy)
+{
+    const StrictCase& c = GetParam();
+    Json::Value root;
+    std::string why;
+    EXPECT_EQ(kuv::parseJsonStrict(c.text.data(), c.text.data() + c.text.size(), root, why, c.failIfExtra), c.parses)
+        << why;
+    EXPECT_EQ(why.empty(), c.parses) << why;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ParseJsonStrict,
+    ::testing::Values(StrictCase{"object", R"({"settings": {"a": "1"}})", true, true},
+                      StrictCase{"comments", "// note\n{\"a\": /* x */ 1}", true, true},
+                      StrictCase{"extraRefused", R"({"a": 1} {"b": 2})", true, false},
+                      StrictCase{"extraAllowed", R"({"a": 1} {"b": 2})", false, true},
+                      StrictCase{"truncated", R"({"a": )", false, false},
+                      StrictCase{"nestingWithinLimit", std::string(60, '[') + std::string(60, ']'), true, true},
+                      StrictCase{"nestingBeyondLimit", std::string(100, '[') + std::string(100, ']'), true, false}),
+    [](const ::testing::TestParamInfo<StrictCase>& info) { return std::string(info.param.name); });

@@ -5,8 +5,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <exception>
 #include <fstream>
+#include <memory>
 #include <sstream>
+
+#include "SafeIo.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -67,23 +72,20 @@ bool LoadJsonFile(const char* path, Json::Value& value)
     try {
         value = Json::Value();
         // Only a regular file of sane size: a FIFO or a device would block or never end.
-        const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        if (fd < 0) {
+        const kuv::UniqueFd fd(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        if (!fd.valid()) {
             return false;
         }
         std::string content;
         bool ok = false;
         struct stat st;
-        if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kMaxJsonFile) {
+        if (::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kMaxJsonFile) {
             ok = true;
             char chunk[16384];
             for (;;) {
-                const ssize_t n = ::read(fd, chunk, sizeof chunk);
-                if (n < 0 && errno == EINTR) {
-                    continue;
-                }
-                if (n <= 0) {
-                    ok = n == 0;
+                const ssize_t n = kuv::safeRead(fd.get(), chunk, sizeof chunk);
+                if (n < 0) {
+                    ok = false;
                     break;
                 }
                 content.append(chunk, static_cast<size_t>(n));
@@ -91,9 +93,11 @@ bool LoadJsonFile(const char* path, Json::Value& value)
                     ok = false;
                     break;
                 }
+                if (static_cast<size_t>(n) < sizeof chunk) {
+                    break; // end of file
+                }
             }
         }
-        ::close(fd);
         return ok && parseText(content, value);
     } catch (...) {
         return false;
@@ -152,3 +156,22 @@ int GetInt(const char* key, const Json::Value& value, int defaultValue)
 }
 
 } // namespace CppJson
+
+namespace kuv {
+
+bool parseJsonStrict(const char* begin, const char* end, Json::Value& root, std::string& why, bool failIfExtra)
+{
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    builder["failIfExtra"] = failIfExtra;
+    builder["stackLimit"] = 64;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    try {
+        return reader->parse(begin, end, &root, &why);
+    } catch (const std::exception& e) {
+        why = e.what();
+        return false;
+    }
+}
+
+} // namespace kuv

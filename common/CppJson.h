@@ -14,3 +14,11 @@ bool WriteJsonToString(const Json::Value& value, std::string& out, bool compact)
 int GetInt(const char* key, const Json::Value& value, int defaultValue);
 
 } // namespace CppJson
+
+namespace kuv {
+
+// Parses [begin, end) as strict JSON for a settings file: comments dropped, nesting capped at 64 levels,
+// text after the value refused when failIfExtra. false with the reader's words in why when it fails.
+bool parseJsonStrict(const char* begin, const char* end, Json::Value& root, std::string& why, bool failIfExtra);
+
+} // namespace kuv

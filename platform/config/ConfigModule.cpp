@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 
 #include <climits>
+#include <filesystem>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <utility>
 
 #include "ConstConfig.h"
 #include "CppJson.h"
@@ -144,8 +147,8 @@ struct ConfigModule::Impl {
                 return false;
             }
             text += '\n';
-            const auto slash = path.rfind('/');
-            if (slash != std::string::npos && slash > 0 && !CDir::mkpath(path.substr(0, slash), 0755)) {
+            const std::string dir = std::filesystem::path(path).parent_path().string();
+            if (!dir.empty() && dir != "/" && !CDir::mkpath(dir, 0755)) {
                 return false;
             }
             if (!kuv::writeFileAtomic(path, text, 0644)) {
@@ -179,9 +182,11 @@ ConfigModule* ConfigModule::Instance()
 
 void ConfigModule::UninitInstance()
 {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    delete g_instance;
-    g_instance = nullptr;
+    std::unique_ptr<ConfigModule> gone;
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        gone.reset(std::exchange(g_instance, nullptr));
+    }
 }
 
 bool ConfigModule::getBool(const std::string& file, const std::string& key, bool defaultValue)

@@ -3,7 +3,9 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <mutex>
+#include <utility>
 
 #include "FileUtils.h"
 
@@ -31,9 +33,11 @@ ConstConfig* ConstConfig::singleInstance()
 
 void ConstConfig::UninitInstance()
 {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    delete g_instance;
-    g_instance = nullptr;
+    std::unique_ptr<ConstConfig> gone;
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        gone.reset(std::exchange(g_instance, nullptr));
+    }
 }
 
 std::string ConstConfig::getInstallDir()

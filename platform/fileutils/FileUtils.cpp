@@ -8,8 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <sstream>
+
+#include "SafeIo.h"
 
 // A user's own files in a shared installation live in the user's state directory.
 CFile::CFile(const std::string& path) : m_strPath(kuv::userStatePath(path)) {}
@@ -21,10 +24,7 @@ CFile::~CFile()
 
 void CFile::closeFd()
 {
-    if (m_fd >= 0) {
-        ::close(m_fd);
-        m_fd = -1;
-    }
+    m_fd.reset();
 }
 
 bool CFile::exists() const
@@ -45,8 +45,7 @@ bool CFile::open(std::ios_base::openmode mode)
     if ((mode & (std::ios::in | std::ios::out)) == 0 || m_strPath.empty()) {
         return false;
     }
-    // Never through a planted link and never blocking on a FIFO or device; new files are private.
-    int flags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    int flags = 0;
     if ((mode & std::ios::in) && (mode & std::ios::out)) {
         flags |= O_RDWR | O_CREAT;
     } else if (mode & std::ios::out) {
@@ -59,20 +58,8 @@ bool CFile::open(std::ios_base::openmode mode)
     if (mode & std::ios::app) {
         flags |= O_APPEND;
     }
-    const int fd = ::open(m_strPath.c_str(), flags, 0600);
-    if (fd < 0) {
-        return false;
-    }
-    struct stat st;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
-        errno = EINVAL;
-        return false;
-    }
-    // Back to blocking reads and writes on the regular file.
-    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-    m_fd = fd;
-    return true;
+    m_fd = kuv::openNoFollow(m_strPath, flags, 0600);
+    return m_fd.valid();
 }
 
 void CFile::close(std::ios_base::openmode /*mode*/)
@@ -82,17 +69,17 @@ void CFile::close(std::ios_base::openmode /*mode*/)
 
 bool CFile::isOpen() const
 {
-    return m_fd >= 0;
+    return m_fd.valid();
 }
 
 bool CFile::ReadAll(std::string& content)
 {
     content.clear();
-    if (m_fd < 0) {
+    if (!m_fd.valid()) {
         return false;
     }
     struct stat st;
-    if (::fstat(m_fd, &st) != 0 || static_cast<unsigned long long>(st.st_size) > kMaxReadAll) {
+    if (::fstat(m_fd.get(), &st) != 0 || static_cast<unsigned long long>(st.st_size) > kMaxReadAll) {
         errno = EFBIG;
         return false;
     }
@@ -101,10 +88,7 @@ bool CFile::ReadAll(std::string& content)
     char chunk[16384];
     off_t pos = 0;
     for (;;) {
-        const ssize_t n = ::pread(m_fd, chunk, sizeof chunk, pos);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
+        const ssize_t n = kuv::retryEintr([&] { return ::pread(m_fd.get(), chunk, sizeof chunk, pos); });
         if (n < 0) {
             return false;
         }
@@ -124,23 +108,8 @@ bool CFile::ReadAll(std::string& content)
 
 bool CFile::Write(const std::string& content)
 {
-    if (m_fd < 0) {
-        return false;
-    }
-    const char* p = content.data();
-    size_t left = content.size();
-    while (left > 0) {
-        const ssize_t n = ::write(m_fd, p, left);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
-    return true;
+    return m_fd.valid() && kuv::safeWrite(m_fd.get(), content.data(), content.size()) ==
+                               static_cast<ssize_t>(content.size());
 }
 
 CFileInfo::CFileInfo(const std::string& path) : m_strPath(path)
@@ -159,8 +128,7 @@ CFileInfo::CFileInfo(const std::string& path) : m_strPath(path)
 
 std::string CFileInfo::fileName() const
 {
-    const auto slash = m_strPath.rfind('/');
-    return slash == std::string::npos ? m_strPath : m_strPath.substr(slash + 1);
+    return std::filesystem::path(m_strPath).filename().string();
 }
 
 std::string CDir::currentDir()
@@ -176,11 +144,7 @@ std::string CDir::currentDir()
     if (exe.size() > deleted.size() && exe.compare(exe.size() - deleted.size(), deleted.size(), deleted) == 0) {
         exe.erase(exe.size() - deleted.size());
     }
-    const auto slash = exe.rfind('/');
-    if (slash == std::string::npos) {
-        return std::string();
-    }
-    return slash == 0 ? std::string("/") : exe.substr(0, slash);
+    return std::filesystem::path(exe).parent_path().string();
 }
 
 bool CDir::getAllFilesInDir(std::list<CFileInfo>& out, const char* dir)
@@ -216,13 +180,11 @@ bool CDir::mkpath(const std::string& dir, unsigned int mode)
     if (dir.empty()) {
         return false;
     }
-    std::string partial;
-    size_t pos = 0;
-    while (pos != std::string::npos) {
-        const size_t next = dir.find('/', pos + 1);
-        partial = dir.substr(0, next);
-        pos = next;
-        if (partial.empty() || partial == "/") {
+    // Component by component, so that every directory made gets mode (create_directories would not).
+    std::filesystem::path partial;
+    for (const std::filesystem::path& part : std::filesystem::path(dir)) {
+        partial /= part;
+        if (part.empty() || part == partial.root_path()) {
             continue;
         }
         if (::mkdir(partial.c_str(), static_cast<mode_t>(mode)) != 0 && errno != EEXIST) {
@@ -232,6 +194,32 @@ bool CDir::mkpath(const std::string& dir, unsigned int mode)
     struct stat st;
     return ::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
+
+namespace kuv {
+
+UniqueFd openNoFollow(const std::string& path, int flags, unsigned int mode, struct stat* info)
+{
+    // O_NONBLOCK only for the open itself: a FIFO or device must not block it.
+    UniqueFd fd(::open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, static_cast<mode_t>(mode)));
+    if (!fd.valid()) {
+        return fd;
+    }
+    struct stat st;
+    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        fd.reset();
+        errno = EINVAL;
+        return fd;
+    }
+    if ((flags & O_NONBLOCK) == 0) {
+        ::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
+    }
+    if (info != nullptr) {
+        *info = st;
+    }
+    return fd;
+}
+
+} // namespace kuv
 
 void CStr::toLower(std::string& text)
 {

@@ -1,5 +1,6 @@
 // The one escaping rule of every log writer, the record size cap, and whole-record appends.
 #include "FileUtils.h"
+#include "SafeIo.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -145,23 +146,13 @@ long appendRecord(int fd, const std::string& record)
     }
     struct stat st;
     const off_t start = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : -1;
-    size_t done = 0;
-    int failure = 0;
-    while (done < record.size()) {
-        const ssize_t n = ::write(fd, record.data() + done, record.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            // A short write was the first sign; this one names the cause (ENOSPC, EFBIG).
-            failure = n < 0 ? errno : ENOSPC;
-            break;
-        }
-        done += static_cast<size_t>(n);
-    }
-    if (failure == 0) {
+    // A short write is continued; the failing write names the cause (ENOSPC, EFBIG).
+    const ssize_t written = kuv::safeWrite(fd, record.data(), record.size());
+    if (written == static_cast<ssize_t>(record.size())) {
         return static_cast<long>(record.size());
     }
+    const int failure = errno != 0 ? errno : ENOSPC;
+    const size_t done = written > 0 ? static_cast<size_t>(written) : 0;
     // A fragment would glue the next record to it: give the file back its last line boundary.
     if (done > 0 && start >= 0) {
         if (::ftruncate(fd, start) != 0) {

@@ -1,6 +1,7 @@
 // CProcess: starts a program without a shell, detached through two short-lived children, and confirms the
 // exec.
 #include "FileUtils.h"
+#include "SafeIo.h"
 #include "UniqueFd.h"
 
 #include <fcntl.h>
@@ -108,7 +109,7 @@ int runGrandchild(void* arg)
     }
     launch.err = err;
     if (launch.errFd >= 0) {
-        (void)!::write(launch.errFd, &err, sizeof err);
+        (void)kuv::safeWrite(launch.errFd, &err, sizeof err);
     }
     _exit(127);
 }
@@ -123,6 +124,12 @@ int runMiddle(void* arg)
         launch.spawnErr = errno;
     }
     _exit(0);
+}
+
+void reap(pid_t child)
+{
+    int status = 0;
+    kuv::retryEintr([&] { return ::waitpid(child, &status, 0); });
 }
 
 // Stacks of the two children, released when the launch is over.
@@ -157,16 +164,27 @@ private:
 #endif
 
 #ifdef KUV_LAUNCH_BY_FORK
+// Both ends close on exec, so only the grandchild's exec or exit ends the read side.
+bool makePipe(kuv::UniqueFd& readEnd, kuv::UniqueFd& writeEnd)
+{
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) {
+        return false;
+    }
+    readEnd.reset(fds[0]);
+    writeEnd.reset(fds[1]);
+    return true;
+}
+
 // The sanitizers cannot follow children that run on stacks of their own in our memory (ASan warns on
 // standard error about the stack switch), so their builds launch with two plain forks instead.
 int launchDetachedByFork(const std::vector<std::string>& paths, char* const* argv)
 {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) {
+    kuv::UniqueFd readEnd;
+    kuv::UniqueFd writeEnd;
+    if (!makePipe(readEnd, writeEnd)) {
         return 0;
     }
-    kuv::UniqueFd readEnd(fds[0]);
-    kuv::UniqueFd writeEnd(fds[1]);
     const pid_t middle = ::fork();
     if (middle < 0) {
         return 0;
@@ -183,19 +201,15 @@ int launchDetachedByFork(const std::vector<std::string>& paths, char* const* arg
         }
         if (grandchild < 0) {
             const int err = errno;
-            (void)!::write(writeEnd.get(), &err, sizeof err);
+            (void)kuv::safeWrite(writeEnd.get(), &err, sizeof err);
         }
         _exit(0);
     }
     writeEnd.reset();
-    int status = 0;
-    while (::waitpid(middle, &status, 0) < 0 && errno == EINTR) {
-    }
+    reap(middle);
     // End of file once the grandchild has exec'd (the pipe closes on exec); an errno when it could not.
     int err = 0;
-    ssize_t n;
-    while ((n = ::read(readEnd.get(), &err, sizeof err)) < 0 && errno == EINTR) {
-    }
+    const ssize_t n = kuv::safeRead(readEnd.get(), &err, sizeof err);
     return n == static_cast<ssize_t>(sizeof err) ? 0 : 1;
 }
 #endif
@@ -226,9 +240,7 @@ int launchDetached(const std::vector<std::string>& paths, char* const* argv)
     if (middle < 0) {
         return 0;
     }
-    int status = 0;
-    while (::waitpid(middle, &status, 0) < 0 && errno == EINTR) {
-    }
+    reap(middle);
     return launch.spawnErr == 0 && launch.err == 0 ? 1 : 0;
 }
 

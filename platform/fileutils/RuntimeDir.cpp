@@ -1,5 +1,6 @@
 // The private per-user runtime directory, atomic file replacement and control-character escaping.
 #include "FileUtils.h"
+#include "SafeIo.h"
 #include "UniqueFd.h"
 
 #include <fcntl.h>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <mutex>
 #include <cstddef>
+#include <filesystem>
 
 namespace {
 
@@ -209,10 +211,7 @@ std::string runtimePath(const std::string& logicalName, std::string* error)
     while (!name.empty() && name.back() == '/') {
         name.pop_back();
     }
-    const auto slash = name.rfind('/');
-    if (slash != std::string::npos) {
-        name.erase(0, slash + 1);
-    }
+    name = std::filesystem::path(name).filename().string();
     if (name.empty() || name == "." || name == "..") {
         setError(error, "\"" + escapeControl(logicalName) + "\" names no runtime entry");
         return std::string();
@@ -240,21 +239,10 @@ bool writeFileAtomic(const std::string& path, const std::string& content, unsign
         return false;
     }
     bool ok = ::fchmod(fd.get(), static_cast<mode_t>(mode & 07777)) == 0;
-    const char* p = content.data();
-    size_t left = content.size();
-    while (ok && left > 0) {
-        const ssize_t n = ::write(fd.get(), p, left);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            ok = false;
-            break;
-        }
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
+    ok = ok && kuv::safeWrite(fd.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size());
     ok = ok && ::fsync(fd.get()) == 0;
+    // Closed by hand on purpose: close() can report a write error that fsync() did not (network file
+    // systems), and then the old file must stay.
     const int raw = fd.release();
     ok = (::close(raw) == 0) && ok;
     if (ok && ::rename(tmp.c_str(), path.c_str()) == 0) {

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <vector>
 
 namespace {
@@ -87,15 +88,9 @@ std::string installDir()
         return withSlash(env);
     }
     // DIR/bin/program: the installation is the parent of the executable's directory.
-    std::string dir = CDir::currentDir();
-    while (dir.size() > 1 && dir.back() == '/') {
-        dir.pop_back();
-    }
-    const auto slash = dir.rfind('/');
-    if (slash == std::string::npos) {
-        return std::string();
-    }
-    return dir.substr(0, slash + 1);
+    const std::filesystem::path bin = std::filesystem::path(CDir::currentDir());
+    const std::filesystem::path parent = (bin.has_filename() ? bin : bin.parent_path()).parent_path();
+    return parent.empty() ? std::string() : withSlash(parent.string());
 }
 
 bool ownInstallation(const std::string& dir)

@@ -15,6 +15,7 @@
 
 #include "CppJson.h"
 #include "FileUtils.h"
+#include "SafeIo.h"
 #include "UniqueFd.h"
 
 namespace {
@@ -146,10 +147,7 @@ int CGlobalTag::trylock(bool wait) const
         d.reportOnce("cannot open " + path + ": " + std::strerror(errno));
         return -1;
     }
-    int rc;
-    do {
-        rc = ::flock(fd.get(), LOCK_EX | (wait ? 0 : LOCK_NB));
-    } while (rc != 0 && errno == EINTR);
+    const int rc = kuv::retryEintr([&] { return ::flock(fd.get(), LOCK_EX | (wait ? 0 : LOCK_NB)); });
     if (rc != 0) {
         if (errno == EWOULDBLOCK) {
             return 2;

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "UniqueFd.h"
+
 // Received bytes of one message, followed by a NUL byte that length() does not count.
 class CCharVector {
 public:
@@ -75,5 +77,5 @@ public:
 
 private:
     std::string m_strName;
-    int m_nFd = -1; // the connection kept between calls, -1 when none
+    kuv::UniqueFd m_nFd; // the connection kept between calls, invalid when none
 };

@@ -1,6 +1,8 @@
 // The plugin loader: plugin descriptions from JSON files, asynchronous load and unload on the GUI thread.
 #pragma once
 
+#include <memory>
+
 #include <QList>
 #include <QObject>
 #include <QPointer>
@@ -9,6 +11,46 @@
 #include <QVariant>
 
 class QWidget;
+
+namespace kuv {
+
+// Why a plugin is not loaded, as a code callers and tests compare; the status text has the details.
+enum class PluginLoadReason {
+    None = 0,          // loaded, or no load tried yet
+    UnknownId,         // no plugin description names the id
+    NotFound,          // the library file does not exist
+    LibraryInUse,      // another plugin id has that library loaded
+    NotAPlugin,        // the library carries no Qt plugin metadata
+    WrongInterface,    // the plugin's IID or its instance is not the GUI plugin interface
+    BadDescription,    // the description names another IID
+    QtVersionMismatch, // built with a Qt this process cannot host
+    LoadFailed,        // the dynamic loader refused the library
+    NoInstance,        // the library gave no plugin object
+    InitFailed,        // init() returned non-zero
+    InitThrew,         // init() threw
+};
+
+// The code's name, for logs and test output.
+inline const char* pluginLoadReasonName(PluginLoadReason reason)
+{
+    switch (reason) {
+    case PluginLoadReason::None: return "None";
+    case PluginLoadReason::UnknownId: return "UnknownId";
+    case PluginLoadReason::NotFound: return "NotFound";
+    case PluginLoadReason::LibraryInUse: return "LibraryInUse";
+    case PluginLoadReason::NotAPlugin: return "NotAPlugin";
+    case PluginLoadReason::WrongInterface: return "WrongInterface";
+    case PluginLoadReason::BadDescription: return "BadDescription";
+    case PluginLoadReason::QtVersionMismatch: return "QtVersionMismatch";
+    case PluginLoadReason::LoadFailed: return "LoadFailed";
+    case PluginLoadReason::NoInstance: return "NoInstance";
+    case PluginLoadReason::InitFailed: return "InitFailed";
+    case PluginLoadReason::InitThrew: return "InitThrew";
+    }
+    return "?";
+}
+
+} // namespace kuv
 
 class CQPluginManager : public QObject {
     Q_OBJECT
@@ -23,6 +65,7 @@ public:
         QString guid;
         PluginState state = PLUGIN_KNOWN;
         QString reason; // why it failed, empty otherwise
+        kuv::PluginLoadReason reasonCode = kuv::PluginLoadReason::None; // the same as a code
         QString pageTitle;
         QPointer<QWidget> page;
     };
@@ -60,8 +103,8 @@ private:
     // Both run on the GUI thread only.
     void loadNow(const QString& name, const QVariant& paras);
     int unloadNow(const QString& name, bool announce);
-    void markFailed(const QString& name, const QString& reason);
+    void markFailed(const QString& name, kuv::PluginLoadReason code, const QString& reason);
 
     struct Impl;
-    Impl* m_impl;
+    std::unique_ptr<Impl> m_impl;
 };

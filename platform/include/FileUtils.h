@@ -7,6 +7,10 @@
 #include <functional>
 #include <string>
 
+#include "UniqueFd.h"
+
+struct stat;
+
 class CFile {
 public:
     // Paths in an installation's per-user areas are mapped as kuv::userStatePath() does.
@@ -38,7 +42,7 @@ private:
     void closeFd();
 
     std::string m_strPath;
-    int m_fd = -1;
+    kuv::UniqueFd m_fd;
 };
 
 class CFileInfo {
@@ -112,6 +116,11 @@ std::string userStateDir(std::string* error = nullptr);
 // the path itself in an installation the user owns, else the same place under userStateDir(), so that
 // users of a shared installation never share a file. Any other path is returned unchanged.
 std::string userStatePath(const std::string& path);
+// Opens path for the open(2) flags given, never through a final symbolic link and never blocking on a
+// FIFO or device, and keeps it only when it is a regular file (else EINVAL). New files get mode. The
+// descriptor is close-on-exec and blocking unless flags ask for O_NONBLOCK; info, when given, receives
+// the file's status. An invalid descriptor with errno set on failure.
+UniqueFd openNoFollow(const std::string& path, int flags, unsigned int mode = 0600, struct stat* info = nullptr);
 // Writes content to path through a temporary file in the same directory and rename(). true on success.
 bool writeFileAtomic(const std::string& path, const std::string& content, unsigned int mode = 0644);
 // The escaping rule of every log writer: C0 controls, DEL and the backslash as \n \r \t \\ \xHH,

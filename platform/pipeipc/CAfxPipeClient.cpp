@@ -13,18 +13,12 @@
 #include "AfxPipe.h"
 #include "FileUtils.h"
 #include "PipeWire.h"
+#include "SafeIo.h"
+#include "UniqueFd.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-void closeFd(int& fd)
-{
-    if (fd >= 0) {
-        ::close(fd);
-    }
-    fd = -1;
-}
 
 bool setTimeouts(int fd, Clock::duration left)
 {
@@ -42,31 +36,26 @@ bool setTimeouts(int fd, Clock::duration left)
            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
 }
 
-// A connected socket, retrying while nobody listens yet; -1 when the server cannot be reached in time.
-int connectTo(const struct sockaddr_un& addr, Clock::time_point retryEnd, Clock::time_point end)
+// A connected socket, retrying while nobody listens yet; invalid when the server cannot be reached in time.
+kuv::UniqueFd connectTo(const struct sockaddr_un& addr, Clock::time_point retryEnd, Clock::time_point end)
 {
     auto pause = std::chrono::milliseconds(2);
     for (;;) {
-        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) {
-            return -1;
-        }
+        kuv::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         // The timeouts bound connect() itself (a full backlog blocks it) and every later call.
-        if (!setTimeouts(fd, end - Clock::now())) {
-            closeFd(fd);
-            return -1;
+        if (!fd.valid() || !setTimeouts(fd.get(), end - Clock::now())) {
+            return kuv::UniqueFd();
         }
-        if (::connect(fd, reinterpret_cast<const struct sockaddr*>(&addr), sizeof addr) == 0) {
+        if (::connect(fd.get(), reinterpret_cast<const struct sockaddr*>(&addr), sizeof addr) == 0) {
             return fd;
         }
         const int err = errno;
-        closeFd(fd);
         if (err != ENOENT && err != ECONNREFUSED && err != EINTR) {
-            return -1;
+            return kuv::UniqueFd();
         }
         const auto now = Clock::now();
         if (now + pause > retryEnd) {
-            return -1;
+            return kuv::UniqueFd();
         }
         const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(pause).count();
         struct timespec ts{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
@@ -83,7 +72,7 @@ Sent sendAndConfirm(int fd, const char* data, size_t size, Clock::time_point end
     size_t done = 0;
     bool retimed = false;
     while (done < size) {
-        const ssize_t n = ::send(fd, data + done, size - done, MSG_NOSIGNAL);
+        const ssize_t n = kuv::retryEintr([&] { return ::send(fd, data + done, size - done, MSG_NOSIGNAL); });
         if (n > 0) {
             done += static_cast<size_t>(n);
             // A partial write means a busy server; keep the remaining budget exact from here on.
@@ -95,26 +84,18 @@ Sent sendAndConfirm(int fd, const char* data, size_t size, Clock::time_point end
             }
             continue;
         }
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
         return (reused && done == 0 && (errno == EPIPE || errno == ECONNRESET)) ? Sent::Lost : Sent::Failed;
     }
     if (retimed && !setTimeouts(fd, end - Clock::now())) {
         return Sent::Failed;
     }
-    for (;;) {
-        char ack = 0;
-        const ssize_t n = ::recv(fd, &ack, 1, 0);
-        if (n == 1) {
-            return ack == kuvpipe::kAck ? Sent::Ok : Sent::Failed;
-        }
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        // A kept connection closed by the server while idle: it never read this message.
-        return (reused && (n == 0 || errno == ECONNRESET)) ? Sent::Lost : Sent::Failed;
+    char ack = 0;
+    const ssize_t n = kuv::retryEintr([&] { return ::recv(fd, &ack, 1, 0); });
+    if (n == 1) {
+        return ack == kuvpipe::kAck ? Sent::Ok : Sent::Failed;
     }
+    // A kept connection closed by the server while idle: it never read this message.
+    return (reused && (n == 0 || errno == ECONNRESET)) ? Sent::Lost : Sent::Failed;
 }
 
 // Whether a kept connection is still open: nothing to read and no hang-up.
@@ -128,10 +109,7 @@ bool stillOpen(int fd)
 
 CAfxPipeClient::CAfxPipeClient(std::string name) : m_strName(std::move(name)) {}
 
-CAfxPipeClient::~CAfxPipeClient()
-{
-    closeFd(m_nFd);
-}
+CAfxPipeClient::~CAfxPipeClient() = default;
 
 int CAfxPipeClient::async(const char* data, unsigned long size)
 {
@@ -147,14 +125,14 @@ int CAfxPipeClient::async(const char* data, unsigned long size)
     const auto start = Clock::now();
     const auto end = start + kuvpipe::kClientBudget;
 
-    if (m_nFd >= 0 && !stillOpen(m_nFd)) {
-        closeFd(m_nFd);
+    if (m_nFd.valid() && !stillOpen(m_nFd.get())) {
+        m_nFd.reset();
     }
     for (int attempt = 0; attempt < 2; ++attempt) {
-        const bool reused = m_nFd >= 0;
+        const bool reused = m_nFd.valid();
         if (reused) {
-            if (!setTimeouts(m_nFd, end - Clock::now())) {
-                closeFd(m_nFd);
+            if (!setTimeouts(m_nFd.get(), end - Clock::now())) {
+                m_nFd.reset();
                 return 0;
             }
         } else {
@@ -167,18 +145,18 @@ int CAfxPipeClient::async(const char* data, unsigned long size)
             }
             std::memcpy(addr.sun_path, path.c_str(), path.size());
             m_nFd = connectTo(addr, start + kuvpipe::kConnectRetry, end);
-            if (m_nFd < 0) {
+            if (!m_nFd.valid()) {
                 return 0;
             }
         }
-        switch (sendAndConfirm(m_nFd, data, size, end, reused)) {
+        switch (sendAndConfirm(m_nFd.get(), data, size, end, reused)) {
         case Sent::Ok:
             return 1;
         case Sent::Lost:
-            closeFd(m_nFd);
+            m_nFd.reset();
             continue; // once more on a fresh connection
         case Sent::Failed:
-            closeFd(m_nFd);
+            m_nFd.reset();
             return 0;
         }
     }

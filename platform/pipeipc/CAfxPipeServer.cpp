@@ -23,16 +23,17 @@
 #include <vector>
 
 #include "AfxPipe.h"
-#include "CLogDebug.h"
 #include "FileUtils.h"
+#include "KuvLog.h"
 #include "PipeWire.h"
+#include "SafeIo.h"
 #include "UniqueFd.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-const char* kSource = "platform/pipeipc/CAfxPipeServer";
+KUV_LOG_SOURCE("platform/pipeipc/CAfxPipeServer");
 constexpr size_t kMaxConnections = 1024;
 constexpr size_t kQueueBytes = 64ul * 1024 * 1024; // beyond this reading pauses until delivery catches up
 constexpr size_t kQueueMessages = 8192;
@@ -41,14 +42,6 @@ constexpr size_t kReadPerEvent = 1024 * 1024; // fairness between busy connectio
 constexpr int kBacklog = 512;
 // All half-received frames together hold at most this much; a frame that would pass it is refused.
 constexpr size_t kHeldBytes = 4 * (CAfxPipeServer::kMaxMessage + 64);
-
-#define PIPE_LOG(level, fn, ...)                                                                           \
-    do {                                                                                                   \
-        CLogDebug* log_ = CLogDebug::Instance();                                                           \
-        if (log_ != nullptr && log_->CheckLogLevel(level, 1)) {                                            \
-            log_->LogPrint(level, kSource, fn, __LINE__, __VA_ARGS__);                                     \
-        }                                                                                                  \
-    } while (0)
 
 using Fd = kuv::UniqueFd;
 
@@ -165,7 +158,7 @@ bool completeFrame(Runtime& rt, Connection& c)
         return false;
     }
     const char ack = kuvpipe::kAck;
-    if (::send(c.fd.get(), &ack, 1, MSG_NOSIGNAL | MSG_DONTWAIT) != 1) {
+    if (kuv::retryEintr([&] { return ::send(c.fd.get(), &ack, 1, MSG_NOSIGNAL | MSG_DONTWAIT); }) != 1) {
         return false;
     }
     c.deadline = Clock::now() + kuvpipe::kConnectionDeadline;
@@ -190,16 +183,14 @@ bool consume(Runtime& rt, Connection& c, const char* p, size_t n)
             std::memcpy(&head, c.head, sizeof head);
             // Checked before anything is allocated.
             if (head.length > CAfxPipeServer::kMaxMessage) {
-                PIPE_LOG(LOG_LEVEL_WARN, "recv",
-                         "message of %lu bytes from pid %lu refused (limit %lu), connection dropped", head.length,
+                KUV_LOG(kuv::LogLevel::Warn, "message of %lu bytes from pid %lu refused (limit %lu), connection dropped", head.length,
                          c.pid, CAfxPipeServer::kMaxMessage);
                 return false;
             }
             const size_t total = sizeof head + head.length;
             if (rt.heldBytes + total + 1 > kHeldBytes) {
                 if (rt.heldWarning.due()) {
-                    PIPE_LOG(LOG_LEVEL_WARN, "recv",
-                             "message of %lu bytes from pid %lu refused: %zu bytes of unfinished messages held "
+                    KUV_LOG(kuv::LogLevel::Warn, "message of %lu bytes from pid %lu refused: %zu bytes of unfinished messages held "
                              "already, connection dropped",
                              head.length, c.pid, rt.heldBytes);
                 }
@@ -233,9 +224,9 @@ bool readFrom(Runtime& rt, Connection& c)
         const bool direct = c.body && c.total - c.got >= kReadChunk;
         if (direct) {
             // Large payload: straight into place, never past this frame.
-            n = ::recv(c.fd.get(), c.body.get() + c.got, std::min(c.total - c.got, budget), 0);
+            n = kuv::retryEintr([&] { return ::recv(c.fd.get(), c.body.get() + c.got, std::min(c.total - c.got, budget), 0); });
         } else {
-            n = ::recv(c.fd.get(), scratch.data(), scratch.size(), 0);
+            n = kuv::retryEintr([&] { return ::recv(c.fd.get(), scratch.data(), scratch.size(), 0); });
         }
         if (n > 0) {
             budget -= std::min(budget, static_cast<size_t>(n));
@@ -252,9 +243,6 @@ bool readFrom(Runtime& rt, Connection& c)
         if (n == 0) {
             return false; // peer closed; a half frame is dropped
         }
-        if (errno == EINTR) {
-            continue;
-        }
         return errno == EAGAIN || errno == EWOULDBLOCK;
     }
     return true;
@@ -264,17 +252,17 @@ void acceptAll(Runtime& rt)
 {
     const uid_t self = ::geteuid();
     for (int i = 0; i < 256; ++i) {
-        Fd fd(::accept4(rt.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        Fd fd(kuv::retryEintr([&] { return ::accept4(rt.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC); }));
         if (fd.get() < 0) {
             const int err = errno;
-            if (err == EINTR || err == ECONNABORTED) {
+            if (err == ECONNABORTED) {
                 continue;
             }
             if (err == EAGAIN || err == EWOULDBLOCK) {
                 return;
             }
             if (rt.acceptWarning.due()) {
-                PIPE_LOG(LOG_LEVEL_WARN, "accept", "accept on %s failed: %s", rt.path.c_str(), std::strerror(err));
+                KUV_LOG(kuv::LogLevel::Warn, "accept on %s failed: %s", rt.path.c_str(), std::strerror(err));
             }
             if ((err == EMFILE || err == ENFILE) && rt.spare.get() >= 0) {
                 // Out of descriptors: take the waiting connection with the spare one and close it, so the
@@ -290,11 +278,11 @@ void acceptAll(Runtime& rt)
         struct ucred cred;
         socklen_t len = sizeof cred;
         if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) {
-            PIPE_LOG(LOG_LEVEL_WARN, "accept", "connection without peer credentials refused");
+            KUV_LOG(kuv::LogLevel::Warn, "connection without peer credentials refused");
             continue;
         }
         if (cred.uid != self) {
-            PIPE_LOG(LOG_LEVEL_WARN, "accept", "connection from uid %u (pid %d) refused: not uid %u",
+            KUV_LOG(kuv::LogLevel::Warn, "connection from uid %u (pid %d) refused: not uid %u",
                      static_cast<unsigned>(cred.uid), static_cast<int>(cred.pid), static_cast<unsigned>(self));
             continue;
         }
@@ -315,7 +303,7 @@ void acceptAll(Runtime& rt)
                 }
             }
             if (rt.fullWarning.due()) {
-                PIPE_LOG(LOG_LEVEL_WARN, "accept", "%zu connections open; the one %s longest is closed",
+                KUV_LOG(kuv::LogLevel::Warn, "%zu connections open; the one %s longest is closed",
                          rt.conns.size(), oldestIdle ? "idle" : "silent");
             }
             if (oldest >= 0) {
@@ -360,7 +348,7 @@ void ioLoop(std::shared_ptr<Runtime> rt)
         }
         const int n = ::epoll_wait(rt->epoll.get(), events.data(), static_cast<int>(events.size()), timeout);
         if (n < 0 && errno != EINTR) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "run", "epoll_wait failed: %s", std::strerror(errno));
+            KUV_LOG(kuv::LogLevel::Error, "epoll_wait failed: %s", std::strerror(errno));
             break;
         }
         const auto before = Clock::now();
@@ -422,7 +410,7 @@ void deliveryLoop(std::shared_ptr<Runtime> rt)
             try {
                 notify->RecvData(m.data, kind, context, m.pid);
             } catch (...) {
-                PIPE_LOG(LOG_LEVEL_ERROR, "deliver", "message receiver threw; message dropped");
+                KUV_LOG(kuv::LogLevel::Error, "message receiver threw; message dropped");
             }
         }
         lock.lock();
@@ -451,7 +439,7 @@ bool bindSocket(Runtime& rt)
             return true;
         }
         if (errno != EADDRINUSE) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "bind %s failed: %s", rt.path.c_str(), std::strerror(errno));
+            KUV_LOG(kuv::LogLevel::Error, "bind %s failed: %s", rt.path.c_str(), std::strerror(errno));
             return false;
         }
         struct stat st;
@@ -459,7 +447,7 @@ bool bindSocket(Runtime& rt)
             continue; // gone meanwhile
         }
         if (!S_ISSOCK(st.st_mode)) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "%s exists and is not a socket; not replaced", rt.path.c_str());
+            KUV_LOG(kuv::LogLevel::Error, "%s exists and is not a socket; not replaced", rt.path.c_str());
             return false;
         }
         Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -467,17 +455,17 @@ bool bindSocket(Runtime& rt)
             return false;
         }
         if (::connect(probe.get(), sa, sizeof addr) == 0 || errno == EAGAIN || errno == EINPROGRESS) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "%s is served by a running process", rt.path.c_str());
+            KUV_LOG(kuv::LogLevel::Error, "%s is served by a running process", rt.path.c_str());
             return false;
         }
         if (errno != ECONNREFUSED) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "%s cannot be probed: %s", rt.path.c_str(), std::strerror(errno));
+            KUV_LOG(kuv::LogLevel::Error, "%s cannot be probed: %s", rt.path.c_str(), std::strerror(errno));
             return false;
         }
-        PIPE_LOG(LOG_LEVEL_INFO, "start", "replacing stale socket %s", rt.path.c_str());
+        KUV_LOG(kuv::LogLevel::Info, "replacing stale socket %s", rt.path.c_str());
         ::unlink(rt.path.c_str());
     }
-    PIPE_LOG(LOG_LEVEL_ERROR, "start", "bind %s failed: address stays in use", rt.path.c_str());
+    KUV_LOG(kuv::LogLevel::Error, "bind %s failed: address stays in use", rt.path.c_str());
     return false;
 }
 
@@ -569,34 +557,34 @@ int CAfxPipeServer::start()
         std::string error;
         rt->path = kuv::runtimePath(m_impl->name, &error);
         if (rt->path.empty()) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "no socket for \"%s\": %s", m_impl->name.c_str(),
+            KUV_LOG(kuv::LogLevel::Error, "no socket for \"%s\": %s", m_impl->name.c_str(),
                      error.c_str());
             return 0;
         }
         const std::string runtimeNotice = kuv::runtimeDirNotice();
         if (!runtimeNotice.empty()) {
-            PIPE_LOG(LOG_LEVEL_WARN, "start", "%s", runtimeNotice.c_str());
+            KUV_LOG(kuv::LogLevel::Warn, "%s", runtimeNotice.c_str());
         }
         if (rt->path.size() >= sizeof(sockaddr_un::sun_path)) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "socket path %s is too long", rt->path.c_str());
+            KUV_LOG(kuv::LogLevel::Error, "socket path %s is too long", rt->path.c_str());
             return 0;
         }
         // Held while serving: a second server of the same name is refused before touching the socket.
         const std::string lockPath = rt->path + ".lock";
         rt->lock.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (rt->lock.get() < 0) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "cannot open %s: %s", lockPath.c_str(), std::strerror(errno));
+            KUV_LOG(kuv::LogLevel::Error, "cannot open %s: %s", lockPath.c_str(), std::strerror(errno));
             return 0;
         }
         if (::flock(rt->lock.get(), LOCK_EX | LOCK_NB) != 0) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "%s is served by a running process", rt->path.c_str());
+            KUV_LOG(kuv::LogLevel::Error, "%s is served by a running process", rt->path.c_str());
             return 0;
         }
         rt->listener.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         rt->epoll.reset(::epoll_create1(EPOLL_CLOEXEC));
         rt->wake.reset(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
         if (rt->listener.get() < 0 || rt->epoll.get() < 0 || rt->wake.get() < 0) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "cannot create descriptors: %s", std::strerror(errno));
+            KUV_LOG(kuv::LogLevel::Error, "cannot create descriptors: %s", std::strerror(errno));
             return 0;
         }
         rt->spare.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -604,7 +592,7 @@ int CAfxPipeServer::start()
             return 0;
         }
         if (::listen(rt->listener.get(), kBacklog) != 0) {
-            PIPE_LOG(LOG_LEVEL_ERROR, "start", "listen on %s failed: %s", rt->path.c_str(), std::strerror(errno));
+            KUV_LOG(kuv::LogLevel::Error, "listen on %s failed: %s", rt->path.c_str(), std::strerror(errno));
             ::unlink(rt->path.c_str());
             return 0;
         }
@@ -620,10 +608,10 @@ int CAfxPipeServer::start()
         rt->delivery = std::thread(&deliveryLoop, rt);
         rt->io = std::thread(&ioLoop, rt);
         m_impl->rt = rt;
-        PIPE_LOG(LOG_LEVEL_INFO, "start", "listening on %s", rt->path.c_str());
+        KUV_LOG(kuv::LogLevel::Info, "listening on %s", rt->path.c_str());
         return 1;
     } catch (const std::exception& e) {
-        PIPE_LOG(LOG_LEVEL_ERROR, "start", "start failed: %s", e.what());
+        KUV_LOG(kuv::LogLevel::Error, "start failed: %s", e.what());
         return 0;
     }
 }
@@ -650,9 +638,8 @@ void CAfxPipeServer::stop()
         rt->space.notify_all();
     }
     const uint64_t one = 1;
-    if (::write(rt->wake.get(), &one, sizeof one) < 0) {
-        // The eventfd cannot be full with one write; the loop sees the flag at its next wake anyway.
-    }
+    // The eventfd cannot be full with one write; the loop sees the flag at its next wake anyway.
+    (void)kuv::safeWrite(rt->wake.get(), &one, sizeof one);
     if (rt->io.joinable()) {
         rt->io.join();
     }

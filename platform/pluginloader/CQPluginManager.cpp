@@ -5,6 +5,7 @@
 #include <map>
 #include <mutex>
 #include <memory>
+#include <utility>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -15,19 +16,18 @@
 #include <QPluginLoader>
 #include <QWidget>
 
-#include "CLogDebug.h"
 #include "FileUtils.h"
 #include "IKuvGuiPlugin.h"
+#include "KuvLog.h"
 #include "PluginInfo.h"
 #include "PluginInitParas.h"
 
 using kuv::plugin::PluginInfo;
+using Reason = kuv::PluginLoadReason;
 
 namespace {
 
-const char* const kSource = "platform/pluginloader/CQPluginManager";
-
-#define PL_LOG(level, ...) CLogDebug::Instance()->LogPrint(level, kSource, __func__, __LINE__, __VA_ARGS__)
+KUV_LOG_SOURCE("platform/pluginloader/CQPluginManager");
 
 // Outside text (ids, paths, plugin messages) as bytes for a log record; the log escapes it.
 std::string esc(const QString& text)
@@ -35,8 +35,129 @@ std::string esc(const QString& text)
     return text.toStdString();
 }
 
+// The process-wide manager; its constructor and destructor are protected.
+class OwnedManager final : public CQPluginManager {
+public:
+    OwnedManager() : CQPluginManager(nullptr) {}
+};
+
 std::mutex g_instanceMutex;
-CQPluginManager* g_instance = nullptr;
+std::unique_ptr<OwnedManager> g_instance;
+
+// Why one step of a load stopped it; code None: go on.
+struct LoadFailure {
+    Reason code = Reason::None;
+    QString text;
+    bool failed() const { return code != Reason::None; }
+};
+
+// What a plugin handed back from a successful init.
+struct Created {
+    QObject* instance = nullptr;
+    IKuvGuiPlugin* plugin = nullptr;
+    QWidget* page = nullptr;
+    QString title;
+};
+
+QString libraryPath(const QString& root, const QString& library)
+{
+    QString path = root;
+    if (!path.isEmpty() && !path.endsWith(QLatin1Char('/'))) {
+        path += QLatin1Char('/');
+    }
+    return path + library;
+}
+
+// The library's Qt metadata against the GUI plugin interface and this process's Qt, before any of
+// its code runs.
+LoadFailure checkMetadata(QPluginLoader& loader, const PluginInfo& info, const QString& path)
+{
+    const QLatin1String expected(KUV_GUI_PLUGIN_IID);
+    const QJsonObject meta = loader.metaData();
+    if (meta.isEmpty()) {
+        return {Reason::NotAPlugin, QStringLiteral("[%1] is not a Qt plugin: %2").arg(path, loader.errorString())};
+    }
+    const QString iid = meta.value(QStringLiteral("IID")).toString();
+    if (iid != expected) {
+        return {Reason::WrongInterface, QStringLiteral("wrong IID [%1], expected [%2]").arg(iid, expected)};
+    }
+    if (info.iid != expected) {
+        return {Reason::BadDescription, QStringLiteral("description names IID [%1], expected [%2]").arg(info.iid, expected)};
+    }
+    const int builtWith = meta.value(QStringLiteral("version")).toInt();
+    const int runtime = QT_VERSION_CHECK(QT_VERSION_MAJOR, QT_VERSION_MINOR, QT_VERSION_PATCH);
+    if ((builtWith >> 16) != (runtime >> 16) || (builtWith & 0xFF00) > (runtime & 0xFF00)) {
+        return {Reason::QtVersionMismatch, QStringLiteral("built with Qt %1.%2.%3, this process runs Qt %4")
+                                               .arg(builtWith >> 16)
+                                               .arg((builtWith >> 8) & 0xFF)
+                                               .arg(builtWith & 0xFF)
+                                               .arg(QLatin1String(qVersion()))};
+    }
+    return {};
+}
+
+LoadFailure loadLibrary(QPluginLoader& loader, const QString& path)
+{
+    if (!loader.load()) {
+        return {Reason::LoadFailed, QStringLiteral("cannot load [%1]: %2").arg(path, loader.errorString())};
+    }
+    return {};
+}
+
+// The parameters a plugin gets: the caller's, with the plugin's GUID added when it has one.
+QVariant parasWithGuid(const QVariant& paras, const QString& guid)
+{
+    if (!paras.canConvert<sPluginInitParas>() || guid.isEmpty()) {
+        return paras;
+    }
+    sPluginInitParas p = paras.value<sPluginInitParas>();
+    if (!p.mapParas.contains(QStringLiteral("PluginGuid"))) {
+        p.mapParas.insert(QStringLiteral("PluginGuid"), guid);
+    }
+    return QVariant::fromValue(p);
+}
+
+// The plugin boundary: the instance is made and initialised, and nothing it throws reaches the event
+// loop. On failure a half-initialised plugin gets its uninit and its object is deleted.
+LoadFailure createPlugin(QPluginLoader& loader, const QVariant& paras, const QString& name, Created& out)
+{
+    std::unique_ptr<QObject> instance;
+    IKuvGuiPlugin* plugin = nullptr;
+    LoadFailure failure;
+    try {
+        instance.reset(loader.instance());
+        plugin = qobject_cast<IKuvGuiPlugin*>(instance.get());
+        if (!instance) {
+            failure = {Reason::NoInstance, QStringLiteral("no plugin instance: %1").arg(loader.errorString())};
+        } else if (plugin == nullptr) {
+            failure = {Reason::WrongInterface,
+                       QStringLiteral("instance does not implement %1").arg(QLatin1String(KUV_GUI_PLUGIN_IID))};
+        } else if (const int rc = plugin->init(paras); rc != 0) {
+            failure = {Reason::InitFailed, QStringLiteral("init returned %1").arg(rc)};
+        } else {
+            out.page = plugin->page();
+            out.title = plugin->title();
+        }
+    } catch (const std::exception& e) {
+        failure = {Reason::InitThrew, QStringLiteral("plugin threw: %1").arg(QString::fromLocal8Bit(e.what()))};
+    } catch (...) {
+        failure = {Reason::InitThrew, QStringLiteral("plugin threw an unknown exception")};
+    }
+    if (failure.failed()) {
+        if (plugin != nullptr) {
+            // Let a half-initialised plugin let go of what it took before its object goes.
+            try {
+                plugin->uninit();
+            } catch (...) {
+                KUV_LOG(kuv::LogLevel::Error, "plugin [%s]: uninit after a failed init threw", esc(name).c_str());
+            }
+        }
+        return failure;
+    }
+    out.plugin = plugin;
+    out.instance = instance.release();
+    return failure;
+}
 
 } // namespace
 
@@ -46,6 +167,7 @@ struct CQPluginManager::Impl {
         bool described = false;
         PluginState state = PLUGIN_KNOWN;
         QString reason;
+        Reason reasonCode = Reason::None;
         QString libraryPath; // canonical path of the loaded library
         // Kept for the life of the process: Qt plugin code is never unmapped.
         std::unique_ptr<QPluginLoader> loader;
@@ -53,7 +175,95 @@ struct CQPluginManager::Impl {
         IKuvGuiPlugin* plugin = nullptr;
         QPointer<QWidget> page;
         QString pageTitle;
+
+        // Forgets the plugin object (failed or unloaded); the loader stays.
+        void dropPlugin(PluginState next)
+        {
+            state = next;
+            plugin = nullptr;
+            instance = nullptr;
+            page = nullptr;
+            pageTitle.clear();
+        }
     };
+
+    enum class Start { Go, Unknown, AlreadyLoaded };
+
+    // Marks a described plugin as loading and hands out what the load needs.
+    Start beginLoad(const QString& name, PluginInfo& info, QString& root)
+    {
+        QMutexLocker lock(&mutex);
+        auto it = records.find(name);
+        if (it == records.end() || !it->second.described) {
+            return Start::Unknown;
+        }
+        if (it->second.state == PLUGIN_LOADED) {
+            return Start::AlreadyLoaded;
+        }
+        it->second.state = PLUGIN_LOADING;
+        it->second.reason.clear();
+        it->second.reasonCode = Reason::None;
+        info = it->second.info;
+        root = rootPath;
+        return Start::Go;
+    }
+
+    // The library must exist, and no other id may have it loaded: Qt keeps one instance per library,
+    // so two ids on one library would share (and delete) it.
+    LoadFailure resolveLibrary(const QString& name, const QString& path, QString& canonical)
+    {
+        const QFileInfo libInfo(path);
+        if (!libInfo.isFile()) {
+            return {Reason::NotFound, QStringLiteral("library [%1] does not exist").arg(path)};
+        }
+        canonical = libInfo.canonicalFilePath();
+        QMutexLocker lock(&mutex);
+        for (const auto& kv : records) {
+            if (kv.first != name && kv.second.state == PLUGIN_LOADED && kv.second.libraryPath == canonical) {
+                return {Reason::LibraryInUse,
+                        QStringLiteral("library [%1] is already in use by plugin [%2]").arg(path, kv.first)};
+            }
+        }
+        return {};
+    }
+
+    // The record's loader when it is for this library, else a new one.
+    std::unique_ptr<QPluginLoader> takeLoader(const QString& name, const QString& canonical)
+    {
+        std::unique_ptr<QPluginLoader> loader;
+        {
+            QMutexLocker lock(&mutex);
+            loader = std::move(records[name].loader);
+        }
+        if (!loader || loader->fileName() != canonical) {
+            loader = std::make_unique<QPluginLoader>(canonical);
+            loader->setLoadHints(QLibrary::PreventUnloadHint);
+        }
+        return loader;
+    }
+
+    // Back to the record whatever the load did: the loader must outlive any instance.
+    void keepLoader(const QString& name, std::unique_ptr<QPluginLoader> loader)
+    {
+        QMutexLocker lock(&mutex);
+        records[name].loader = std::move(loader);
+    }
+
+    void markLoaded(const QString& name, const QString& canonical, const Created& created)
+    {
+        QMutexLocker lock(&mutex);
+        Record& rec = records[name];
+        rec.state = PLUGIN_LOADED;
+        rec.reason.clear();
+        rec.reasonCode = Reason::None;
+        rec.libraryPath = canonical;
+        rec.instance = created.instance;
+        rec.plugin = created.plugin;
+        rec.page = created.page;
+        rec.pageTitle = created.title;
+        loadOrder.removeAll(name);
+        loadOrder.append(name);
+    }
 
     mutable QMutex mutex; // guards everything below; plugin code is never called while holding it
     QString rootPath;
@@ -66,20 +276,22 @@ struct CQPluginManager::Impl {
 CQPluginManager* CQPluginManager::singleInstance()
 {
     std::lock_guard<std::mutex> lock(g_instanceMutex);
-    if (g_instance == nullptr) {
-        g_instance = new CQPluginManager(nullptr);
+    if (!g_instance) {
+        g_instance = std::make_unique<OwnedManager>();
     }
-    return g_instance;
+    return g_instance.get();
 }
 
 void CQPluginManager::UninitInstance()
 {
-    std::lock_guard<std::mutex> lock(g_instanceMutex);
-    delete g_instance;
-    g_instance = nullptr;
+    std::unique_ptr<OwnedManager> gone;
+    {
+        std::lock_guard<std::mutex> lock(g_instanceMutex);
+        gone = std::move(g_instance);
+    }
 }
 
-CQPluginManager::CQPluginManager(QObject* parent) : QObject(parent), m_impl(new Impl)
+CQPluginManager::CQPluginManager(QObject* parent) : QObject(parent), m_impl(std::make_unique<Impl>())
 {
     qRegisterMetaType<sPluginInitParas>("sPluginInitParas");
 }
@@ -95,7 +307,6 @@ CQPluginManager::~CQPluginManager()
     for (auto it = order.crbegin(); it != order.crend(); ++it) {
         unloadNow(*it, false);
     }
-    delete m_impl;
 }
 
 void CQPluginManager::setPluginRelativeRootPath(const QString& root)
@@ -119,7 +330,7 @@ int CQPluginManager::loadAllPluginInfo()
     }
     QDir dir(configPath);
     if (configPath.isEmpty() || !dir.exists()) {
-        PL_LOG(LOG_LEVEL_WARN, "plugin configuration path [%s] does not exist", esc(configPath).c_str());
+        KUV_LOG(kuv::LogLevel::Warn, "plugin configuration path [%s] does not exist", esc(configPath).c_str());
         return 0;
     }
     // Name order, so that which of two files naming one id wins does not depend on the file system.
@@ -131,11 +342,11 @@ int CQPluginManager::loadAllPluginInfo()
         QString reason;
         const QString path = entry.absoluteFilePath();
         if (!kuv::plugin::readPluginInfo(path, info, reason)) {
-            PL_LOG(LOG_LEVEL_ERROR, "plugin description [%s] skipped: %s", esc(path).c_str(), esc(reason).c_str());
+            KUV_LOG(kuv::LogLevel::Error, "plugin description [%s] skipped: %s", esc(path).c_str(), esc(reason).c_str());
             continue;
         }
         if (found.count(info.id) != 0) {
-            PL_LOG(LOG_LEVEL_ERROR, "plugin description [%s] skipped: id [%s] already described by [%s]",
+            KUV_LOG(kuv::LogLevel::Error, "plugin description [%s] skipped: id [%s] already described by [%s]",
                    esc(path).c_str(), esc(info.id).c_str(), esc(found[info.id].file).c_str());
             continue;
         }
@@ -162,7 +373,7 @@ int CQPluginManager::loadAllPluginInfo()
     }
     const int count = static_cast<int>(found.size());
     lock.unlock();
-    PL_LOG(LOG_LEVEL_INFO, "read %d plugin description(s) from [%s]", count, esc(configPath).c_str());
+    KUV_LOG(kuv::LogLevel::Info, "read %d plugin description(s) from [%s]", count, esc(configPath).c_str());
     return count;
 }
 
@@ -172,7 +383,7 @@ int CQPluginManager::installPluginAsyn(const QString& name, const QVariant& para
     const bool queued = QMetaObject::invokeMethod(
         this, [this, name, paras]() { loadNow(name, paras); }, Qt::QueuedConnection);
     if (!queued) {
-        PL_LOG(LOG_LEVEL_ERROR, "plugin [%s]: load could not be queued", esc(name).c_str());
+        KUV_LOG(kuv::LogLevel::Error, "plugin [%s]: load could not be queued", esc(name).c_str());
         return -1;
     }
     return 0;
@@ -191,7 +402,7 @@ int CQPluginManager::unstallPluginAsyn(const QString& name)
         Qt::QueuedConnection);
     if (!queued) {
         m_impl->pending.fetch_sub(1);
-        PL_LOG(LOG_LEVEL_ERROR, "plugin [%s]: unload could not be queued", esc(name).c_str());
+        KUV_LOG(kuv::LogLevel::Error, "plugin [%s]: unload could not be queued", esc(name).c_str());
         return -1;
     }
     return 0;
@@ -209,7 +420,7 @@ int CQPluginManager::unstallAllPlugin()
                 QMutexLocker lock(&m_impl->mutex);
                 order = m_impl->loadOrder;
             }
-            PL_LOG(LOG_LEVEL_INFO, "unloading all %d plugin(s)", static_cast<int>(order.size()));
+            KUV_LOG(kuv::LogLevel::Info, "unloading all %d plugin(s)", static_cast<int>(order.size()));
             for (auto it = order.crbegin(); it != order.crend(); ++it) {
                 m_impl->pending.fetch_add(1);
                 const int result = unloadNow(*it, true);
@@ -221,7 +432,7 @@ int CQPluginManager::unstallAllPlugin()
         Qt::QueuedConnection);
     if (!queued) {
         m_impl->pending.fetch_sub(1);
-        PL_LOG(LOG_LEVEL_ERROR, "unloading all plugins could not be queued");
+        KUV_LOG(kuv::LogLevel::Error, "unloading all plugins could not be queued");
         return -1;
     }
     return 0;
@@ -240,6 +451,7 @@ QList<CQPluginManager::PluginStatus> CQPluginManager::pluginStatus() const
         s.guid = rec.info.guid;
         s.state = rec.state;
         s.reason = rec.reason;
+        s.reasonCode = rec.reasonCode;
         s.pageTitle = rec.pageTitle;
         s.page = rec.page;
         out.append(s);
@@ -258,18 +470,16 @@ QStringList CQPluginManager::loadedPlugins() const
     return m_impl->loadOrder;
 }
 
-void CQPluginManager::markFailed(const QString& name, const QString& reason)
+void CQPluginManager::markFailed(const QString& name, Reason code, const QString& reason)
 {
     {
         QMutexLocker lock(&m_impl->mutex);
         Impl::Record& rec = m_impl->records[name];
-        rec.state = PLUGIN_FAILED;
+        rec.dropPlugin(PLUGIN_FAILED);
         rec.reason = reason;
-        rec.plugin = nullptr;
-        rec.page = nullptr;
-        rec.pageTitle.clear();
+        rec.reasonCode = code;
     }
-    PL_LOG(LOG_LEVEL_ERROR, "plugin [%s] failed to load: %s", esc(name).c_str(), esc(reason).c_str());
+    KUV_LOG(kuv::LogLevel::Error, "plugin [%s] failed to load: %s", esc(name).c_str(), esc(reason).c_str());
     emit sig_pluginStateChanged(name);
 }
 
@@ -277,165 +487,40 @@ void CQPluginManager::loadNow(const QString& name, const QVariant& paras)
 {
     PluginInfo info;
     QString root;
-    {
-        QMutexLocker lock(&m_impl->mutex);
-        auto it = m_impl->records.find(name);
-        if (it == m_impl->records.end() || !it->second.described) {
-            lock.unlock();
-            markFailed(name, QStringLiteral("unknown plugin id"));
-            return;
-        }
-        if (it->second.state == PLUGIN_LOADED) {
-            lock.unlock();
-            PL_LOG(LOG_LEVEL_WARN, "plugin [%s] is already loaded; request ignored", esc(name).c_str());
-            return;
-        }
-        it->second.state = PLUGIN_LOADING;
-        it->second.reason.clear();
-        info = it->second.info;
-        root = m_impl->rootPath;
+    switch (m_impl->beginLoad(name, info, root)) {
+    case Impl::Start::Unknown:
+        markFailed(name, Reason::UnknownId, QStringLiteral("unknown plugin id"));
+        return;
+    case Impl::Start::AlreadyLoaded:
+        KUV_LOG(kuv::LogLevel::Warn, "plugin [%s] is already loaded; request ignored", esc(name).c_str());
+        return;
+    case Impl::Start::Go:
+        break;
     }
-
-    QString path = root;
-    if (!path.isEmpty() && !path.endsWith(QLatin1Char('/'))) {
-        path += QLatin1Char('/');
-    }
-    path += info.library;
-    const QFileInfo libInfo(path);
-    if (!libInfo.isFile()) {
-        markFailed(name, QStringLiteral("library [%1] does not exist").arg(path));
+    const QString path = libraryPath(root, info.library);
+    QString canonical;
+    LoadFailure failure = m_impl->resolveLibrary(name, path, canonical);
+    if (failure.failed()) {
+        markFailed(name, failure.code, failure.text);
         return;
     }
-    const QString canonical = libInfo.canonicalFilePath();
-    {
-        // Qt keeps one instance per library; two ids on one library would share (and delete) it.
-        QMutexLocker lock(&m_impl->mutex);
-        for (const auto& kv : m_impl->records) {
-            if (kv.first != name && kv.second.state == PLUGIN_LOADED && kv.second.libraryPath == canonical) {
-                const QString other = kv.first;
-                lock.unlock();
-                markFailed(name, QStringLiteral("library [%1] is already in use by plugin [%2]").arg(path, other));
-                return;
-            }
-        }
+    std::unique_ptr<QPluginLoader> loader = m_impl->takeLoader(name, canonical);
+    Created created;
+    failure = checkMetadata(*loader, info, path);
+    if (!failure.failed()) {
+        failure = loadLibrary(*loader, path);
     }
-
-    std::unique_ptr<QPluginLoader> loader;
-    {
-        QMutexLocker lock(&m_impl->mutex);
-        loader = std::move(m_impl->records[name].loader);
+    if (!failure.failed()) {
+        failure = createPlugin(*loader, parasWithGuid(paras, info.guid), name, created);
     }
-    if (!loader || loader->fileName() != canonical) {
-        loader = std::make_unique<QPluginLoader>(canonical);
-        loader->setLoadHints(QLibrary::PreventUnloadHint);
-    }
-    // Hand the loader back to the record whatever happens below: it must outlive any instance.
-    struct KeepLoader {
-        Impl* impl;
-        QString name;
-        std::unique_ptr<QPluginLoader>& loader;
-        ~KeepLoader()
-        {
-            QMutexLocker lock(&impl->mutex);
-            impl->records[name].loader = std::move(loader);
-        }
-    } keep{m_impl, name, loader};
-
-    const QJsonObject meta = loader->metaData();
-    if (meta.isEmpty()) {
-        markFailed(name, QStringLiteral("[%1] is not a Qt plugin: %2").arg(path, loader->errorString()));
+    m_impl->keepLoader(name, std::move(loader));
+    if (failure.failed()) {
+        markFailed(name, failure.code, failure.text);
         return;
     }
-    const QString iid = meta.value(QStringLiteral("IID")).toString();
-    if (iid != QLatin1String(KUV_GUI_PLUGIN_IID)) {
-        markFailed(name, QStringLiteral("wrong IID [%1], expected [%2]").arg(iid, QLatin1String(KUV_GUI_PLUGIN_IID)));
-        return;
-    }
-    if (info.iid != QLatin1String(KUV_GUI_PLUGIN_IID)) {
-        markFailed(name, QStringLiteral("description names IID [%1], expected [%2]")
-                             .arg(info.iid, QLatin1String(KUV_GUI_PLUGIN_IID)));
-        return;
-    }
-    const int builtWith = meta.value(QStringLiteral("version")).toInt();
-    const int runtime = QT_VERSION_CHECK(QT_VERSION_MAJOR, QT_VERSION_MINOR, QT_VERSION_PATCH);
-    if ((builtWith >> 16) != (runtime >> 16) || (builtWith & 0xFF00) > (runtime & 0xFF00)) {
-        markFailed(name, QStringLiteral("built with Qt %1.%2.%3, this process runs Qt %4")
-                             .arg(builtWith >> 16)
-                             .arg((builtWith >> 8) & 0xFF)
-                             .arg(builtWith & 0xFF)
-                             .arg(QLatin1String(qVersion())));
-        return;
-    }
-    if (!loader->load()) {
-        markFailed(name, QStringLiteral("cannot load [%1]: %2").arg(path, loader->errorString()));
-        return;
-    }
-    QObject* instance = nullptr;
-    IKuvGuiPlugin* plugin = nullptr;
-    QVariant handed = paras;
-    if (paras.canConvert<sPluginInitParas>() && !info.guid.isEmpty()) {
-        sPluginInitParas p = paras.value<sPluginInitParas>();
-        if (!p.mapParas.contains(QStringLiteral("PluginGuid"))) {
-            p.mapParas.insert(QStringLiteral("PluginGuid"), info.guid);
-        }
-        handed = QVariant::fromValue(p);
-    }
-    int rc = -1;
-    QString failure;
-    QWidget* page = nullptr;
-    QString title;
-    // The plugin boundary: nothing a plugin throws reaches the event loop.
-    try {
-        instance = loader->instance();
-        plugin = qobject_cast<IKuvGuiPlugin*>(instance);
-        if (instance == nullptr) {
-            failure = QStringLiteral("no plugin instance: %1").arg(loader->errorString());
-        } else if (plugin == nullptr) {
-            failure = QStringLiteral("instance does not implement %1").arg(QLatin1String(KUV_GUI_PLUGIN_IID));
-        } else {
-            rc = plugin->init(handed);
-            if (rc != 0) {
-                failure = QStringLiteral("init returned %1").arg(rc);
-            } else {
-                page = plugin->page();
-                title = plugin->title();
-            }
-        }
-    } catch (const std::exception& e) {
-        failure = QStringLiteral("plugin threw: %1").arg(QString::fromLocal8Bit(e.what()));
-        rc = -1;
-    } catch (...) {
-        failure = QStringLiteral("plugin threw an unknown exception");
-        rc = -1;
-    }
-    if (!failure.isEmpty()) {
-        if (plugin != nullptr) {
-            // Let a half-initialised plugin let go of what it took before its object goes.
-            try {
-                plugin->uninit();
-            } catch (...) {
-                PL_LOG(LOG_LEVEL_ERROR, "plugin [%s]: uninit after a failed init threw", esc(name).c_str());
-            }
-        }
-        delete instance;
-        markFailed(name, failure);
-        return;
-    }
-    {
-        QMutexLocker lock(&m_impl->mutex);
-        Impl::Record& rec = m_impl->records[name];
-        rec.state = PLUGIN_LOADED;
-        rec.reason.clear();
-        rec.libraryPath = canonical;
-        rec.instance = instance;
-        rec.plugin = plugin;
-        rec.page = page;
-        rec.pageTitle = title;
-        m_impl->loadOrder.removeAll(name);
-        m_impl->loadOrder.append(name);
-    }
-    PL_LOG(LOG_LEVEL_INFO, "plugin [%s] loaded from [%s], version [%s]", esc(name).c_str(), esc(path).c_str(),
-           esc(info.version).c_str());
+    m_impl->markLoaded(name, canonical, created);
+    KUV_LOG(kuv::LogLevel::Info, "plugin [%s] loaded from [%s], version [%s]", esc(name).c_str(), esc(path).c_str(),
+            esc(info.version).c_str());
     emit sig_pluginStateChanged(name);
 }
 
@@ -449,7 +534,7 @@ int CQPluginManager::unloadNow(const QString& name, bool announce)
         auto it = m_impl->records.find(name);
         if (it == m_impl->records.end() || it->second.state != PLUGIN_LOADED) {
             lock.unlock();
-            PL_LOG(LOG_LEVEL_WARN, "plugin [%s] is not loaded; nothing to unload", esc(name).c_str());
+            KUV_LOG(kuv::LogLevel::Warn, "plugin [%s] is not loaded; nothing to unload", esc(name).c_str());
             return -1;
         }
         plugin = it->second.plugin;
@@ -460,27 +545,25 @@ int CQPluginManager::unloadNow(const QString& name, bool announce)
     try {
         plugin->uninit();
     } catch (const std::exception& e) {
-        PL_LOG(LOG_LEVEL_ERROR, "plugin [%s]: uninit threw: %s", esc(name).c_str(), esc(QString::fromLocal8Bit(e.what())).c_str());
+        KUV_LOG(kuv::LogLevel::Error, "plugin [%s]: uninit threw: %s", esc(name).c_str(),
+                esc(QString::fromLocal8Bit(e.what())).c_str());
         result = -2;
     } catch (...) {
-        PL_LOG(LOG_LEVEL_ERROR, "plugin [%s]: uninit threw an unknown exception", esc(name).c_str());
+        KUV_LOG(kuv::LogLevel::Error, "plugin [%s]: uninit threw an unknown exception", esc(name).c_str());
         result = -2;
     }
-    // A page the plugin left behind must not outlive the object that drives it.
-    delete page.data();
-    delete instance.data();
+    // A page the plugin left behind must not outlive the object that drives it. The guards are read
+    // one after the other: deleting the page may already have taken the instance with it.
+    std::unique_ptr<QWidget>(page.data()).reset();
+    std::unique_ptr<QObject>(instance.data()).reset();
     {
         QMutexLocker lock(&m_impl->mutex);
         Impl::Record& rec = m_impl->records[name];
-        rec.state = PLUGIN_UNLOADED;
-        rec.plugin = nullptr;
-        rec.instance = nullptr;
-        rec.page = nullptr;
-        rec.pageTitle.clear();
+        rec.dropPlugin(PLUGIN_UNLOADED);
         rec.libraryPath.clear();
         m_impl->loadOrder.removeAll(name);
     }
-    PL_LOG(LOG_LEVEL_INFO, "plugin [%s] unloaded, result %d", esc(name).c_str(), result);
+    KUV_LOG(kuv::LogLevel::Info, "plugin [%s] unloaded, result %d", esc(name).c_str(), result);
     if (announce) {
         emit sig_pluginStateChanged(name);
     }

@@ -11,6 +11,9 @@
 #include <QFileInfo>
 
 #include "CppJson.h"
+#include "FileUtils.h"
+#include "SafeIo.h"
+#include "UniqueFd.h"
 
 namespace kuv {
 namespace plugin {
@@ -70,20 +73,16 @@ bool readPluginInfo(const QString& path, PluginInfo& info, QString& reason)
 {
     // Opened once, without following a link and without waiting on a FIFO; the checks are made on
     // what was opened, so nothing can be swapped in between.
-    const QByteArray native = QFile::encodeName(path);
-    const int fd = ::open(native.constData(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
-        reason = errno == ELOOP ? QStringLiteral("is a symbolic link")
-                                : QStringLiteral("cannot be read: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
-        return false;
-    }
-    struct FdCloser {
-        int fd;
-        ~FdCloser() { ::close(fd); }
-    } closer{fd};
     struct stat st;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        reason = QStringLiteral("is not a regular file");
+    const kuv::UniqueFd fd = kuv::openNoFollow(QFile::encodeName(path).toStdString(), O_RDONLY, 0, &st);
+    if (!fd.valid()) {
+        if (errno == ELOOP) {
+            reason = QStringLiteral("is a symbolic link");
+        } else if (errno == EINVAL) {
+            reason = QStringLiteral("is not a regular file");
+        } else {
+            reason = QStringLiteral("cannot be read: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
+        }
         return false;
     }
     if (st.st_size > kMaxInfoFileBytes) {
@@ -91,26 +90,17 @@ bool readPluginInfo(const QString& path, PluginInfo& info, QString& reason)
         return false;
     }
     // Read one byte past the cap so a file that grew after the size check is still refused.
-    QByteArray content;
-    char chunk[4096];
-    for (;;) {
-        const ssize_t n = ::read(fd, chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            reason = QStringLiteral("cannot be read: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
-            return false;
-        }
-        if (n == 0) {
-            break;
-        }
-        content.append(chunk, static_cast<int>(n));
-        if (content.size() > kMaxInfoFileBytes) {
-            reason = QStringLiteral("is larger than %1 bytes").arg(kMaxInfoFileBytes);
-            return false;
-        }
+    QByteArray content(static_cast<int>(kMaxInfoFileBytes + 1), '\0');
+    const ssize_t n = kuv::safeRead(fd.get(), content.data(), static_cast<size_t>(content.size()));
+    if (n < 0) {
+        reason = QStringLiteral("cannot be read: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
     }
+    if (n > kMaxInfoFileBytes) {
+        reason = QStringLiteral("is larger than %1 bytes").arg(kMaxInfoFileBytes);
+        return false;
+    }
+    content.truncate(static_cast<int>(n));
     Json::Value root;
     if (!CppJson::LoadJsonString(content.toStdString(), root)) {
         reason = QStringLiteral("is not valid JSON");

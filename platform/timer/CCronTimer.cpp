@@ -4,15 +4,18 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -195,9 +198,10 @@ long timerScale()
     if (env == nullptr || env[0] == '\0') {
         return 1;
     }
-    char* end = nullptr;
-    const long v = std::strtol(env, &end, 10);
-    return (end != nullptr && *end == '\0' && v >= 1 && v <= 1000000) ? v : 1;
+    const char* end = env + std::strlen(env);
+    long v = 0;
+    const auto [stop, ec] = std::from_chars(env, end, v);
+    return (ec == std::errc() && stop == end && v >= 1 && v <= 1000000) ? v : 1;
 }
 
 class CronTimerService final : public CCronTimerInterface {
@@ -319,26 +323,23 @@ private:
     std::shared_ptr<State> m_state;
 };
 
-// Plain statics with trivial destructors: usable at any point of process exit.
+// Plain statics with trivial destructors: usable at any point of process exit. g_instance only
+// points at the service; whoever takes it out owns it.
 std::mutex g_mutex;
 CronTimerService* g_instance = nullptr;
 bool g_exitHookSet = false;
 
-CronTimerService* takeInstance()
+std::unique_ptr<CronTimerService> takeInstance()
 {
     std::lock_guard<std::mutex> lock(g_mutex);
-    CronTimerService* s = g_instance;
-    g_instance = nullptr;
-    return s;
+    return std::unique_ptr<CronTimerService>(std::exchange(g_instance, nullptr));
 }
 
 // Runs at exit before the statics of anything created later are gone; never waits long.
 void exitHook()
 {
-    CronTimerService* s = takeInstance();
-    if (s != nullptr) {
+    if (const auto s = takeInstance()) {
         s->shutdown(true);
-        delete s;
     }
 }
 
@@ -349,7 +350,7 @@ CCronTimerInterface* CCronTimerInterface::singleInstance()
     std::lock_guard<std::mutex> lock(g_mutex);
     if (g_instance == nullptr) {
         try {
-            g_instance = new CronTimerService();
+            g_instance = std::make_unique<CronTimerService>().release();
         } catch (...) {
             return nullptr;
         }
@@ -362,10 +363,8 @@ CCronTimerInterface* CCronTimerInterface::singleInstance()
 
 void CCronTimerInterface::UninitInstance()
 {
-    CronTimerService* s = takeInstance();
-    if (s != nullptr) {
+    if (const auto s = takeInstance()) {
         s->shutdown(false);
-        delete s;
     }
 }
 

@@ -17,6 +17,7 @@
 #include <sstream>
 #include <string>
 
+#include "CppJson.h"
 #include "FileUtils.h"
 #include "IMervoConfig.h"
 
@@ -158,20 +159,9 @@ void Config::load()
     }
     in.close();
 
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    builder["failIfExtra"] = true;
-    builder["stackLimit"] = 64;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
     std::string why;
-    bool parsed = false;
-    try {
-        parsed = reader->parse(text.data(), text.data() + text.size(), &root, &why);
-    } catch (const std::exception& e) {
-        why = e.what();
-    }
-    if (!parsed) {
+    if (!kuv::parseJsonStrict(text.data(), text.data() + text.size(), root, why, true)) {
         while (!why.empty() && (why.back() == '\n' || why.back() == ' ')) {
             why.pop_back();
         }

@@ -83,7 +83,7 @@ CAfxPipeClient::~CAfxPipeClient() = default;
 int CAfxPipeClient::async(const char* data, unsigned long size)
 {
     // No connection is ever kept by the double.
-    m_nFd = -1;
+    m_nFd.reset();
     fake::record("pipe.async " + m_strName + " " + std::to_string(size));
     std::lock_guard<std::mutex> lock(g_mutex);
     g_sends.push_back({m_strName, std::string(data, size)});

@@ -37,12 +37,9 @@ void resetLoader()
 fake::ResetHook g_hook(&resetLoader);
 } // namespace
 
-CQPluginManager::CQPluginManager(QObject* parent) : QObject(parent), m_impl(new Impl) {}
+CQPluginManager::CQPluginManager(QObject* parent) : QObject(parent), m_impl(std::make_unique<Impl>()) {}
 
-CQPluginManager::~CQPluginManager()
-{
-    delete m_impl;
-}
+CQPluginManager::~CQPluginManager() = default;
 
 CQPluginManager* CQPluginManager::singleInstance()
 {

@@ -8,19 +8,17 @@
 #include <string>
 
 #include "CppJson.h"
+#include "TempDir.h"
 
 namespace {
 
-std::string tempFile(const std::string& content)
+// A file with content in a private directory that goes with the returned owner.
+kuv::test::TempDir tempFile(const std::string& content, std::string& path)
 {
-    char path[] = "/tmp/kuvjson.XXXXXX";
-    const int fd = mkstemp(path);
-    EXPECT_GE(fd, 0);
-    if (fd >= 0) {
-        EXPECT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-        close(fd);
-    }
-    return path;
+    kuv::test::TempDir dir("kuvjson");
+    path = dir / "file.json";
+    std::ofstream(path, std::ios::binary) << content;
+    return dir;
 }
 
 } // namespace
@@ -42,33 +40,30 @@ TEST(CppJson, LoadJsonFileNullOrEmptyPathLeavesValueUntouched)
 
 TEST(CppJson, LoadJsonFileReadsObjectWithComments)
 {
-    const std::string path = tempFile("// log settings\n{\"log_level\": 2, /* inline */ \"log_size\": 10}\n");
+    std::string path;
+    const auto dir = tempFile("// log settings\n{\"log_level\": 2, /* inline */ \"log_size\": 10}\n", path);
     Json::Value value;
     EXPECT_TRUE(CppJson::LoadJsonFile(path.c_str(), value));
     EXPECT_EQ(value["log_level"].asInt(), 2);
     EXPECT_EQ(value["log_size"].asInt(), 10);
-    unlink(path.c_str());
 }
 
 TEST(CppJson, LoadJsonFileReadsOnlyRegularFiles)
 {
-    char dir[] = "/tmp/kuvjson-XXXXXX";
-    ASSERT_NE(::mkdtemp(dir), nullptr);
-    const std::string fifo = std::string(dir) + "/fifo.json";
+    kuv::test::TempDir tmp("kuvjson");
+    const std::string dir = tmp.path();
+    const std::string fifo = dir + "/fifo.json";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     Json::Value value;
     // Returns at once: nobody will ever write to the FIFO.
     EXPECT_FALSE(CppJson::LoadJsonFile(fifo.c_str(), value));
-    EXPECT_FALSE(CppJson::LoadJsonFile(dir, value));
-    const std::string big = std::string(dir) + "/big.json";
+    EXPECT_FALSE(CppJson::LoadJsonFile(dir.c_str(), value));
+    const std::string big = dir + "/big.json";
     {
         std::ofstream out(big);
         out << "[" << std::string(5 * 1024 * 1024, ' ') << "]";
     }
     EXPECT_FALSE(CppJson::LoadJsonFile(big.c_str(), value));
-    ::unlink(fifo.c_str());
-    ::unlink(big.c_str());
-    ::rmdir(dir);
 }
 
 TEST(CppJson, LoadJsonStringEmptyLeavesValueUntouched)
@@ -153,9 +148,9 @@ TEST(CppJsonHostile, DeepNestingFailsWithoutCrashing)
     objects += "1";
     objects.append(depth, '}');
     EXPECT_FALSE(CppJson::LoadJsonString(objects, value));
-    const std::string path = tempFile(text);
+    std::string path;
+    const auto dir = tempFile(text, path);
     EXPECT_FALSE(CppJson::LoadJsonFile(path.c_str(), value));
-    unlink(path.c_str());
 }
 
 TEST(CppJsonHostile, ModerateNestingStillParses)
@@ -212,3 +207,34 @@ TEST(CppJsonHostile, FiftyMebibyteStringRoundTrips)
     // Truncated in the middle of the big string.
     EXPECT_FALSE(CppJson::LoadJsonString(text.substr(0, 30u << 20), value));
 }
+
+// kuv::parseJsonStrict: what the settings readers accept.
+struct StrictCase {
+    const char* name;
+    std::string text;
+    bool failIfExtra;
+    bool parses;
+};
+
+class ParseJsonStrict : public ::testing::TestWithParam<StrictCase> {};
+
+TEST_P(ParseJsonStrict, AcceptsOrSaysWhy)
+{
+    const StrictCase& c = GetParam();
+    Json::Value root;
+    std::string why;
+    EXPECT_EQ(kuv::parseJsonStrict(c.text.data(), c.text.data() + c.text.size(), root, why, c.failIfExtra), c.parses)
+        << why;
+    EXPECT_EQ(why.empty(), c.parses) << why;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ParseJsonStrict,
+    ::testing::Values(StrictCase{"object", R"({"settings": {"a": "1"}})", true, true},
+                      StrictCase{"comments", "// note\n{\"a\": /* x */ 1}", true, true},
+                      StrictCase{"extraRefused", R"({"a": 1} {"b": 2})", true, false},
+                      StrictCase{"extraAllowed", R"({"a": 1} {"b": 2})", false, true},
+                      StrictCase{"truncated", R"({"a": )", false, false},
+                      StrictCase{"nestingWithinLimit", std::string(60, '[') + std::string(60, ']'), true, true},
+                      StrictCase{"nestingBeyondLimit", std::string(100, '[') + std::string(100, ']'), true, false}),
+    [](const ::testing::TestParamInfo<StrictCase>& info) { return std::string(info.param.name); });

@@ -9,9 +9,10 @@
 #include "ConstConfig.h"
 #include "CppJson.h"
 #include "KuvTestDir.h"
+#include "TempDir.h"
 
 using kuvtest::ScopedEnv;
-using kuvtest::TempDir;
+using kuv::test::TempDir;
 
 class ConfigModuleTest : public ::testing::Test {
 protected:

@@ -1,15 +1,17 @@
 // libconfigproxy.so through its C entry points, as the service's proxy loads it.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-#include <dlfcn.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 
 #include "Harness.h"
+#include "TempDir.h"
 #include "IMervoConfig.h"
+#include "Library.h"
 
 namespace {
 
@@ -20,19 +22,12 @@ protected:
     void SetUp() override
     {
         unsetenv("KUV_CONFIG_DIR");
-        handle = dlopen(KUV_CONFIGPROXY_MODULE, RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(handle, nullptr) << dlerror();
-        create = reinterpret_cast<PFN_CFGCreateInstance>(dlsym(handle, "CFGCreateInstance"));
-        release = reinterpret_cast<PFN_CFGRelease>(dlsym(handle, "CFGRelease"));
+        ASSERT_TRUE(module.load()) << module.error();
+        create = module.resolveAs<PFN_CFGCreateInstance>("CFGCreateInstance");
+        release = module.resolveAs<PFN_CFGRelease>("CFGRelease");
         ASSERT_NE(create, nullptr);
         ASSERT_NE(release, nullptr);
         dir = tmp.path() + "/";
-    }
-    void TearDown() override
-    {
-        if (handle != nullptr) {
-            dlclose(handle);
-        }
     }
     IMervoConfig* open(const std::string& path, const char* guid = kGuid)
     {
@@ -45,22 +40,19 @@ protected:
     std::vector<std::string> corruptCopies() const
     {
         std::vector<std::string> out;
-        DIR* d = opendir((dir + "etc/config").c_str());
-        if (d == nullptr) {
-            return out;
-        }
-        while (dirent* e = readdir(d)) {
-            if (std::string(e->d_name).find(".corrupt-") != std::string::npos) {
-                out.push_back(e->d_name);
+        std::error_code ec;
+        for (const auto& entry : std::filesystem::directory_iterator(dir + "etc/config", ec)) {
+            const std::string name = entry.path().filename().string();
+            if (name.find(".corrupt-") != std::string::npos) {
+                out.push_back(name);
             }
         }
-        closedir(d);
         return out;
     }
 
-    kuvtest::TempDir tmp{"cfgproxy"};
+    kuv::test::TempDir tmp{"cfgproxy"};
     std::string dir;
-    void* handle = nullptr;
+    kuv::Library module{KUV_CONFIGPROXY_MODULE};
     PFN_CFGCreateInstance create = nullptr;
     PFN_CFGRelease release = nullptr;
 };
@@ -180,7 +172,7 @@ TEST_F(ConfigProxy, OneObjectPerGuidReleasedByGuid)
     IMervoConfig* other = open(dir, "0F0E0D0C-0000-1111-2222-333344445555");
     ASSERT_NE(other, nullptr);
     EXPECT_NE(other, first);
-    kuvtest::TempDir elsewhere("cfgother");
+    kuv::test::TempDir elsewhere("cfgother");
     EXPECT_EQ(open(elsewhere.path() + "/"), nullptr) << "the GUID is open with another directory";
 
     EXPECT_EQ(set(first, "k", "v"), CFG_OK);
@@ -227,7 +219,7 @@ TEST_F(ConfigProxy, BadArgumentsAreRefused)
 
 TEST_F(ConfigProxy, ConfigDirectoryFromTheEnvironment)
 {
-    kuvtest::TempDir conf("cfgenv");
+    kuv::test::TempDir conf("cfgenv");
     setenv("KUV_CONFIG_DIR", conf.path().c_str(), 1);
     IMervoConfig* config = open(dir);
     ASSERT_NE(config, nullptr);

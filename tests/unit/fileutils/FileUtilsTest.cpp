@@ -1,18 +1,22 @@
 // CFile, CFileInfo, CDir and CStr against the real file system.
 #include <dirent.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <list>
 
 #include <gtest/gtest.h>
 
 #include "FileUtils.h"
 #include "KuvTestDir.h"
+#include "TempDir.h"
 
-using kuvtest::TempDir;
+using kuv::test::TempDir;
 
 TEST(CFileTest, CreateWriteReadRemove)
 {
@@ -184,4 +188,71 @@ TEST(CStrTest, CaseAndTrim)
     EXPECT_EQ(CStr::trim("  \t a b \r\n"), "a b");
     EXPECT_EQ(CStr::trim(" \n "), "");
     EXPECT_EQ(CStr::trim(""), "");
+}
+
+// What kuv::openNoFollow refuses, and the errno that says why.
+struct RefusedOpen {
+    const char* name;
+    int flags;
+    int error;
+};
+
+class OpenNoFollowRefuses : public ::testing::TestWithParam<RefusedOpen> {};
+
+TEST_P(OpenNoFollowRefuses, WithoutBlockingOrFollowing)
+{
+    TempDir dir;
+    kuvtest::writeFile(dir / "target", "kept");
+    ASSERT_EQ(::symlink((dir / "target").c_str(), (dir / "link").c_str()), 0);
+    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+    ASSERT_EQ(::mkdir((dir / "sub").c_str(), 0700), 0);
+
+    const RefusedOpen& c = GetParam();
+    errno = 0;
+    const kuv::UniqueFd fd = kuv::openNoFollow(dir / c.name, c.flags);
+    EXPECT_FALSE(fd.valid());
+    EXPECT_EQ(errno, c.error) << std::strerror(errno);
+    EXPECT_EQ(kuvtest::readFile(dir / "target"), "kept") << "nothing written through the link";
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, OpenNoFollowRefuses,
+                         ::testing::Values(RefusedOpen{"link", O_WRONLY | O_CREAT | O_TRUNC, ELOOP},
+                                           RefusedOpen{"link", O_RDONLY, ELOOP},
+                                           RefusedOpen{"fifo", O_RDONLY, EINVAL},
+                                           RefusedOpen{"sub", O_RDONLY, EINVAL},
+                                           RefusedOpen{"missing", O_RDONLY, ENOENT}),
+                         [](const ::testing::TestParamInfo<RefusedOpen>& info) {
+                             return std::string(info.param.name) + "_" + std::to_string(info.index);
+                         });
+
+TEST(OpenNoFollow, CreatesPrivateBlockingCloseOnExecAndReportsStatus)
+{
+    TempDir dir;
+    const mode_t oldMask = ::umask(022);
+    struct stat st {};
+    const kuv::UniqueFd fd = kuv::openNoFollow(dir / "new.log", O_WRONLY | O_CREAT | O_APPEND, 0600, &st);
+    ::umask(oldMask);
+    ASSERT_TRUE(fd.valid()) << std::strerror(errno);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(st.st_size, 0);
+    const int status = ::fcntl(fd.get(), F_GETFL);
+    EXPECT_EQ(status & O_NONBLOCK, 0);
+    EXPECT_NE(status & O_APPEND, 0);
+    EXPECT_NE(::fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST(TempDirTest, RemovesItselfWithUnwritableSubdirectories)
+{
+    std::string path;
+    {
+        TempDir dir("kuvtempdir");
+        path = dir.path();
+        EXPECT_NE(path.find("/kuvtempdir-"), std::string::npos);
+        ASSERT_EQ(::mkdir((dir / "locked").c_str(), 0700), 0);
+        kuvtest::writeFile(dir / "locked/file", "x");
+        ASSERT_EQ(::chmod((dir / "locked").c_str(), 0500), 0);
+        ASSERT_EQ(::symlink("/", (dir / "root-link").c_str()), 0);
+    }
+    EXPECT_FALSE(kuvtest::exists(path));
 }

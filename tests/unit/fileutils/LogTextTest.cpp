@@ -13,8 +13,9 @@
 
 #include "FileUtils.h"
 #include "KuvTestDir.h"
+#include "TempDir.h"
 
-using kuvtest::TempDir;
+using kuv::test::TempDir;
 
 namespace {
 

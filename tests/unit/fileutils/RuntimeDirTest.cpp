@@ -6,9 +6,10 @@
 
 #include "FileUtils.h"
 #include "KuvTestDir.h"
+#include "TempDir.h"
 
 using kuvtest::ScopedEnv;
-using kuvtest::TempDir;
+using kuv::test::TempDir;
 
 namespace {
 

@@ -14,9 +14,10 @@
 #include "CGlobalTag.h"
 #include "FileUtils.h"
 #include "KuvTestDir.h"
+#include "TempDir.h"
 
 using kuvtest::ScopedEnv;
-using kuvtest::TempDir;
+using kuv::test::TempDir;
 
 extern char** environ;
 
@@ -190,16 +191,22 @@ TEST_F(GlobalTagTest, LinkedRuntimeDirIsRefused)
     EXPECT_FALSE(kuvtest::exists(elsewhere / (std::string(kTag) + ".lock")));
 }
 
+// The runtime directory is refused for the reason given, and a tag on it cannot be taken.
+static void expectRuntimeDirRefused(const char* why)
+{
+    const auto config = CGlobalTag::TagConfig::getUserConfig();
+    EXPECT_TRUE(config.dir.empty());
+    EXPECT_NE(config.error.find(why), std::string::npos) << config.error;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(CGlobalTag(kTag, config).trylock(false), -1);
+    testing::internal::GetCapturedStderr();
+}
+
 TEST_F(GlobalTagTest, WrongModeRuntimeDirIsRefused)
 {
     ASSERT_EQ(::mkdir((base / "kuv").c_str(), 0755), 0);
     ::chmod((base / "kuv").c_str(), 0755);
-    const auto config = CGlobalTag::TagConfig::getUserConfig();
-    EXPECT_TRUE(config.dir.empty());
-    EXPECT_NE(config.error.find("mode 0755"), std::string::npos) << config.error;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(CGlobalTag(kTag, config).trylock(false), -1);
-    testing::internal::GetCapturedStderr();
+    expectRuntimeDirRefused("mode 0755");
 }
 
 TEST_F(GlobalTagTest, OtherOwnersRuntimeDirIsRefused)
@@ -209,12 +216,7 @@ TEST_F(GlobalTagTest, OtherOwnersRuntimeDirIsRefused)
     }
     ASSERT_EQ(::mkdir((base / "kuv").c_str(), 0700), 0);
     ASSERT_EQ(::chown((base / "kuv").c_str(), 65534, 65534), 0);
-    const auto config = CGlobalTag::TagConfig::getUserConfig();
-    EXPECT_TRUE(config.dir.empty());
-    EXPECT_NE(config.error.find("owned by uid 65534"), std::string::npos) << config.error;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(CGlobalTag(kTag, config).trylock(false), -1);
-    testing::internal::GetCapturedStderr();
+    expectRuntimeDirRefused("owned by uid 65534");
 }
 
 TEST_F(GlobalTagTest, UncreatableLockFileIsMinusOne)

@@ -23,11 +23,12 @@
 #include "CLogDebug.h"
 #include "FileUtils.h"
 #include "KuvTestDir.h"
+#include "TempDir.h"
 #include "PipeWire.h"
 
 using kuvtest::eventually;
 using kuvtest::ScopedEnv;
-using kuvtest::TempDir;
+using kuv::test::TempDir;
 using namespace std::chrono_literals;
 
 namespace {
@@ -160,6 +161,15 @@ protected:
         CLogDebug::Close();
     }
     std::string socketPath() const { return base / "kuv/kuv-gui"; }
+    // The process log goes to logs/kuvgui.log from warnings up.
+    static CLogDebug* logInto(const TempDir& logs)
+    {
+        CLogDebug* log = CLogDebug::Instance();
+        log->SetProperty(LOG_PROPERTY_PATH, logs.path().c_str());
+        log->SetProperty(LOG_PROPERTY_NAME, "kuvgui");
+        log->SetProperty(LOG_PROPERTY_LEVEL, "3");
+        return log;
+    }
 };
 
 } // namespace
@@ -298,10 +308,7 @@ TEST_F(PipeTest, ConnectionFromAnotherUidIsRefused)
 TEST_F(PipeTest, OversizedHeaderDropsThatConnectionWithOneWarning)
 {
     TempDir logs;
-    CLogDebug* log = CLogDebug::Instance();
-    log->SetProperty(LOG_PROPERTY_PATH, logs.path().c_str());
-    log->SetProperty(LOG_PROPERTY_NAME, "kuvgui");
-    log->SetProperty(LOG_PROPERTY_LEVEL, "3");
+    CLogDebug* log = logInto(logs);
     ASSERT_EQ(server->start(), 1);
 
     const int fd = rawConnect(socketPath());
@@ -656,10 +663,7 @@ TEST_F(PipeTest, ConcurrentStopsWaitAndTheReceiverMayCallBackIn)
 TEST_F(PipeTest, HalfSentFramesAreCappedInTotal)
 {
     TempDir logs;
-    CLogDebug* log = CLogDebug::Instance();
-    log->SetProperty(LOG_PROPERTY_PATH, logs.path().c_str());
-    log->SetProperty(LOG_PROPERTY_NAME, "kuvgui");
-    log->SetProperty(LOG_PROPERTY_LEVEL, "3");
+    CLogDebug* log = logInto(logs);
     ASSERT_EQ(server->start(), 1);
 
     // Five largest messages begun and never finished: room for four.
@@ -705,10 +709,7 @@ TEST_F(PipeTest, AFullConnectionTableDropsTheOldestIdleConnection)
     lim.rlim_cur = lim.rlim_max == RLIM_INFINITY ? 4096 : std::min<rlim_t>(lim.rlim_max, 4096);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lim), 0);
     TempDir logs;
-    CLogDebug* log = CLogDebug::Instance();
-    log->SetProperty(LOG_PROPERTY_PATH, logs.path().c_str());
-    log->SetProperty(LOG_PROPERTY_NAME, "kuvgui");
-    log->SetProperty(LOG_PROPERTY_LEVEL, "3");
+    CLogDebug* log = logInto(logs);
     ASSERT_EQ(server->start(), 1);
 
     std::vector<int> idle;

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,7 +16,6 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QTemporaryDir>
 #include <QThread>
 #include <QWidget>
 
@@ -23,6 +23,7 @@
 #include "CQPluginManager.h"
 #include "IKuvGuiPlugin.h"
 #include "PluginInitParas.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -75,14 +76,13 @@ class PluginLoaderTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(m_dir.isValid());
-        m_configDir = m_dir.filePath(QStringLiteral("plugins"));
+        m_configDir = inDir("plugins");
         ASSERT_TRUE(QDir().mkpath(m_configDir));
-        m_trace = m_dir.filePath(QStringLiteral("trace.txt"));
+        m_trace = inDir("trace.txt");
         qputenv("FAKE_PLUGIN_TRACE", m_trace.toLocal8Bit());
         // Each test has its own log file so its lines can be looked for.
         CLogDebug* log = CLogDebug::Instance();
-        log->SetProperty(LOG_PROPERTY_PATH, m_dir.path().toLocal8Bit().constData());
+        log->SetProperty(LOG_PROPERTY_PATH, m_dir.path().c_str());
         log->SetProperty(LOG_PROPERTY_NAME, "loader");
         log->SetProperty(LOG_PROPERTY_LEVEL, "0");
         m_mgr = CQPluginManager::singleInstance();
@@ -128,16 +128,26 @@ protected:
         return none;
     }
 
+    // Asks for every id, then waits until each one has loaded or failed.
+    bool installAndSettle(const QStringList& ids)
+    {
+        for (const QString& id : ids) {
+            m_mgr->installPluginAsyn(id, paras(nullptr));
+        }
+        return waitFor([&] { return std::all_of(ids.begin(), ids.end(), [&](const QString& id) { return settled(id); }); });
+    }
+
     bool settled(const QString& id)
     {
         const auto st = status(id).state;
         return st == CQPluginManager::PLUGIN_LOADED || st == CQPluginManager::PLUGIN_FAILED;
     }
 
-    std::string log() { return readFile(m_dir.filePath(QStringLiteral("loader.log"))); }
+    std::string log() { return readFile(inDir("loader.log")); }
+    QString inDir(const char* name) const { return QString::fromStdString(m_dir / name); }
     std::vector<std::string> trace() { return lines(readFile(m_trace)); }
 
-    QTemporaryDir m_dir;
+    kuv::test::TempDir m_dir{"kuvloader"};
     QString m_configDir;
     QString m_trace;
     CQPluginManager* m_mgr = nullptr;
@@ -209,6 +219,7 @@ TEST_F(PluginLoaderTest, LoadsOnTheEventLoopAndHandsOverParasWithGuid)
     ASSERT_TRUE(waitFor([&] { return settled("alpha"); }));
     const auto s = status("alpha");
     ASSERT_EQ(CQPluginManager::PLUGIN_LOADED, s.state) << s.reason.toStdString();
+    EXPECT_EQ(kuv::PluginLoadReason::None, s.reasonCode);
     EXPECT_FALSE(s.page.isNull());
     EXPECT_EQ(QStringLiteral("Page of fake_good_a"), s.pageTitle);
     const auto t = trace();
@@ -235,59 +246,82 @@ TEST_F(PluginLoaderTest, AskingAgainForALoadedPluginChangesNothing)
 
 struct FailureCase {
     const char* id;
-    const char* library;
+    const char* library; // nullptr: no description names the id
     const char* iid;
-    const char* reason; // expected in the status and the log line
+    kuv::PluginLoadReason reason;
+    const char* uninitTrace; // the fake whose uninit and deletion must follow its failed init, or nullptr
 };
 
-TEST_F(PluginLoaderTest, EveryFailureIsLoggedMarkedAndSurvived)
+void PrintTo(const FailureCase& c, std::ostream* os)
 {
-    const std::vector<FailureCase> cases = {
-        {"missing", "no_such_plugin.so", KUV_GUI_PLUGIN_IID, "library ["},
-        {"wrongiid", "fake_wrong_iid.so", KUV_GUI_PLUGIN_IID, "wrong IID [org.kuv.gui.IKuvGuiPlugin/0.9]"},
-        {"descriid", "fake_good_c.so", "org.other/1.0", "description names IID [org.other/1.0]"},
-        {"failing", "fake_failing.so", KUV_GUI_PLUGIN_IID, "init returned 3"},
-        {"throwing", "fake_throwing.so", KUV_GUI_PLUGIN_IID, "plugin threw: init exploded"},
-        {"notplugin", "fake_not_a_plugin.so", KUV_GUI_PLUGIN_IID, "is not a Qt plugin"},
-    };
-    for (const auto& c : cases) {
+    *os << c.id << " -> " << kuv::pluginLoadReasonName(c.reason);
+}
+
+class PluginLoadFailure : public PluginLoaderTest, public ::testing::WithParamInterface<FailureCase> {};
+
+TEST_P(PluginLoadFailure, IsLoggedMarkedWithItsReasonAndSurvived)
+{
+    const FailureCase& c = GetParam();
+    if (c.library != nullptr) {
         describe(c.id, c.library, QString(), c.iid);
     }
-    ASSERT_EQ(static_cast<int>(cases.size()), m_mgr->loadAllPluginInfo());
-    for (const auto& c : cases) {
-        m_mgr->installPluginAsyn(c.id, paras(nullptr));
-    }
-    m_mgr->installPluginAsyn("nosuch", paras(nullptr));
-    for (const auto& c : cases) {
-        ASSERT_TRUE(waitFor([&] { return settled(c.id); })) << c.id;
-    }
-    ASSERT_TRUE(waitFor([&] { return settled("nosuch"); }));
-    const std::string text = log();
-    for (const auto& c : cases) {
-        const auto s = status(c.id);
-        EXPECT_EQ(CQPluginManager::PLUGIN_FAILED, s.state) << c.id;
-        EXPECT_NE(-1, s.reason.indexOf(QString::fromUtf8(c.reason))) << c.id << ": " << s.reason.toStdString();
-        const std::string line = std::string("plugin [") + c.id + "] failed to load: ";
-        EXPECT_NE(std::string::npos, text.find(line)) << line;
-        EXPECT_TRUE(s.page.isNull());
-    }
-    EXPECT_EQ(CQPluginManager::PLUGIN_FAILED, status("nosuch").state);
-    EXPECT_NE(std::string::npos, text.find("plugin [nosuch] failed to load: unknown plugin id"));
-    EXPECT_TRUE(m_mgr->loadedPlugins().isEmpty());
-    // A failed init gets its uninit so it can let go of what it took; the object is deleted.
-    const auto t = trace();
-    const auto has = [&t](const std::string& l) { return std::find(t.begin(), t.end(), l) != t.end(); };
-    EXPECT_TRUE(has("uninit fake_failing thread=gui"));
-    EXPECT_TRUE(has("deleted fake_failing"));
-    EXPECT_TRUE(has("uninit fake_throwing thread=gui"));
-    EXPECT_TRUE(has("deleted fake_throwing"));
-
-    // The process carries on: a good plugin still loads after all that.
     describe("alpha", "fake_good_a.so");
     m_mgr->loadAllPluginInfo();
+    m_mgr->installPluginAsyn(c.id, paras(nullptr));
+    ASSERT_TRUE(waitFor([&] { return settled(c.id); })) << c.id;
+
+    const auto s = status(c.id);
+    EXPECT_EQ(CQPluginManager::PLUGIN_FAILED, s.state);
+    EXPECT_EQ(kuv::pluginLoadReasonName(c.reason), std::string(kuv::pluginLoadReasonName(s.reasonCode)))
+        << s.reason.toStdString();
+    EXPECT_FALSE(s.reason.isEmpty());
+    EXPECT_TRUE(s.page.isNull());
+    EXPECT_TRUE(m_mgr->loadedPlugins().isEmpty());
+    const std::string line = std::string("plugin [") + c.id + "] failed to load: " + s.reason.toStdString();
+    EXPECT_NE(std::string::npos, log().find(line)) << line;
+    if (c.uninitTrace != nullptr) {
+        // A failed init gets its uninit so it can let go of what it took; the object is deleted.
+        const auto t = trace();
+        const auto has = [&t](const std::string& l) { return std::find(t.begin(), t.end(), l) != t.end(); };
+        EXPECT_TRUE(has(std::string("uninit ") + c.uninitTrace + " thread=gui"));
+        EXPECT_TRUE(has(std::string("deleted ") + c.uninitTrace));
+    }
+
+    // The process carries on: a good plugin still loads after that.
     m_mgr->installPluginAsyn("alpha", paras(nullptr));
     ASSERT_TRUE(waitFor([&] { return settled("alpha"); }));
     EXPECT_EQ(CQPluginManager::PLUGIN_LOADED, status("alpha").state);
+    EXPECT_EQ(kuv::PluginLoadReason::None, status("alpha").reasonCode);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Reasons, PluginLoadFailure,
+    ::testing::Values(
+        FailureCase{"nosuch", nullptr, KUV_GUI_PLUGIN_IID, kuv::PluginLoadReason::UnknownId, nullptr},
+        FailureCase{"missing", "no_such_plugin.so", KUV_GUI_PLUGIN_IID, kuv::PluginLoadReason::NotFound, nullptr},
+        FailureCase{"wrongiid", "fake_wrong_iid.so", KUV_GUI_PLUGIN_IID, kuv::PluginLoadReason::WrongInterface,
+                    nullptr},
+        FailureCase{"descriid", "fake_good_c.so", "org.other/1.0", kuv::PluginLoadReason::BadDescription, nullptr},
+        FailureCase{"failing", "fake_failing.so", KUV_GUI_PLUGIN_IID, kuv::PluginLoadReason::InitFailed,
+                    "fake_failing"},
+        FailureCase{"throwing", "fake_throwing.so", KUV_GUI_PLUGIN_IID, kuv::PluginLoadReason::InitThrew,
+                    "fake_throwing"},
+        FailureCase{"notplugin", "fake_not_a_plugin.so", KUV_GUI_PLUGIN_IID, kuv::PluginLoadReason::NotAPlugin,
+                    nullptr}),
+    [](const ::testing::TestParamInfo<FailureCase>& info) { return std::string(info.param.id); });
+
+// The texts beside the codes still say what went wrong in the plugin's own terms.
+TEST_F(PluginLoaderTest, FailureTextsNameTheCause)
+{
+    describe("wrongiid", "fake_wrong_iid.so");
+    describe("failing", "fake_failing.so");
+    describe("throwing", "fake_throwing.so");
+    m_mgr->loadAllPluginInfo();
+    ASSERT_TRUE(installAndSettle({"wrongiid", "failing", "throwing"}));
+    EXPECT_EQ(QStringLiteral("wrong IID [org.kuv.gui.IKuvGuiPlugin/0.9], expected [%1]").arg(KUV_GUI_PLUGIN_IID),
+              status("wrongiid").reason);
+    EXPECT_EQ(QStringLiteral("init returned 3"), status("failing").reason);
+    EXPECT_EQ(QStringLiteral("plugin threw: init exploded"), status("throwing").reason);
 }
 
 TEST_F(PluginLoaderTest, TwoIdsOnOneLibraryDoNotShareAnInstance)
@@ -295,12 +329,10 @@ TEST_F(PluginLoaderTest, TwoIdsOnOneLibraryDoNotShareAnInstance)
     describe("alpha", "fake_good_a.so");
     describe("alias", "fake_good_a.so");
     m_mgr->loadAllPluginInfo();
-    m_mgr->installPluginAsyn("alpha", paras(nullptr));
-    m_mgr->installPluginAsyn("alias", paras(nullptr));
-    ASSERT_TRUE(waitFor([&] { return settled("alpha") && settled("alias"); }));
+    ASSERT_TRUE(installAndSettle({"alpha", "alias"}));
     EXPECT_EQ(CQPluginManager::PLUGIN_LOADED, status("alpha").state);
     EXPECT_EQ(CQPluginManager::PLUGIN_FAILED, status("alias").state);
-    EXPECT_NE(-1, status("alias").reason.indexOf("already in use by plugin [alpha]"));
+    EXPECT_EQ(kuv::PluginLoadReason::LibraryInUse, status("alias").reasonCode) << status("alias").reason.toStdString();
 }
 
 TEST_F(PluginLoaderTest, OneSignalPerUnloadRequestIncludingNeverLoaded)
@@ -308,9 +340,7 @@ TEST_F(PluginLoaderTest, OneSignalPerUnloadRequestIncludingNeverLoaded)
     describe("alpha", "fake_good_a.so");
     describe("failing", "fake_failing.so");
     m_mgr->loadAllPluginInfo();
-    m_mgr->installPluginAsyn("alpha", paras(nullptr));
-    m_mgr->installPluginAsyn("failing", paras(nullptr));
-    ASSERT_TRUE(waitFor([&] { return settled("alpha") && settled("failing"); }));
+    ASSERT_TRUE(installAndSettle({"alpha", "failing"}));
     QPointer<QWidget> page = status("alpha").page;
     ASSERT_FALSE(page.isNull());
 

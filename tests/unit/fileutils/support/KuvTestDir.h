@@ -1,8 +1,8 @@
-// Test helpers shared by the platform library tests: a private temporary directory and small file tools.
+// Small file tools shared by the platform library tests; the temporary directory is kuv::test::TempDir.
 #pragma once
 
-#include <dirent.h>
-#include <ftw.h>
+#include "../../../support/TempDir.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,41 +17,8 @@
 
 namespace kuvtest {
 
-// A fresh directory under $TMPDIR (or /tmp), removed with everything in it at the end.
-class TempDir {
-public:
-    TempDir()
-    {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/kuvtest-XXXXXX";
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (::mkdtemp(buffer.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp failed");
-        }
-        m_path = buffer.data();
-    }
-    ~TempDir() { removeTree(m_path); }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const std::string& path() const { return m_path; }
-    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
-
-    static void removeTree(const std::string& path)
-    {
-        ::nftw(
-            path.c_str(),
-            [](const char* p, const struct stat*, int, struct FTW*) {
-                ::remove(p);
-                return 0;
-            }, 64,
-            FTW_DEPTH | FTW_PHYS);
-    }
-
-private:
-    std::string m_path;
-};
+// The temporary directory is the shared kuv::test::TempDir (tests/support/TempDir.h).
+using TempDir = kuv::test::TempDir;
 
 inline std::string readFile(const std::string& path)
 {

@@ -31,7 +31,9 @@ void clamMessage(enum cl_msg severity, const char* fullmsg, const char* msg, voi
     }
     std::lock_guard<std::mutex> lock(g_sinkMutex);
     if (g_sink) {
-        g_sink(severity == CL_MSG_ERROR ? 4 : (severity == CL_MSG_WARN ? 3 : 1), text);
+        g_sink(severity == CL_MSG_ERROR ? kuv::LogLevel::Error
+                                        : (severity == CL_MSG_WARN ? kuv::LogLevel::Warn : kuv::LogLevel::Debug),
+               text);
     }
 }
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,7 @@
 
 #include <json/json.h>
 
+#include "SafeIo.h"
 #include "ScanSettings.h"
 #include "Sha256.h"
 #include "StorePaths.h"
@@ -73,29 +75,15 @@ uint64_t randomSeed()
 
 bool writeAll(int fd, const char* data, size_t size)
 {
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        data += n;
-        size -= size_t(n);
-    }
-    return true;
+    return kuv::safeWrite(fd, data, size) == static_cast<ssize_t>(size);
 }
 
 ssize_t preadFull(int fd, char* buf, size_t size, off_t offset)
 {
     size_t got = 0;
     while (got < size) {
-        const ssize_t n = ::pread(fd, buf + got, size - got, offset + off_t(got));
+        const ssize_t n = kuv::retryEintr([&] { return ::pread(fd, buf + got, size - got, offset + off_t(got)); });
         if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
             return -1;
         }
         if (n == 0) {
@@ -141,23 +129,7 @@ bool readSmall(int dirFd, const std::string& name, std::string& out)
     if (!fd.valid()) {
         return false;
     }
-    std::string data;
-    char buf[4096];
-    for (;;) {
-        const ssize_t n = ::read(fd.get(), buf, sizeof buf);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        data.append(buf, size_t(n));
-        if (data.size() > kMaxHeader) {
-            return false;
-        }
-    }
-    out = std::move(data);
-    return true;
+    return readUpTo(fd.get(), kMaxHeader, out);
 }
 
 int64_t toNs(const struct timespec& ts)
@@ -175,24 +147,6 @@ struct timespec fromNs(int64_t ns)
         ts.tv_sec -= 1;
     }
     return ts;
-}
-
-Json::Value entryToJson(const QuarantineEntry& e)
-{
-    Json::Value v(Json::objectValue);
-    v["id"] = e.id;
-    v["path_hex"] = hexEncode(e.originalPath);
-    v["size"] = Json::UInt64(e.size);
-    v["mode"] = e.mode;
-    v["uid"] = e.uid;
-    v["gid"] = e.gid;
-    v["atime_ns"] = Json::Int64(e.atimeNs);
-    v["mtime_ns"] = Json::Int64(e.mtimeNs);
-    v["sha256"] = e.sha256;
-    v["signature"] = e.signature;
-    v["date"] = Json::Int64(e.quarantinedAt);
-    v["job"] = e.job;
-    return v;
 }
 
 bool entryFromJson(const Json::Value& v, QuarantineEntry& e)
@@ -272,8 +226,7 @@ class FileLock {
 public:
     explicit FileLock(int fd) : m_fd(fd)
     {
-        while (::flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
-        }
+        kuv::retryEintr([&] { return ::flock(m_fd, LOCK_EX); });
     }
     ~FileLock() { ::flock(m_fd, LOCK_UN); }
     FileLock(const FileLock&) = delete;
@@ -389,7 +342,8 @@ void QuarantineStore::step(int n)
         hook(n);
     }
     const char* at = std::getenv("KUV_QUARANTINE_CRASH_AT");
-    if (at != nullptr && std::atoi(at) == n) {
+    int crashAt = 0;
+    if (at != nullptr && std::from_chars(at, at + std::strlen(at), crashAt).ec == std::errc() && crashAt == n) {
         ::kill(::getpid(), SIGKILL);
     }
 }
@@ -693,7 +647,7 @@ QResult QuarantineStore::quarantine(const std::string& pathIn, const std::string
 
     // The neutralised copy: magic, header, content XOR a per-entry key stream; 0600, never executable.
     const uint64_t seed = randomSeed();
-    Json::Value header = entryToJson(e);
+    Json::Value header = entryToJson(e, "path_hex", hexEncode(e.originalPath));
     header["seed"] = hexEncode(std::string(reinterpret_cast<const char*>(&seed), sizeof seed));
     const std::string headerText = compact(header);
     UniqueFd out(::openat(q, tmpName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -928,6 +882,24 @@ QResult QuarantineStore::remove(const std::string& id)
 std::vector<QuarantineEntry> QuarantineStore::list()
 {
     return m_db->quarantineEntries();
+}
+
+Json::Value entryToJson(const QuarantineEntry& e, const char* pathKey, Json::Value path)
+{
+    Json::Value v(Json::objectValue);
+    v["id"] = e.id;
+    v[pathKey] = std::move(path);
+    v["size"] = Json::UInt64(e.size);
+    v["mode"] = e.mode;
+    v["uid"] = e.uid;
+    v["gid"] = e.gid;
+    v["atime_ns"] = Json::Int64(e.atimeNs);
+    v["mtime_ns"] = Json::Int64(e.mtimeNs);
+    v["sha256"] = e.sha256;
+    v["signature"] = e.signature;
+    v["date"] = Json::Int64(e.quarantinedAt);
+    v["job"] = e.job;
+    return v;
 }
 
 } // namespace store

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <json/value.h>
+
 #include "StoreDb.h"
 #include "UniqueFd.h"
 
@@ -78,6 +80,10 @@ private:
 };
 
 const char* statusName(QStatus status);
+
+// An entry as a JSON object; its original path goes under pathKey as path, in the form each reader
+// keeps it (hex in the stored file's header, kuvscan's path form in kuvctl's output).
+Json::Value entryToJson(const QuarantineEntry& e, const char* pathKey, Json::Value path);
 
 } // namespace store
 } // namespace kuv

@@ -10,6 +10,7 @@
 
 #include <json/json.h>
 
+#include "SafeIo.h"
 #include "StorePaths.h"
 
 namespace kuv {
@@ -65,27 +66,14 @@ bool loadScanSettings(ScanSettings& out, std::string* error, const std::string& 
         }
         return false;
     };
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
+    const kuv::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid()) {
         return errno == ENOENT ? true : fail(std::strerror(errno));
     }
     std::string text;
-    char buf[8192];
-    for (;;) {
-        const ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        text.append(buf, size_t(n));
-        if (text.size() > kMaxSettingsBytes) {
-            ::close(fd);
-            return fail("larger than 1 MiB; defaults used");
-        }
+    if (!readUpTo(fd.get(), kMaxSettingsBytes, text)) {
+        return fail("larger than 1 MiB; defaults used");
     }
-    ::close(fd);
     Json::CharReaderBuilder b;
     std::unique_ptr<Json::CharReader> r(b.newCharReader());
     Json::Value v;
@@ -186,18 +174,10 @@ bool saveScanSettings(const ScanSettings& s, std::string* error, const std::stri
     if (!fd.valid()) {
         return fail(folder + ": " + std::strerror(errno));
     }
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            const std::string why = std::strerror(errno);
-            ::unlinkat(dfd.get(), tmp.c_str(), 0);
-            return fail(folder + ": " + why);
-        }
-        done += size_t(n);
+    if (kuv::safeWrite(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        const std::string why = std::strerror(errno);
+        ::unlinkat(dfd.get(), tmp.c_str(), 0);
+        return fail(folder + ": " + why);
     }
     if (::fsync(fd.get()) != 0 || ::renameat(dfd.get(), tmp.c_str(), dfd.get(), "scan.json") != 0) {
         const std::string why = std::strerror(errno);

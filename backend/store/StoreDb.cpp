@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <functional>
 
 #include "UniqueFd.h"
 
@@ -46,6 +47,37 @@ public:
 private:
     sqlite3_stmt* m_stmt = nullptr;
 };
+
+// An error code that says the database file itself is damaged (not the disk or the directory).
+bool damageCode(int code) { return code == SQLITE_NOTADB || code == SQLITE_CORRUPT; }
+
+// sqlite3_exec with the reason of a failure in why; returns SQLite's result code.
+int execSql(sqlite3* db, const char* sql, std::string& why)
+{
+    char* msg = nullptr;
+    const int rc = sqlite3_exec(db, sql, nullptr, nullptr, &msg);
+    if (rc != SQLITE_OK) {
+        why = msg != nullptr ? msg : sqlite3_errstr(rc);
+    }
+    sqlite3_free(msg);
+    return rc;
+}
+
+// Prepares sql, lets bind fill in its parameters and runs it to the end; false with error otherwise.
+bool runChange(sqlite3* db, const char* sql, const std::function<void(Stmt&)>& bind, std::string& error)
+{
+    Stmt s(db, sql);
+    if (!s.ok()) {
+        error = sqlite3_errmsg(db);
+        return false;
+    }
+    bind(s);
+    if (s.step() != SQLITE_DONE) {
+        error = sqlite3_errmsg(db);
+        return false;
+    }
+    return true;
+}
 
 const char* const kSchema = R"SQL(
 CREATE TABLE IF NOT EXISTS quarantine(
@@ -98,7 +130,7 @@ std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
     if (rc != SQLITE_OK) {
         const std::string why = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
         sqlite3_close(db);
-        damaged = rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT;
+        damaged = damageCode(rc);
         return why;
     }
     sqlite3_busy_timeout(db, 10000);
@@ -107,19 +139,17 @@ std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
         damaged = isDamaged;
         return why;
     };
-    char* msg = nullptr;
-    rc = sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, &msg);
+    std::string why;
+    rc = execSql(db, "PRAGMA journal_mode=WAL", why);
     if (rc != SQLITE_OK) {
-        const std::string why = msg != nullptr ? msg : sqlite3_errstr(rc);
-        sqlite3_free(msg);
-        return fail(rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT, why);
+        return fail(damageCode(rc), why);
     }
     int version = -1;
     {
         Stmt s(db, "PRAGMA user_version");
         if (!s.ok() || s.step() != SQLITE_ROW) {
             const int code = sqlite3_errcode(db);
-            return fail(code == SQLITE_NOTADB || code == SQLITE_CORRUPT, sqlite3_errmsg(db));
+            return fail(damageCode(code), sqlite3_errmsg(db));
         }
         version = int(s.col64(0));
     }
@@ -131,17 +161,14 @@ std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
         Stmt s(db, "PRAGMA quick_check");
         const int step = s.ok() ? s.step() : SQLITE_ERROR;
         if (step != SQLITE_ROW || s.colText(0) != "ok") {
-            const std::string why = step == SQLITE_ROW ? s.colText(0) : std::string(sqlite3_errmsg(db));
-            return fail(true, "damaged: " + why);
+            return fail(true, "damaged: " + (step == SQLITE_ROW ? s.colText(0) : std::string(sqlite3_errmsg(db))));
         }
     }
     rc = sqlite3_exec(db, "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
     if (version < StoreDb::kSchemaVersion) {
-        rc = sqlite3_exec(db, kSchema, nullptr, nullptr, &msg);
+        rc = execSql(db, kSchema, why);
         if (rc != SQLITE_OK) {
-            const std::string why = msg != nullptr ? msg : sqlite3_errstr(rc);
-            sqlite3_free(msg);
-            return fail(rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT, why);
+            return fail(damageCode(rc), why);
         }
         const std::string set = "PRAGMA user_version=" + std::to_string(StoreDb::kSchemaVersion);
         sqlite3_exec(db, set.c_str(), nullptr, nullptr, nullptr);
@@ -204,55 +231,34 @@ StoreDb::~StoreDb()
 
 bool StoreDb::exec(const char* sql)
 {
-    char* msg = nullptr;
-    if (sqlite3_exec(m_db, sql, nullptr, nullptr, &msg) != SQLITE_OK) {
-        m_error = msg != nullptr ? msg : sqlite3_errmsg(m_db);
-        sqlite3_free(msg);
-        return false;
-    }
-    return true;
+    return execSql(m_db, sql, m_error) == SQLITE_OK;
 }
 
 bool StoreDb::addQuarantine(const QuarantineEntry& e)
 {
-    Stmt s(m_db, "INSERT OR REPLACE INTO quarantine(id, path, size, mode, uid, gid, atime_ns, mtime_ns, sha256, "
-                 "signature, quarantined_at, job) VALUES(?,?,?,?,?,?,?,?,?,?,?,?)");
-    if (!s.ok()) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    s.text(1, e.id);
-    s.blob(2, e.originalPath);
-    s.i64(3, int64_t(e.size));
-    s.i64(4, e.mode);
-    s.i64(5, e.uid);
-    s.i64(6, e.gid);
-    s.i64(7, e.atimeNs);
-    s.i64(8, e.mtimeNs);
-    s.text(9, e.sha256);
-    s.text(10, e.signature);
-    s.i64(11, e.quarantinedAt);
-    s.text(12, e.job);
-    if (s.step() != SQLITE_DONE) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    return true;
+    return runChange(m_db,
+                     "INSERT OR REPLACE INTO quarantine(id, path, size, mode, uid, gid, atime_ns, mtime_ns, sha256, "
+                     "signature, quarantined_at, job) VALUES(?,?,?,?,?,?,?,?,?,?,?,?)",
+                     [&](Stmt& s) {
+                         s.text(1, e.id);
+                         s.blob(2, e.originalPath);
+                         s.i64(3, int64_t(e.size));
+                         s.i64(4, e.mode);
+                         s.i64(5, e.uid);
+                         s.i64(6, e.gid);
+                         s.i64(7, e.atimeNs);
+                         s.i64(8, e.mtimeNs);
+                         s.text(9, e.sha256);
+                         s.text(10, e.signature);
+                         s.i64(11, e.quarantinedAt);
+                         s.text(12, e.job);
+                     },
+                     m_error);
 }
 
 bool StoreDb::removeQuarantine(const std::string& id)
 {
-    Stmt s(m_db, "DELETE FROM quarantine WHERE id=?");
-    if (!s.ok()) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    s.text(1, id);
-    if (s.step() != SQLITE_DONE) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    return true;
+    return runChange(m_db, "DELETE FROM quarantine WHERE id=?", [&](Stmt& s) { s.text(1, id); }, m_error);
 }
 
 namespace {
@@ -314,50 +320,47 @@ bool StoreDb::addJob(JobRecord& job)
         exec("ROLLBACK");
         return false;
     };
-    {
-        Stmt s(m_db, "INSERT INTO jobs(job, start_ms, duration_ms, state, files, bytes, infected, errors, skipped, "
-                     "partial) VALUES(?,?,?,?,?,?,?,?,?,?)");
-        if (!s.ok()) {
-            return rollback();
-        }
-        s.text(1, job.job);
-        s.i64(2, job.startMs);
-        s.i64(3, job.durationMs);
-        s.text(4, job.state);
-        s.i64(5, job.files);
-        s.i64(6, job.bytes);
-        s.i64(7, job.infected);
-        s.i64(8, job.errors);
-        s.i64(9, job.skipped);
-        s.i64(10, job.partial);
-        if (s.step() != SQLITE_DONE) {
-            return rollback();
-        }
-        job.id = sqlite3_last_insert_rowid(m_db);
+    const bool added = runChange(m_db,
+                                 "INSERT INTO jobs(job, start_ms, duration_ms, state, files, bytes, infected, errors, "
+                                 "skipped, partial) VALUES(?,?,?,?,?,?,?,?,?,?)",
+                                 [&](Stmt& s) {
+                                     s.text(1, job.job);
+                                     s.i64(2, job.startMs);
+                                     s.i64(3, job.durationMs);
+                                     s.text(4, job.state);
+                                     s.i64(5, job.files);
+                                     s.i64(6, job.bytes);
+                                     s.i64(7, job.infected);
+                                     s.i64(8, job.errors);
+                                     s.i64(9, job.skipped);
+                                     s.i64(10, job.partial);
+                                 },
+                                 m_error);
+    if (!added) {
+        return rollback();
     }
+    job.id = sqlite3_last_insert_rowid(m_db);
     for (const std::string& p : job.paths) {
-        Stmt s(m_db, "INSERT INTO job_paths(job, path) VALUES(?,?)");
-        if (!s.ok()) {
-            return rollback();
-        }
-        s.i64(1, job.id);
-        s.blob(2, p);
-        if (s.step() != SQLITE_DONE) {
+        if (!runChange(m_db, "INSERT INTO job_paths(job, path) VALUES(?,?)",
+                       [&](Stmt& s) {
+                           s.i64(1, job.id);
+                           s.blob(2, p);
+                       },
+                       m_error)) {
             return rollback();
         }
     }
     for (const FindingRecord& f : job.findings) {
-        Stmt s(m_db, "INSERT INTO findings(job, path, verdict, signature, reason, action) VALUES(?,?,?,?,?,?)");
-        if (!s.ok()) {
-            return rollback();
-        }
-        s.i64(1, job.id);
-        s.blob(2, f.path);
-        s.text(3, f.verdict);
-        s.text(4, f.signature);
-        s.text(5, f.reason);
-        s.text(6, f.action);
-        if (s.step() != SQLITE_DONE) {
+        if (!runChange(m_db, "INSERT INTO findings(job, path, verdict, signature, reason, action) VALUES(?,?,?,?,?,?)",
+                       [&](Stmt& s) {
+                           s.i64(1, job.id);
+                           s.blob(2, f.path);
+                           s.text(3, f.verdict);
+                           s.text(4, f.signature);
+                           s.text(5, f.reason);
+                           s.text(6, f.action);
+                       },
+                       m_error)) {
             return rollback();
         }
     }
@@ -383,6 +386,18 @@ JobRecord jobFrom(const Stmt& s)
     return j;
 }
 
+// The paths a job was asked to scan, in the order it was given them.
+std::vector<std::string> jobPaths(sqlite3* db, int64_t id)
+{
+    std::vector<std::string> paths;
+    Stmt p(db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid");
+    p.i64(1, id);
+    while (p.ok() && p.step() == SQLITE_ROW) {
+        paths.push_back(p.colText(0));
+    }
+    return paths;
+}
+
 constexpr const char* kJobColumns =
     "SELECT id, job, start_ms, duration_ms, state, files, bytes, infected, errors, skipped, partial FROM jobs";
 
@@ -400,11 +415,7 @@ std::vector<JobRecord> StoreDb::jobs(int limit)
         out.push_back(jobFrom(s));
     }
     for (JobRecord& j : out) {
-        Stmt p(m_db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid");
-        p.i64(1, j.id);
-        while (p.ok() && p.step() == SQLITE_ROW) {
-            j.paths.push_back(p.colText(0));
-        }
+        j.paths = jobPaths(m_db, j.id);
     }
     return out;
 }
@@ -422,11 +433,7 @@ bool StoreDb::job(int64_t id, JobRecord& out)
         }
         out = jobFrom(s);
     }
-    Stmt p(m_db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid");
-    p.i64(1, id);
-    while (p.ok() && p.step() == SQLITE_ROW) {
-        out.paths.push_back(p.colText(0));
-    }
+    out.paths = jobPaths(m_db, id);
     Stmt f(m_db, "SELECT path, verdict, signature, reason, action FROM findings WHERE job=? ORDER BY rowid");
     f.i64(1, id);
     while (f.ok() && f.step() == SQLITE_ROW) {
@@ -437,19 +444,14 @@ bool StoreDb::job(int64_t id, JobRecord& out)
 
 bool StoreDb::setFindingAction(int64_t id, const std::string& path, const std::string& action)
 {
-    Stmt s(m_db, "UPDATE findings SET action=? WHERE job=? AND path=?");
-    if (!s.ok()) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    s.text(1, action);
-    s.i64(2, id);
-    s.blob(3, path);
-    if (s.step() != SQLITE_DONE) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    return sqlite3_changes(m_db) > 0;
+    return runChange(m_db, "UPDATE findings SET action=? WHERE job=? AND path=?",
+                     [&](Stmt& s) {
+                         s.text(1, action);
+                         s.i64(2, id);
+                         s.blob(3, path);
+                     },
+                     m_error) &&
+           sqlite3_changes(m_db) > 0;
 }
 
 int64_t StoreDb::pendingFindings()
@@ -469,14 +471,8 @@ int StoreDb::pruneHistory(int days, int64_t now)
     if (days <= 0) {
         return 0;
     }
-    Stmt s(m_db, "DELETE FROM jobs WHERE start_ms < ?");
-    if (!s.ok()) {
-        m_error = sqlite3_errmsg(m_db);
-        return -1;
-    }
-    s.i64(1, now - int64_t(days) * 86400000);
-    if (s.step() != SQLITE_DONE) {
-        m_error = sqlite3_errmsg(m_db);
+    const int64_t before = now - int64_t(days) * 86400000;
+    if (!runChange(m_db, "DELETE FROM jobs WHERE start_ms < ?", [&](Stmt& s) { s.i64(1, before); }, m_error)) {
         return -1;
     }
     return sqlite3_changes(m_db);

@@ -313,6 +313,35 @@ int linkRestored(int dirFd, const std::string& tempName, const std::string& name
     return rc;
 }
 
+// path made absolute against the working directory; false with errno when that cannot be known.
+bool absolutePath(const std::string& path, std::string& absolute)
+{
+    if (path[0] == '/') {
+        absolute = path;
+        return true;
+    }
+    char cwd[4096];
+    if (::getcwd(cwd, sizeof cwd) == nullptr) {
+        return false;
+    }
+    absolute = std::string(cwd) + "/" + path;
+    return true;
+}
+
+// What recover() needs to finish or undo a quarantine of e's file (stat st) cut short.
+Json::Value quarantineIntent(const QuarantineEntry& e, const struct stat& st, bool sameFs)
+{
+    Json::Value intent(Json::objectValue);
+    intent["op"] = "quarantine";
+    intent["path_hex"] = hexEncode(e.originalPath);
+    intent["dev"] = Json::UInt64(st.st_dev);
+    intent["ino"] = Json::UInt64(st.st_ino);
+    intent["size"] = Json::UInt64(st.st_size);
+    intent["mtime_ns"] = Json::Int64(e.mtimeNs);
+    intent["same_fs"] = sameFs;
+    return intent;
+}
+
 } // namespace
 
 std::unique_ptr<StoreDb> openUserDb(const std::string& dataDir, std::vector<std::string>& notices, std::string& error)
@@ -686,16 +715,12 @@ QResult QuarantineStore::writeNeutralised(int srcFd, int outFd, const Quarantine
 QResult QuarantineStore::quarantine(const std::string& pathIn, const std::string& signature, const std::string& job,
                                     QuarantineEntry* entryOut)
 {
-    std::string path = pathIn;
-    if (path.empty()) {
+    if (pathIn.empty()) {
         return failed(QStatus::NotFound, "empty path");
     }
-    if (path[0] != '/') {
-        char cwd[4096];
-        if (::getcwd(cwd, sizeof cwd) == nullptr) {
-            return failed(QStatus::Failed, errnoText("cannot resolve " + path));
-        }
-        path = std::string(cwd) + "/" + path;
+    std::string path;
+    if (!absolutePath(pathIn, path)) {
+        return failed(QStatus::Failed, errnoText("cannot resolve " + pathIn));
     }
     FileLock lock(m_lock.get());
     const int q = m_qdir.get();
@@ -722,18 +747,8 @@ QResult QuarantineStore::quarantine(const std::string& pathIn, const std::string
     const std::string rawName = e.id + ".raw";
     const std::string tmpName = e.id + ".tmp";
     const std::string storedFile = storedName(e.id);
-    {
-        Json::Value intent(Json::objectValue);
-        intent["op"] = "quarantine";
-        intent["path_hex"] = hexEncode(path);
-        intent["dev"] = Json::UInt64(st.st_dev);
-        intent["ino"] = Json::UInt64(st.st_ino);
-        intent["size"] = Json::UInt64(st.st_size);
-        intent["mtime_ns"] = Json::Int64(e.mtimeNs);
-        intent["same_fs"] = sameFs;
-        if (!writeSynced(q, intentName, compact(intent))) {
-            return failed(QStatus::Failed, errnoText("cannot write to " + m_qdirPath));
-        }
+    if (!writeSynced(q, intentName, compact(quarantineIntent(e, st, sameFs)))) {
+        return failed(QStatus::Failed, errnoText("cannot write to " + m_qdirPath));
     }
     step(1);
     auto dropIntent = [&]() {

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <memory>
 
 #include "UniqueFd.h"
 
@@ -105,13 +106,15 @@ std::string utcStamp()
     return buf;
 }
 
-// Tries to open and set up the database; "" on success, else why the file cannot be used, with
-// damaged true when the file itself is the problem (not the directory or the disk).
-std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
+struct DbCloser {
+    void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+using UniqueDb = std::unique_ptr<sqlite3, DbCloser>;
+
+// Created here so the file is 0600 from the start (SQLite gives its journal files the same mode); an
+// existing one is made private. "" or why it cannot be used, with damaged as for tryOpen.
+std::string prepareFile(const std::string& path, bool& damaged)
 {
-    damaged = false;
-    *out = nullptr;
-    // Created here so the file is 0600 from the start; SQLite gives its journal files the same mode.
     kuv::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd.valid()) {
         damaged = errno == ELOOP;
@@ -125,55 +128,74 @@ std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
     if ((st.st_mode & 077) != 0) {
         ::fchmod(fd.get(), 0600);
     }
-    sqlite3* db = nullptr;
-    int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr);
+    return std::string();
+}
+
+// Write-ahead log on, then the schema version of an intact file that this version can use; "" or why not.
+std::string checkDb(sqlite3* db, int& version, bool& damaged)
+{
+    std::string why;
+    const int rc = execSql(db, "PRAGMA journal_mode=WAL", why);
     if (rc != SQLITE_OK) {
-        const std::string why = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
-        sqlite3_close(db);
         damaged = damageCode(rc);
         return why;
     }
-    sqlite3_busy_timeout(db, 10000);
-    auto fail = [&](bool isDamaged, const std::string& why) {
-        sqlite3_close(db);
-        damaged = isDamaged;
-        return why;
-    };
-    std::string why;
-    rc = execSql(db, "PRAGMA journal_mode=WAL", why);
-    if (rc != SQLITE_OK) {
-        return fail(damageCode(rc), why);
-    }
-    int version = -1;
     {
         Stmt s(db, "PRAGMA user_version");
         if (!s.ok() || s.step() != SQLITE_ROW) {
-            const int code = sqlite3_errcode(db);
-            return fail(damageCode(code), sqlite3_errmsg(db));
+            damaged = damageCode(sqlite3_errcode(db));
+            return sqlite3_errmsg(db);
         }
         version = int(s.col64(0));
     }
+    damaged = true;
     if (version > StoreDb::kSchemaVersion) {
-        return fail(true, "written by a newer version (schema " + std::to_string(version) + ", this one knows " +
-                              std::to_string(StoreDb::kSchemaVersion) + ")");
+        return "written by a newer version (schema " + std::to_string(version) + ", this one knows " +
+               std::to_string(StoreDb::kSchemaVersion) + ")";
     }
-    {
-        Stmt s(db, "PRAGMA quick_check");
-        const int step = s.ok() ? s.step() : SQLITE_ERROR;
-        if (step != SQLITE_ROW || s.colText(0) != "ok") {
-            return fail(true, "damaged: " + (step == SQLITE_ROW ? s.colText(0) : std::string(sqlite3_errmsg(db))));
-        }
+    Stmt s(db, "PRAGMA quick_check");
+    const int step = s.ok() ? s.step() : SQLITE_ERROR;
+    if (step != SQLITE_ROW || s.colText(0) != "ok") {
+        return "damaged: " + (step == SQLITE_ROW ? s.colText(0) : std::string(sqlite3_errmsg(db)));
     }
-    rc = sqlite3_exec(db, "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
+    damaged = false;
+    return std::string();
+}
+
+// Tries to open and set up the database; "" on success, else why the file cannot be used, with
+// damaged true when the file itself is the problem (not the directory or the disk).
+std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
+{
+    damaged = false;
+    *out = nullptr;
+    std::string why = prepareFile(path, damaged);
+    if (!why.empty()) {
+        return why;
+    }
+    sqlite3* opened = nullptr;
+    const int rc = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr);
+    UniqueDb db(opened);
+    if (rc != SQLITE_OK) {
+        damaged = damageCode(rc);
+        return db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(rc);
+    }
+    sqlite3_busy_timeout(db.get(), 10000);
+    int version = -1;
+    why = checkDb(db.get(), version, damaged);
+    if (!why.empty()) {
+        return why;
+    }
+    sqlite3_exec(db.get(), "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
     if (version < StoreDb::kSchemaVersion) {
-        rc = execSql(db, kSchema, why);
-        if (rc != SQLITE_OK) {
-            return fail(damageCode(rc), why);
+        const int created = execSql(db.get(), kSchema, why);
+        if (created != SQLITE_OK) {
+            damaged = damageCode(created);
+            return why;
         }
         const std::string set = "PRAGMA user_version=" + std::to_string(StoreDb::kSchemaVersion);
-        sqlite3_exec(db, set.c_str(), nullptr, nullptr, nullptr);
+        sqlite3_exec(db.get(), set.c_str(), nullptr, nullptr, nullptr);
     }
-    *out = db;
+    *out = db.release();
     return std::string();
 }
 

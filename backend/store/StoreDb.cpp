@@ -64,8 +64,12 @@ int execSql(sqlite3* db, const char* sql, std::string& why)
     return rc;
 }
 
+// Fills in the parameters of a statement.
+using Bind = std::function<void(Stmt&)>;
+const Bind kNoParameters = [](Stmt&) {};
+
 // Prepares sql, lets bind fill in its parameters and runs it to the end; false with error otherwise.
-bool runChange(sqlite3* db, const char* sql, const std::function<void(Stmt&)>& bind, std::string& error)
+bool runChange(sqlite3* db, const char* sql, const Bind& bind, std::string& error)
 {
     Stmt s(db, sql);
     if (!s.ok()) {
@@ -78,6 +82,27 @@ bool runChange(sqlite3* db, const char* sql, const std::function<void(Stmt&)>& b
         return false;
     }
     return true;
+}
+
+// Runs the query sql, its parameters filled in by bind, and hands each row to row.
+void forEachRow(sqlite3* db, const std::string& sql, const Bind& bind, const std::function<void(const Stmt&)>& row)
+{
+    Stmt s(db, sql.c_str());
+    if (!s.ok()) {
+        return;
+    }
+    bind(s);
+    while (s.step() == SQLITE_ROW) {
+        row(s);
+    }
+}
+
+// The first column of the query's one row; 0 without a row.
+int64_t queryNumber(sqlite3* db, const char* sql)
+{
+    int64_t value = 0;
+    forEachRow(db, sql, kNoParameters, [&](const Stmt& s) { value = s.col64(0); });
+    return value;
 }
 
 const char* const kSchema = R"SQL(
@@ -311,25 +336,20 @@ constexpr const char* kEntryColumns =
 std::vector<QuarantineEntry> StoreDb::quarantineEntries()
 {
     std::vector<QuarantineEntry> out;
-    Stmt s(m_db, (std::string(kEntryColumns) + " ORDER BY quarantined_at DESC, id").c_str());
-    while (s.ok() && s.step() == SQLITE_ROW) {
-        out.push_back(entryFrom(s));
-    }
+    forEachRow(m_db, std::string(kEntryColumns) + " ORDER BY quarantined_at DESC, id", kNoParameters,
+               [&](const Stmt& s) { out.push_back(entryFrom(s)); });
     return out;
 }
 
 bool StoreDb::quarantineEntry(const std::string& id, QuarantineEntry& out)
 {
-    Stmt s(m_db, (std::string(kEntryColumns) + " WHERE id=?").c_str());
-    if (!s.ok()) {
-        return false;
-    }
-    s.text(1, id);
-    if (s.step() != SQLITE_ROW) {
-        return false;
-    }
-    out = entryFrom(s);
-    return true;
+    bool found = false;
+    forEachRow(m_db, std::string(kEntryColumns) + " WHERE id=?", [&](Stmt& s) { s.text(1, id); },
+               [&](const Stmt& s) {
+                   out = entryFrom(s);
+                   found = true;
+               });
+    return found;
 }
 
 bool StoreDb::addJob(JobRecord& job)
@@ -412,11 +432,8 @@ JobRecord jobFrom(const Stmt& s)
 std::vector<std::string> jobPaths(sqlite3* db, int64_t id)
 {
     std::vector<std::string> paths;
-    Stmt p(db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid");
-    p.i64(1, id);
-    while (p.ok() && p.step() == SQLITE_ROW) {
-        paths.push_back(p.colText(0));
-    }
+    forEachRow(db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid", [&](Stmt& s) { s.i64(1, id); },
+               [&](const Stmt& s) { paths.push_back(s.colText(0)); });
     return paths;
 }
 
@@ -428,14 +445,8 @@ constexpr const char* kJobColumns =
 std::vector<JobRecord> StoreDb::jobs(int limit)
 {
     std::vector<JobRecord> out;
-    Stmt s(m_db, (std::string(kJobColumns) + " ORDER BY start_ms DESC, id DESC LIMIT ?").c_str());
-    if (!s.ok()) {
-        return out;
-    }
-    s.i64(1, limit);
-    while (s.step() == SQLITE_ROW) {
-        out.push_back(jobFrom(s));
-    }
+    forEachRow(m_db, std::string(kJobColumns) + " ORDER BY start_ms DESC, id DESC LIMIT ?",
+               [&](Stmt& s) { s.i64(1, limit); }, [&](const Stmt& s) { out.push_back(jobFrom(s)); });
     for (JobRecord& j : out) {
         j.paths = jobPaths(m_db, j.id);
     }
@@ -444,23 +455,20 @@ std::vector<JobRecord> StoreDb::jobs(int limit)
 
 bool StoreDb::job(int64_t id, JobRecord& out)
 {
-    {
-        Stmt s(m_db, (std::string(kJobColumns) + " WHERE id=?").c_str());
-        if (!s.ok()) {
-            return false;
-        }
-        s.i64(1, id);
-        if (s.step() != SQLITE_ROW) {
-            return false;
-        }
+    bool found = false;
+    const Bind byId = [&](Stmt& s) { s.i64(1, id); };
+    forEachRow(m_db, std::string(kJobColumns) + " WHERE id=?", byId, [&](const Stmt& s) {
         out = jobFrom(s);
+        found = true;
+    });
+    if (!found) {
+        return false;
     }
     out.paths = jobPaths(m_db, id);
-    Stmt f(m_db, "SELECT path, verdict, signature, reason, action FROM findings WHERE job=? ORDER BY rowid");
-    f.i64(1, id);
-    while (f.ok() && f.step() == SQLITE_ROW) {
-        out.findings.push_back({f.colText(0), f.colText(1), f.colText(2), f.colText(3), f.colText(4)});
-    }
+    forEachRow(m_db, "SELECT path, verdict, signature, reason, action FROM findings WHERE job=? ORDER BY rowid", byId,
+               [&](const Stmt& f) {
+                   out.findings.push_back({f.colText(0), f.colText(1), f.colText(2), f.colText(3), f.colText(4)});
+               });
     return true;
 }
 
@@ -478,14 +486,12 @@ bool StoreDb::setFindingAction(int64_t id, const std::string& path, const std::s
 
 int64_t StoreDb::pendingFindings()
 {
-    Stmt s(m_db, "SELECT COUNT(*) FROM findings WHERE verdict='infected' AND (action IS NULL OR action='')");
-    return s.ok() && s.step() == SQLITE_ROW ? s.col64(0) : 0;
+    return queryNumber(m_db, "SELECT COUNT(*) FROM findings WHERE verdict='infected' AND (action IS NULL OR action='')");
 }
 
 int64_t StoreDb::lastJobId()
 {
-    Stmt s(m_db, "SELECT COALESCE(MAX(id), 0) FROM jobs");
-    return s.ok() && s.step() == SQLITE_ROW ? s.col64(0) : 0;
+    return queryNumber(m_db, "SELECT COALESCE(MAX(id), 0) FROM jobs");
 }
 
 int StoreDb::pruneHistory(int days, int64_t now)

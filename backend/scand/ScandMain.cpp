@@ -30,6 +30,7 @@
 namespace kuv {
 namespace scand {
 
+// The notifier thread: once the broker confirmed the endpoint, sends what broadcast() queued.
 void Service::notifierLoop()
 {
     std::unique_lock<std::mutex> lock(m_outMutex);

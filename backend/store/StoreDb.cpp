@@ -11,6 +11,7 @@
 #include <ctime>
 #include <functional>
 #include <memory>
+#include <type_traits>
 
 #include "UniqueFd.h"
 
@@ -18,6 +19,11 @@ namespace kuv {
 namespace store {
 
 namespace {
+
+// Bytes that go into a BLOB column (a path), not TEXT.
+struct Blob {
+    const std::string& bytes;
+};
 
 // One prepared statement, finalized on scope exit.
 class Stmt {
@@ -36,6 +42,13 @@ public:
     void text(int i, const std::string& s) { sqlite3_bind_text(m_stmt, i, s.data(), int(s.size()), SQLITE_TRANSIENT); }
     void blob(int i, const std::string& s) { sqlite3_bind_blob(m_stmt, i, s.data(), int(s.size()), SQLITE_TRANSIENT); }
     void i64(int i, int64_t v) { sqlite3_bind_int64(m_stmt, i, v); }
+    // Binds the parameters 1, 2, ... in order: strings as TEXT, Blob as BLOB, integers as INTEGER.
+    template <typename... Values>
+    void bind(const Values&... values)
+    {
+        int i = 0;
+        (bindOne(++i, values), ...);
+    }
     int step() { return sqlite3_step(m_stmt); }
     int64_t col64(int i) const { return sqlite3_column_int64(m_stmt, i); }
     std::string colText(int i) const
@@ -46,6 +59,14 @@ public:
     }
 
 private:
+    void bindOne(int i, const std::string& s) { text(i, s); }
+    void bindOne(int i, const Blob& b) { blob(i, b.bytes); }
+    template <typename T, typename = std::enable_if_t<std::is_integral<T>::value>>
+    void bindOne(int i, T v)
+    {
+        i64(i, int64_t(v));
+    }
+
     sqlite3_stmt* m_stmt = nullptr;
 };
 
@@ -64,19 +85,16 @@ int execSql(sqlite3* db, const char* sql, std::string& why)
     return rc;
 }
 
-// Fills in the parameters of a statement.
-using Bind = std::function<void(Stmt&)>;
-const Bind kNoParameters = [](Stmt&) {};
-
-// Prepares sql, lets bind fill in its parameters and runs it to the end; false with error otherwise.
-bool runChange(sqlite3* db, const char* sql, const Bind& bind, std::string& error)
+// Runs sql with the parameters values to the end; false with error otherwise.
+template <typename... Values>
+bool runChange(sqlite3* db, const char* sql, std::string& error, const Values&... values)
 {
     Stmt s(db, sql);
     if (!s.ok()) {
         error = sqlite3_errmsg(db);
         return false;
     }
-    bind(s);
+    s.bind(values...);
     if (s.step() != SQLITE_DONE) {
         error = sqlite3_errmsg(db);
         return false;
@@ -84,14 +102,16 @@ bool runChange(sqlite3* db, const char* sql, const Bind& bind, std::string& erro
     return true;
 }
 
-// Runs the query sql, its parameters filled in by bind, and hands each row to row.
-void forEachRow(sqlite3* db, const std::string& sql, const Bind& bind, const std::function<void(const Stmt&)>& row)
+// Runs the query sql with the parameters values and hands each row to row.
+template <typename... Values>
+void forEachRow(sqlite3* db, const std::string& sql, const std::function<void(const Stmt&)>& row,
+                const Values&... values)
 {
     Stmt s(db, sql.c_str());
     if (!s.ok()) {
         return;
     }
-    bind(s);
+    s.bind(values...);
     while (s.step() == SQLITE_ROW) {
         row(s);
     }
@@ -101,7 +121,7 @@ void forEachRow(sqlite3* db, const std::string& sql, const Bind& bind, const std
 int64_t queryNumber(sqlite3* db, const char* sql)
 {
     int64_t value = 0;
-    forEachRow(db, sql, kNoParameters, [&](const Stmt& s) { value = s.col64(0); });
+    forEachRow(db, sql, [&](const Stmt& s) { value = s.col64(0); });
     return value;
 }
 
@@ -286,26 +306,13 @@ bool StoreDb::addQuarantine(const QuarantineEntry& e)
     return runChange(m_db,
                      "INSERT OR REPLACE INTO quarantine(id, path, size, mode, uid, gid, atime_ns, mtime_ns, sha256, "
                      "signature, quarantined_at, job) VALUES(?,?,?,?,?,?,?,?,?,?,?,?)",
-                     [&](Stmt& s) {
-                         s.text(1, e.id);
-                         s.blob(2, e.originalPath);
-                         s.i64(3, int64_t(e.size));
-                         s.i64(4, e.mode);
-                         s.i64(5, e.uid);
-                         s.i64(6, e.gid);
-                         s.i64(7, e.atimeNs);
-                         s.i64(8, e.mtimeNs);
-                         s.text(9, e.sha256);
-                         s.text(10, e.signature);
-                         s.i64(11, e.quarantinedAt);
-                         s.text(12, e.job);
-                     },
-                     m_error);
+                     m_error, e.id, Blob{e.originalPath}, e.size, e.mode, e.uid, e.gid, e.atimeNs, e.mtimeNs,
+                     e.sha256, e.signature, e.quarantinedAt, e.job);
 }
 
 bool StoreDb::removeQuarantine(const std::string& id)
 {
-    return runChange(m_db, "DELETE FROM quarantine WHERE id=?", [&](Stmt& s) { s.text(1, id); }, m_error);
+    return runChange(m_db, "DELETE FROM quarantine WHERE id=?", m_error, id);
 }
 
 namespace {
@@ -336,7 +343,7 @@ constexpr const char* kEntryColumns =
 std::vector<QuarantineEntry> StoreDb::quarantineEntries()
 {
     std::vector<QuarantineEntry> out;
-    forEachRow(m_db, std::string(kEntryColumns) + " ORDER BY quarantined_at DESC, id", kNoParameters,
+    forEachRow(m_db, std::string(kEntryColumns) + " ORDER BY quarantined_at DESC, id",
                [&](const Stmt& s) { out.push_back(entryFrom(s)); });
     return out;
 }
@@ -344,11 +351,13 @@ std::vector<QuarantineEntry> StoreDb::quarantineEntries()
 bool StoreDb::quarantineEntry(const std::string& id, QuarantineEntry& out)
 {
     bool found = false;
-    forEachRow(m_db, std::string(kEntryColumns) + " WHERE id=?", [&](Stmt& s) { s.text(1, id); },
-               [&](const Stmt& s) {
-                   out = entryFrom(s);
-                   found = true;
-               });
+    forEachRow(
+        m_db, std::string(kEntryColumns) + " WHERE id=?",
+        [&](const Stmt& s) {
+            out = entryFrom(s);
+            found = true;
+        },
+        id);
     return found;
 }
 
@@ -362,47 +371,22 @@ bool StoreDb::addJob(JobRecord& job)
         exec("ROLLBACK");
         return false;
     };
-    const bool added = runChange(m_db,
-                                 "INSERT INTO jobs(job, start_ms, duration_ms, state, files, bytes, infected, errors, "
-                                 "skipped, partial) VALUES(?,?,?,?,?,?,?,?,?,?)",
-                                 [&](Stmt& s) {
-                                     s.text(1, job.job);
-                                     s.i64(2, job.startMs);
-                                     s.i64(3, job.durationMs);
-                                     s.text(4, job.state);
-                                     s.i64(5, job.files);
-                                     s.i64(6, job.bytes);
-                                     s.i64(7, job.infected);
-                                     s.i64(8, job.errors);
-                                     s.i64(9, job.skipped);
-                                     s.i64(10, job.partial);
-                                 },
-                                 m_error);
-    if (!added) {
+    if (!runChange(m_db,
+                   "INSERT INTO jobs(job, start_ms, duration_ms, state, files, bytes, infected, errors, skipped, "
+                   "partial) VALUES(?,?,?,?,?,?,?,?,?,?)",
+                   m_error, job.job, job.startMs, job.durationMs, job.state, job.files, job.bytes, job.infected,
+                   job.errors, job.skipped, job.partial)) {
         return rollback();
     }
     job.id = sqlite3_last_insert_rowid(m_db);
     for (const std::string& p : job.paths) {
-        if (!runChange(m_db, "INSERT INTO job_paths(job, path) VALUES(?,?)",
-                       [&](Stmt& s) {
-                           s.i64(1, job.id);
-                           s.blob(2, p);
-                       },
-                       m_error)) {
+        if (!runChange(m_db, "INSERT INTO job_paths(job, path) VALUES(?,?)", m_error, job.id, Blob{p})) {
             return rollback();
         }
     }
     for (const FindingRecord& f : job.findings) {
         if (!runChange(m_db, "INSERT INTO findings(job, path, verdict, signature, reason, action) VALUES(?,?,?,?,?,?)",
-                       [&](Stmt& s) {
-                           s.i64(1, job.id);
-                           s.blob(2, f.path);
-                           s.text(3, f.verdict);
-                           s.text(4, f.signature);
-                           s.text(5, f.reason);
-                           s.text(6, f.action);
-                       },
-                       m_error)) {
+                       m_error, job.id, Blob{f.path}, f.verdict, f.signature, f.reason, f.action)) {
             return rollback();
         }
     }
@@ -432,8 +416,9 @@ JobRecord jobFrom(const Stmt& s)
 std::vector<std::string> jobPaths(sqlite3* db, int64_t id)
 {
     std::vector<std::string> paths;
-    forEachRow(db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid", [&](Stmt& s) { s.i64(1, id); },
-               [&](const Stmt& s) { paths.push_back(s.colText(0)); });
+    forEachRow(
+        db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid", [&](const Stmt& s) { paths.push_back(s.colText(0)); },
+        id);
     return paths;
 }
 
@@ -445,8 +430,9 @@ constexpr const char* kJobColumns =
 std::vector<JobRecord> StoreDb::jobs(int limit)
 {
     std::vector<JobRecord> out;
-    forEachRow(m_db, std::string(kJobColumns) + " ORDER BY start_ms DESC, id DESC LIMIT ?",
-               [&](Stmt& s) { s.i64(1, limit); }, [&](const Stmt& s) { out.push_back(jobFrom(s)); });
+    forEachRow(
+        m_db, std::string(kJobColumns) + " ORDER BY start_ms DESC, id DESC LIMIT ?",
+        [&](const Stmt& s) { out.push_back(jobFrom(s)); }, limit);
     for (JobRecord& j : out) {
         j.paths = jobPaths(m_db, j.id);
     }
@@ -456,31 +442,29 @@ std::vector<JobRecord> StoreDb::jobs(int limit)
 bool StoreDb::job(int64_t id, JobRecord& out)
 {
     bool found = false;
-    const Bind byId = [&](Stmt& s) { s.i64(1, id); };
-    forEachRow(m_db, std::string(kJobColumns) + " WHERE id=?", byId, [&](const Stmt& s) {
-        out = jobFrom(s);
-        found = true;
-    });
+    forEachRow(
+        m_db, std::string(kJobColumns) + " WHERE id=?",
+        [&](const Stmt& s) {
+            out = jobFrom(s);
+            found = true;
+        },
+        id);
     if (!found) {
         return false;
     }
     out.paths = jobPaths(m_db, id);
-    forEachRow(m_db, "SELECT path, verdict, signature, reason, action FROM findings WHERE job=? ORDER BY rowid", byId,
-               [&](const Stmt& f) {
-                   out.findings.push_back({f.colText(0), f.colText(1), f.colText(2), f.colText(3), f.colText(4)});
-               });
+    forEachRow(
+        m_db, "SELECT path, verdict, signature, reason, action FROM findings WHERE job=? ORDER BY rowid",
+        [&](const Stmt& f) {
+            out.findings.push_back({f.colText(0), f.colText(1), f.colText(2), f.colText(3), f.colText(4)});
+        },
+        id);
     return true;
 }
 
 bool StoreDb::setFindingAction(int64_t id, const std::string& path, const std::string& action)
 {
-    return runChange(m_db, "UPDATE findings SET action=? WHERE job=? AND path=?",
-                     [&](Stmt& s) {
-                         s.text(1, action);
-                         s.i64(2, id);
-                         s.blob(3, path);
-                     },
-                     m_error) &&
+    return runChange(m_db, "UPDATE findings SET action=? WHERE job=? AND path=?", m_error, action, id, Blob{path}) &&
            sqlite3_changes(m_db) > 0;
 }
 
@@ -500,7 +484,7 @@ int StoreDb::pruneHistory(int days, int64_t now)
         return 0;
     }
     const int64_t before = now - int64_t(days) * 86400000;
-    if (!runChange(m_db, "DELETE FROM jobs WHERE start_ms < ?", [&](Stmt& s) { s.i64(1, before); }, m_error)) {
+    if (!runChange(m_db, "DELETE FROM jobs WHERE start_ms < ?", m_error, before)) {
         return -1;
     }
     return sqlite3_changes(m_db);

@@ -117,6 +117,21 @@ void forEachRow(sqlite3* db, const std::string& sql, const std::function<void(co
     }
 }
 
+// The query's row (the last, when there are several) made into out by from; false without a row.
+template <typename T, typename... Values>
+bool readRow(sqlite3* db, const std::string& sql, T (*from)(const Stmt&), T& out, const Values&... values)
+{
+    bool found = false;
+    forEachRow(
+        db, sql,
+        [&](const Stmt& s) {
+            out = from(s);
+            found = true;
+        },
+        values...);
+    return found;
+}
+
 // The first column of the query's one row; 0 without a row.
 int64_t queryNumber(sqlite3* db, const char* sql)
 {
@@ -350,15 +365,7 @@ std::vector<QuarantineEntry> StoreDb::quarantineEntries()
 
 bool StoreDb::quarantineEntry(const std::string& id, QuarantineEntry& out)
 {
-    bool found = false;
-    forEachRow(
-        m_db, std::string(kEntryColumns) + " WHERE id=?",
-        [&](const Stmt& s) {
-            out = entryFrom(s);
-            found = true;
-        },
-        id);
-    return found;
+    return readRow(m_db, std::string(kEntryColumns) + " WHERE id=?", entryFrom, out, id);
 }
 
 bool StoreDb::addJob(JobRecord& job)
@@ -441,15 +448,7 @@ std::vector<JobRecord> StoreDb::jobs(int limit)
 
 bool StoreDb::job(int64_t id, JobRecord& out)
 {
-    bool found = false;
-    forEachRow(
-        m_db, std::string(kJobColumns) + " WHERE id=?",
-        [&](const Stmt& s) {
-            out = jobFrom(s);
-            found = true;
-        },
-        id);
-    if (!found) {
+    if (!readRow(m_db, std::string(kJobColumns) + " WHERE id=?", jobFrom, out, id)) {
         return false;
     }
     out.paths = jobPaths(m_db, id);

@@ -1,6 +1,7 @@
 // The command line reads like the manual page: a few flags and options that take one value each.
 #include "ScandOptions.h"
 
+#include <charconv>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -49,11 +50,13 @@ const ValueOption kValueOptions[] = {
     {"--db-dir", [](Options& o, const std::string& v) { o.dbDirs.push_back(v); return true; }},
     {"--log-level",
      [](Options& o, const std::string& v) {
-         if (v.size() != 1 || v[0] < '0' || v[0] > '4') {
+         // One digit: "04" or "+4" is not a level.
+         int level = -1;
+         if (v.size() != 1 || std::from_chars(v.data(), v.data() + 1, level).ec != std::errc() || level > 4) {
              fprintf(stderr, "kuv-scand: --log-level takes 0..4\n");
              return false;
          }
-         o.logLevel = v[0] - '0';
+         o.logLevel = level;
          return true;
      }},
 };

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "ClamdReply.h"
+#include "SafeIo.h"
 #include "UniqueFd.h"
 
 namespace kuv {
@@ -124,23 +125,29 @@ public:
                 giveConn(std::move(conn));
                 return r;
             }
-            if (io == Io::Cancelled) {
-                return errorResult("cancelled");
-            }
-            if (io == Io::TimedOut) {
-                return errorResult("engine: clamd did not answer within " +
-                                   std::to_string(m_opt.scanTimeoutMs / 1000) + " s");
-            }
-            if (io == Io::TooLong) {
-                return errorResult("engine: clamd reply too long");
-            }
             // A session that clamd ended while it sat in the pool fails before any answer: retry once.
             if (!(reused && (io == Io::Closed || io == Io::Failed))) {
-                return errorResult(io == Io::Closed ? "engine: clamd closed the connection"
-                                                    : "engine: clamd connection failed");
+                return ioError(io);
             }
         }
         return errorResult("engine: clamd closed the connection");
+    }
+
+    ScanResult ioError(Io io) const
+    {
+        switch (io) {
+        case Io::Cancelled:
+            return errorResult("cancelled");
+        case Io::TimedOut:
+            return errorResult("engine: clamd did not answer within " + std::to_string(m_opt.scanTimeoutMs / 1000) +
+                               " s");
+        case Io::TooLong:
+            return errorResult("engine: clamd reply too long");
+        case Io::Closed:
+            return errorResult("engine: clamd closed the connection");
+        default:
+            return errorResult("engine: clamd connection failed");
+        }
     }
 
     EngineInfo info() const override
@@ -184,10 +191,8 @@ private:
         tv.tv_sec = m_opt.connectTimeoutMs / 1000;
         tv.tv_usec = (m_opt.connectTimeoutMs % 1000) * 1000;
         ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-        int rc;
-        do {
-            rc = ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
-        } while (rc != 0 && errno == EINTR);
+        const int rc = kuv::retryEintr(
+            [&] { return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr); });
         if (rc != 0) {
             error = m_path + ": " + errnoText(errno);
             return false;
@@ -266,11 +271,8 @@ private:
                 cm->cmsg_len = CMSG_LEN(sizeof(int));
                 std::memcpy(CMSG_DATA(cm), &passFd, sizeof(int));
             }
-            const ssize_t n = ::sendmsg(sock, &msg, MSG_NOSIGNAL);
+            const ssize_t n = kuv::retryEintr([&] { return ::sendmsg(sock, &msg, MSG_NOSIGNAL); });
             if (n < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
                 if (errno == EAGAIN || errno == EWOULDBLOCK) {
                     // A command is a few bytes: a full buffer means clamd stopped reading; wait briefly.
                     pollfd p = {sock, POLLOUT, 0};
@@ -312,6 +314,23 @@ private:
             }
         }
         const unsigned id = conn.nextId++;
+        const Io io = readAnswer(conn.fd.get(), deadline, cancel, reply);
+        if (io != Io::Ok) {
+            return io;
+        }
+        if (conn.session && !clamd::stripSessionId(reply, id)) {
+            // An answer that is not ours (or clamd's session error): the session cannot be trusted.
+            conn.session = false;
+            if (reply.find("ERROR") == std::string::npos) {
+                reply = "unexpected session answer ERROR";
+            }
+        }
+        return Io::Ok;
+    }
+
+    // One NUL-terminated answer (without the NUL) by deadline, waiting in slices that notice cancel.
+    static Io readAnswer(int sock, Clock::time_point deadline, const std::atomic<bool>* cancel, std::string& reply)
+    {
         reply.clear();
         char buf[512];
         for (;;) {
@@ -324,21 +343,21 @@ private:
             }
             const int slice = cancel != nullptr ? std::min<int>(kCancelSliceMs, static_cast<int>(left.count()))
                                                 : static_cast<int>(std::min<int64_t>(left.count(), 60000));
-            pollfd p = {conn.fd.get(), POLLIN, 0};
-            const int pr = ::poll(&p, 1, slice);
-            if (pr < 0 && errno != EINTR) {
+            pollfd p = {sock, POLLIN, 0};
+            const int pr = kuv::retryEintr([&] { return ::poll(&p, 1, slice); });
+            if (pr < 0) {
                 return Io::Failed;
             }
-            if (pr <= 0) {
+            if (pr == 0) {
                 continue;
             }
             // Read only up to the NUL: a session's next answer must stay in the socket.
-            const ssize_t n = ::recv(conn.fd.get(), buf, sizeof buf, MSG_PEEK);
+            const ssize_t n = kuv::retryEintr([&] { return ::recv(sock, buf, sizeof buf, MSG_PEEK); });
             if (n == 0) {
                 return Io::Closed;
             }
             if (n < 0) {
-                if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) {
+                if (errno == EAGAIN || errno == EWOULDBLOCK) {
                     continue;
                 }
                 return errno == ECONNRESET ? Io::Closed : Io::Failed;
@@ -346,7 +365,7 @@ private:
             const void* nul = std::memchr(buf, '\0', static_cast<size_t>(n));
             const size_t take = nul != nullptr ? static_cast<size_t>(static_cast<const char*>(nul) - buf) + 1
                                                : static_cast<size_t>(n);
-            const ssize_t got = ::recv(conn.fd.get(), buf, take, 0);
+            const ssize_t got = kuv::retryEintr([&] { return ::recv(sock, buf, take, 0); });
             if (got != static_cast<ssize_t>(take)) {
                 return Io::Failed;
             }
@@ -355,17 +374,9 @@ private:
             }
             reply.append(buf, nul != nullptr ? take - 1 : take);
             if (nul != nullptr) {
-                break;
+                return Io::Ok;
             }
         }
-        if (conn.session && !clamd::stripSessionId(reply, id)) {
-            // An answer that is not ours (or clamd's session error): the session cannot be trusted.
-            conn.session = false;
-            if (reply.find("ERROR") == std::string::npos) {
-                reply = "unexpected session answer ERROR";
-            }
-        }
-        return Io::Ok;
     }
 
     bool queryVersion(EngineInfo& info, std::string& error) const

@@ -1,6 +1,7 @@
 // clamd answers are short NUL-terminated texts; everything here is bounded and never trusts them.
 #include "ClamdReply.h"
 
+#include <charconv>
 #include <ctime>
 
 namespace kuv {
@@ -60,13 +61,9 @@ bool stripSessionId(std::string& reply, unsigned expectedId)
         return false;
     }
     unsigned long id = 0;
-    for (size_t i = 0; i < colon; ++i) {
-        if (reply[i] < '0' || reply[i] > '9') {
-            return false;
-        }
-        id = id * 10 + static_cast<unsigned>(reply[i] - '0');
-    }
-    if (id != expectedId) {
+    const char* const last = reply.data() + colon;
+    const std::from_chars_result digits = std::from_chars(reply.data(), last, id);
+    if (digits.ec != std::errc() || digits.ptr != last || id != expectedId) {
         return false;
     }
     reply.erase(0, colon + 2);

@@ -1,10 +1,10 @@
 #include "ClamEngine.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 
 #include <clamav.h>
@@ -31,7 +31,9 @@ void clamMessage(enum cl_msg severity, const char* fullmsg, const char* msg, voi
     }
     std::lock_guard<std::mutex> lock(g_sinkMutex);
     if (g_sink) {
-        g_sink(severity == CL_MSG_ERROR ? 4 : (severity == CL_MSG_WARN ? 3 : 1), text);
+        g_sink(severity == CL_MSG_ERROR ? kuv::LogLevel::Error
+                                        : (severity == CL_MSG_WARN ? kuv::LogLevel::Warn : kuv::LogLevel::Debug),
+               text);
     }
 }
 
@@ -72,22 +74,54 @@ bool endsWith(const std::string& text, const char* suffix)
     return text.size() >= n && text.compare(text.size() - n, n, suffix) == 0;
 }
 
+// The database files in dir, by name; none when it cannot be read.
 std::vector<std::string> sortedEntries(const std::string& dir)
 {
     std::vector<std::string> names;
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) {
-        return names;
-    }
-    while (dirent* e = readdir(d)) {
-        const std::string name = e->d_name;
-        if (name != "." && name != ".." && ClamEngine::isDatabaseFile(name)) {
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+        const std::string name = entry.path().filename().string();
+        if (ClamEngine::isDatabaseFile(name)) {
             names.push_back(name);
         }
     }
-    closedir(d);
     std::sort(names.begin(), names.end());
     return names;
+}
+
+void applyLimits(cl_engine* engine, const ClamSettings& settings)
+{
+    cl_engine_set_num(engine, CL_ENGINE_MAX_FILESIZE, static_cast<long long>(settings.maxFileSize));
+    cl_engine_set_num(engine, CL_ENGINE_MAX_SCANSIZE, static_cast<long long>(settings.maxScanSize));
+    cl_engine_set_num(engine, CL_ENGINE_MAX_RECURSION, settings.maxRecursion);
+    cl_engine_set_num(engine, CL_ENGINE_MAX_FILES, settings.maxFiles);
+    cl_engine_set_num(engine, CL_ENGINE_MAX_SCANTIME, settings.maxScanTimeMs);
+    cl_engine_set_clcb_pre_scan(engine, &preScan);
+}
+
+// Why libclamav refused what, with its own last error message when it gave one.
+std::string clamError(const std::string& what, cl_error_t rc)
+{
+    return what + cl_strerror(rc) + (t_lastClamMessage.empty() ? "" : " (" + t_lastClamMessage + ")");
+}
+
+// The newest file time, and the daily database's version, of the loaded database file path (named name).
+void noteDatabase(const std::string& path, const std::string& name, std::string& dbVersion, int64_t& dbTime)
+{
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0) {
+        dbTime = std::max<int64_t>(dbTime, st.st_mtime);
+    }
+    if (!endsWith(name, ".cvd") && !endsWith(name, ".cld")) {
+        return;
+    }
+    if (cl_cvd* head = cl_cvdhead(path.c_str())) {
+        if (name.rfind("daily.", 0) == 0) {
+            dbVersion = std::to_string(head->version);
+        }
+        dbTime = std::max<int64_t>(dbTime, head->stime);
+        cl_cvdfree(head);
+    }
 }
 
 std::string withSlash(std::string dir)
@@ -176,12 +210,7 @@ bool ClamEngine::reload()
     if (loaded->engine == nullptr) {
         return fail("libclamav could not create an engine");
     }
-    cl_engine_set_num(loaded->engine, CL_ENGINE_MAX_FILESIZE, static_cast<long long>(m_settings.maxFileSize));
-    cl_engine_set_num(loaded->engine, CL_ENGINE_MAX_SCANSIZE, static_cast<long long>(m_settings.maxScanSize));
-    cl_engine_set_num(loaded->engine, CL_ENGINE_MAX_RECURSION, m_settings.maxRecursion);
-    cl_engine_set_num(loaded->engine, CL_ENGINE_MAX_FILES, m_settings.maxFiles);
-    cl_engine_set_num(loaded->engine, CL_ENGINE_MAX_SCANTIME, m_settings.maxScanTimeMs);
-    cl_engine_set_clcb_pre_scan(loaded->engine, &preScan);
+    applyLimits(loaded->engine, m_settings);
 
     unsigned int signatures = 0;
     int files = 0;
@@ -192,10 +221,7 @@ bool ClamEngine::reload()
             t_lastClamMessage.clear();
             const cl_error_t rc = cl_load(path.c_str(), loaded->engine, &signatures, CL_DB_STDOPT);
             if (rc != CL_SUCCESS) {
-                std::string why = path + ": " + cl_strerror(rc);
-                if (!t_lastClamMessage.empty()) {
-                    why += " (" + t_lastClamMessage + ")";
-                }
+                const std::string why = clamError(path + ": ", rc);
                 if (!first) {
                     return fail(why); // the running engine stays
                 }
@@ -203,19 +229,7 @@ bool ClamEngine::reload()
                 continue;
             }
             ++files;
-            struct stat st;
-            if (::stat(path.c_str(), &st) == 0) {
-                loaded->dbTime = std::max<int64_t>(loaded->dbTime, st.st_mtime);
-            }
-            if (endsWith(name, ".cvd") || endsWith(name, ".cld")) {
-                if (cl_cvd* head = cl_cvdhead(path.c_str())) {
-                    if (name.rfind("daily.", 0) == 0) {
-                        loaded->dbVersion = std::to_string(head->version);
-                    }
-                    loaded->dbTime = std::max<int64_t>(loaded->dbTime, head->stime);
-                    cl_cvdfree(head);
-                }
-            }
+            noteDatabase(path, name, loaded->dbVersion, loaded->dbTime);
         }
     }
     if (files == 0) {
@@ -224,8 +238,7 @@ bool ClamEngine::reload()
     t_lastClamMessage.clear();
     const cl_error_t compiled = cl_engine_compile(loaded->engine);
     if (compiled != CL_SUCCESS) {
-        return fail(std::string("the databases do not compile: ") + cl_strerror(compiled) +
-                    (t_lastClamMessage.empty() ? "" : " (" + t_lastClamMessage + ")"));
+        return fail(clamError("the databases do not compile: ", compiled));
     }
     loaded->signatures = signatures;
     std::lock_guard<std::mutex> lock(m_mutex);

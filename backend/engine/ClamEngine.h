@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "KuvLog.h"
 #include "ScanEngine.h"
 
 struct cl_engine;
@@ -58,8 +59,8 @@ private:
     std::mutex m_reloadMutex; // one load at a time
 };
 
-// Where libclamav's own messages go (level 1 debug, 3 warning, 4 error); any thread may call it.
-using ClamLogSink = std::function<void(int level, const std::string& text)>;
+// Where libclamav's own messages go (debug, warning or error); any thread may call it.
+using ClamLogSink = std::function<void(kuv::LogLevel level, const std::string& text)>;
 void setClamLogSink(ClamLogSink sink);
 
 // Fills error and returns null when libclamav cannot be initialised.

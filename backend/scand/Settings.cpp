@@ -38,22 +38,52 @@ bool readString(const Json::Value& root, const char* key, std::string& out, std:
     return true;
 }
 
-} // namespace
-
-bool parseSettings(const std::string& text, Settings& s, std::string& error)
+// The settings file's JSON object, comments allowed.
+bool parseObject(const std::string& text, Json::Value& root, std::string& error)
 {
     Json::CharReaderBuilder builder;
     builder["allowComments"] = true;
     builder["failIfExtra"] = true;
     builder["stackLimit"] = 16;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value root;
     std::string errors;
     if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject()) {
         error = errors.empty() ? std::string("not a JSON object") : errors;
         while (!error.empty() && error.back() == '\n') {
             error.pop_back();
         }
+        return false;
+    }
+    return true;
+}
+
+bool readDbDirs(const Json::Value& root, Settings& s, std::string& error)
+{
+    if (!root.isMember("db_dirs")) {
+        return true;
+    }
+    const Json::Value& dirs = root["db_dirs"];
+    if (!dirs.isArray() || dirs.size() > 16) {
+        error = "\"db_dirs\" must be an array of at most 16 directories";
+        return false;
+    }
+    s.extraDbDirs.clear();
+    for (const Json::Value& d : dirs) {
+        if (!d.isString() || d.asString().empty()) {
+            error = "\"db_dirs\" holds directory names";
+            return false;
+        }
+        s.extraDbDirs.push_back(d.asString());
+    }
+    return true;
+}
+
+} // namespace
+
+bool parseSettings(const std::string& text, Settings& s, std::string& error)
+{
+    Json::Value root;
+    if (!parseObject(text, root, error)) {
         return false;
     }
     uint64_t workers = s.workers, level = static_cast<uint64_t>(s.logLevel), size = static_cast<uint64_t>(s.logSize),
@@ -77,20 +107,8 @@ bool parseSettings(const std::string& text, Settings& s, std::string& error)
         error = "\"engine\" is \"libclamav\" or \"clamd\"";
         return false;
     }
-    if (root.isMember("db_dirs")) {
-        const Json::Value& dirs = root["db_dirs"];
-        if (!dirs.isArray() || dirs.size() > 16) {
-            error = "\"db_dirs\" must be an array of at most 16 directories";
-            return false;
-        }
-        s.extraDbDirs.clear();
-        for (const Json::Value& d : dirs) {
-            if (!d.isString() || d.asString().empty()) {
-                error = "\"db_dirs\" holds directory names";
-                return false;
-            }
-            s.extraDbDirs.push_back(d.asString());
-        }
+    if (!readDbDirs(root, s, error)) {
+        return false;
     }
     s.workers = static_cast<unsigned>(workers);
     s.logLevel = static_cast<int>(level);

@@ -44,7 +44,9 @@ public:
 private:
     bool excluded(const std::string& path) const;
     bool cancelled() const { return m_cancel != nullptr && m_cancel->load(std::memory_order_relaxed); }
+    bool walkRoot(const std::string& rawRoot, const Visit& visit);
     bool walkDir(const std::string& root, const Visit& visit);
+    bool readDir(const std::string& dir, bool isRoot, const Visit& visit, std::vector<std::string>& children);
 
     std::vector<std::string> m_exclude;
     const std::atomic<bool>* m_cancel;

@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,7 @@
 
 #include <json/json.h>
 
+#include "SafeIo.h"
 #include "ScanSettings.h"
 #include "Sha256.h"
 #include "StorePaths.h"
@@ -73,29 +76,15 @@ uint64_t randomSeed()
 
 bool writeAll(int fd, const char* data, size_t size)
 {
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        data += n;
-        size -= size_t(n);
-    }
-    return true;
+    return kuv::safeWrite(fd, data, size) == static_cast<ssize_t>(size);
 }
 
 ssize_t preadFull(int fd, char* buf, size_t size, off_t offset)
 {
     size_t got = 0;
     while (got < size) {
-        const ssize_t n = ::pread(fd, buf + got, size - got, offset + off_t(got));
+        const ssize_t n = kuv::retryEintr([&] { return ::pread(fd, buf + got, size - got, offset + off_t(got)); });
         if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
             return -1;
         }
         if (n == 0) {
@@ -141,23 +130,7 @@ bool readSmall(int dirFd, const std::string& name, std::string& out)
     if (!fd.valid()) {
         return false;
     }
-    std::string data;
-    char buf[4096];
-    for (;;) {
-        const ssize_t n = ::read(fd.get(), buf, sizeof buf);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        data.append(buf, size_t(n));
-        if (data.size() > kMaxHeader) {
-            return false;
-        }
-    }
-    out = std::move(data);
-    return true;
+    return readUpTo(fd.get(), kMaxHeader, out);
 }
 
 int64_t toNs(const struct timespec& ts)
@@ -175,24 +148,6 @@ struct timespec fromNs(int64_t ns)
         ts.tv_sec -= 1;
     }
     return ts;
-}
-
-Json::Value entryToJson(const QuarantineEntry& e)
-{
-    Json::Value v(Json::objectValue);
-    v["id"] = e.id;
-    v["path_hex"] = hexEncode(e.originalPath);
-    v["size"] = Json::UInt64(e.size);
-    v["mode"] = e.mode;
-    v["uid"] = e.uid;
-    v["gid"] = e.gid;
-    v["atime_ns"] = Json::Int64(e.atimeNs);
-    v["mtime_ns"] = Json::Int64(e.mtimeNs);
-    v["sha256"] = e.sha256;
-    v["signature"] = e.signature;
-    v["date"] = Json::Int64(e.quarantinedAt);
-    v["job"] = e.job;
-    return v;
 }
 
 bool entryFromJson(const Json::Value& v, QuarantineEntry& e)
@@ -272,8 +227,7 @@ class FileLock {
 public:
     explicit FileLock(int fd) : m_fd(fd)
     {
-        while (::flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
-        }
+        kuv::retryEintr([&] { return ::flock(m_fd, LOCK_EX); });
     }
     ~FileLock() { ::flock(m_fd, LOCK_UN); }
     FileLock(const FileLock&) = delete;
@@ -325,6 +279,67 @@ int linkNoReplace(int dirFd, const std::string& tempName, const std::string& fin
         return 0;
     }
     return errno;
+}
+
+// The record of the file at path, as stat saw it; its digest and size come from reading it.
+QuarantineEntry newEntry(const std::string& path, const struct stat& st, const std::string& signature,
+                         const std::string& job)
+{
+    QuarantineEntry e;
+    e.id = randomId();
+    e.originalPath = path;
+    e.mode = st.st_mode & 07777;
+    e.uid = st.st_uid;
+    e.gid = st.st_gid;
+    e.atimeNs = toNs(st.st_atim);
+    e.mtimeNs = toNs(st.st_mtim);
+    e.signature = signature;
+    e.job = job;
+    e.quarantinedAt = nowMs();
+    return e;
+}
+
+// Links the restored copy tempName in place as name, or beside it as "<name>.restored", "<name>.restored-2",
+// ... when asked; 0 with the name used in finalName, else an errno (EEXIST: every name was taken).
+int linkRestored(int dirFd, const std::string& tempName, const std::string& name, RestoreMode mode,
+                 std::string& finalName)
+{
+    finalName = name;
+    int rc = linkNoReplace(dirFd, tempName, finalName);
+    for (int n = 1; rc == EEXIST && mode == RestoreMode::Beside && n < 1000; ++n) {
+        finalName = name + ".restored" + (n == 1 ? std::string() : "-" + std::to_string(n));
+        rc = linkNoReplace(dirFd, tempName, finalName);
+    }
+    return rc;
+}
+
+// path made absolute against the working directory; false with errno when that cannot be known.
+bool absolutePath(const std::string& path, std::string& absolute)
+{
+    if (path[0] == '/') {
+        absolute = path;
+        return true;
+    }
+    char cwd[4096];
+    if (::getcwd(cwd, sizeof cwd) == nullptr) {
+        return false;
+    }
+    absolute = std::string(cwd) + "/" + path;
+    return true;
+}
+
+// What recover() needs to finish or undo a quarantine of e's file (stat st) cut short.
+Json::Value quarantineIntent(const QuarantineEntry& e, const struct stat& st, bool sameFs)
+{
+    Json::Value intent(Json::objectValue);
+    intent["op"] = "quarantine";
+    intent["path_hex"] = hexEncode(e.originalPath);
+    intent["dev"] = Json::UInt64(st.st_dev);
+    intent["ino"] = Json::UInt64(st.st_ino);
+    intent["size"] = Json::UInt64(st.st_size);
+    intent["mtime_ns"] = Json::Int64(e.mtimeNs);
+    intent["same_fs"] = sameFs;
+    return intent;
 }
 
 } // namespace
@@ -389,7 +404,8 @@ void QuarantineStore::step(int n)
         hook(n);
     }
     const char* at = std::getenv("KUV_QUARANTINE_CRASH_AT");
-    if (at != nullptr && std::atoi(at) == n) {
+    int crashAt = 0;
+    if (at != nullptr && std::from_chars(at, at + std::strlen(at), crashAt).ec == std::errc() && crashAt == n) {
         ::kill(::getpid(), SIGKILL);
     }
 }
@@ -423,27 +439,15 @@ std::unique_ptr<QuarantineStore> QuarantineStore::open(const std::string& dataDi
 
 QuarantineStore::~QuarantineStore() = default;
 
+// What an interrupted operation left is finished or undone, then the index is made to match the stored files.
 void QuarantineStore::recover()
 {
-    const int q = m_qdir.get();
     std::vector<std::string> names;
-    {
-        UniqueFd dup(::openat(q, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        DIR* d = dup.valid() ? ::fdopendir(dup.release()) : nullptr;
-        if (d == nullptr) {
-            m_notices.push_back(errnoText("cannot list " + m_qdirPath));
-            return;
-        }
-        while (struct dirent* ent = ::readdir(d)) {
-            names.emplace_back(ent->d_name);
-        }
-        ::closedir(d);
+    if (!listQuarantineDir(names)) {
+        m_notices.push_back(errnoText("cannot list " + m_qdirPath));
+        return;
     }
-    auto has = [&](const std::string& n) {
-        struct stat st {};
-        return ::fstatat(q, n.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
-    };
-
+    const int q = m_qdir.get();
     // A half-written copy is never an entry: the original is still where it was (or in <id>.raw).
     for (const std::string& n : names) {
         if (endsWith(n, ".tmp")) {
@@ -451,102 +455,156 @@ void QuarantineStore::recover()
         }
     }
     for (const std::string& n : names) {
-        if (!endsWith(n, ".intent") || !isId(n.substr(0, n.size() - 7))) {
-            continue;
+        if (endsWith(n, ".intent") && isId(n.substr(0, n.size() - 7))) {
+            recoverQuarantine(n.substr(0, n.size() - 7), n);
         }
-        const std::string id = n.substr(0, n.size() - 7);
-        const std::string raw = id + ".raw";
-        const std::string stored = storedName(id);
-        std::string text;
-        Json::Value intent;
-        std::string original;
-        const bool readable = readSmall(q, n, text) && parseJson(text, intent) &&
-                              hexDecode(intent["path_hex"].asString(), original) && !original.empty();
-        if (!readable) {
-            if (has(raw)) {
-                // Cannot happen short of a damaged disk (the intent is synced before the move); keep it.
-                m_notices.push_back("quarantine: " + id + ".raw has no readable record; left in " + m_qdirPath);
-                continue;
-            }
-            ::unlinkat(q, n.c_str(), 0);
-            continue;
-        }
-        if (has(stored)) {
-            // The neutralised copy is complete: finish the move.
-            if (has(raw)) {
-                ::unlinkat(q, raw.c_str(), 0);
-            } else {
-                std::string name;
-                UniqueFd parent = openParent(original, name);
-                struct stat st {};
-                if (parent.valid() && ::fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-                    uint64_t(st.st_dev) == intent["dev"].asUInt64() && uint64_t(st.st_ino) == intent["ino"].asUInt64() &&
-                    toNs(st.st_mtim) == intent["mtime_ns"].asInt64() && uint64_t(st.st_size) == intent["size"].asUInt64()) {
-                    ::unlinkat(parent.get(), name.c_str(), 0);
-                    syncDir(parent.get());
-                }
-            }
-            m_notices.push_back("quarantine: finished an interrupted quarantine of " + original);
-        } else if (has(raw)) {
-            // Moved in but not yet neutralised: put it back where it was, unless that place is taken.
-            std::string name;
-            UniqueFd parent = openParent(original, name);
-            if (parent.valid() && ::renameat2(q, raw.c_str(), parent.get(), name.c_str(), RENAME_NOREPLACE) == 0) {
-                syncDir(parent.get());
-                m_notices.push_back("quarantine: an interrupted quarantine was undone; " + original + " is back");
-            } else {
-                const std::string keep = id + ".orphan";
-                ::renameat(q, raw.c_str(), q, keep.c_str());
-                m_notices.push_back("quarantine: an interrupted quarantine of " + original + " could not be undone (" +
-                                    std::strerror(errno) + "); the file is kept as " + m_qdirPath + "/" + keep);
-            }
-        }
-        syncDir(q);
-        ::unlinkat(q, n.c_str(), 0);
-        syncDir(q);
     }
     // Interrupted restores: the temporary copy goes; a copy already linked in place completes it.
     for (const std::string& n : names) {
-        if (!endsWith(n, ".restoring") || !isId(n.substr(0, n.size() - 10))) {
-            continue;
+        if (endsWith(n, ".restoring") && isId(n.substr(0, n.size() - 10))) {
+            recoverRestore(n.substr(0, n.size() - 10), n);
         }
-        const std::string id = n.substr(0, n.size() - 10);
-        std::string text;
-        Json::Value intent;
-        std::string temp, target;
-        if (readSmall(q, n, text) && parseJson(text, intent) && hexDecode(intent["temp_hex"].asString(), temp) &&
-            hexDecode(intent["target_hex"].asString(), target)) {
-            std::string tempName, targetName;
-            UniqueFd parent = openParent(temp, tempName);
-            splitPath(target, text, targetName);
-            struct stat ts {}, fs {};
-            const bool haveTemp = parent.valid() && tempName.rfind(".kuv-restore-", 0) == 0 &&
-                                  ::fstatat(parent.get(), tempName.c_str(), &ts, AT_SYMLINK_NOFOLLOW) == 0;
-            const bool haveFinal = parent.valid() && ::fstatat(parent.get(), targetName.c_str(), &fs, AT_SYMLINK_NOFOLLOW) == 0;
-            bool done = false;
-            if (haveTemp) {
-                done = haveFinal && ts.st_dev == fs.st_dev && ts.st_ino == fs.st_ino;
-                ::unlinkat(parent.get(), tempName.c_str(), 0);
-                syncDir(parent.get());
-            } else if (haveFinal && S_ISREG(fs.st_mode)) {
-                QuarantineEntry e;
-                UniqueFd ffd(::openat(parent.get(), targetName.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-                std::string sha;
-                uint64_t size = 0;
-                done = m_db->quarantineEntry(id, e) && ffd.valid() && hashFd(ffd.get(), sha, size) &&
-                       sha == e.sha256 && size == e.size;
-            }
-            if (done) {
-                ::unlinkat(q, storedName(id).c_str(), 0);
-                syncDir(q);
-                m_db->removeQuarantine(id);
-                m_notices.push_back("quarantine: finished an interrupted restore to " + target);
-            }
-        }
-        ::unlinkat(q, n.c_str(), 0);
-        syncDir(q);
     }
-    // The stored files are the truth; the index follows them.
+    syncIndex(names);
+}
+
+bool QuarantineStore::listQuarantineDir(std::vector<std::string>& names) const
+{
+    UniqueFd dup(::openat(m_qdir.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dup.valid()) {
+        return false;
+    }
+    const std::unique_ptr<DIR, int (*)(DIR*)> d(::fdopendir(dup.get()), &::closedir);
+    if (!d) {
+        return false;
+    }
+    (void)dup.release(); // now d's
+    while (struct dirent* ent = ::readdir(d.get())) {
+        names.emplace_back(ent->d_name);
+    }
+    return true;
+}
+
+bool QuarantineStore::has(const std::string& name) const
+{
+    struct stat st {};
+    return ::fstatat(m_qdir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// A quarantine interrupted after its intent (intentName) was written.
+void QuarantineStore::recoverQuarantine(const std::string& id, const std::string& intentName)
+{
+    const int q = m_qdir.get();
+    const std::string raw = id + ".raw";
+    std::string text;
+    Json::Value intent;
+    std::string original;
+    const bool readable = readSmall(q, intentName, text) && parseJson(text, intent) &&
+                          hexDecode(intent["path_hex"].asString(), original) && !original.empty();
+    if (!readable) {
+        if (has(raw)) {
+            // Cannot happen short of a damaged disk (the intent is synced before the move); keep it.
+            m_notices.push_back("quarantine: " + id + ".raw has no readable record; left in " + m_qdirPath);
+            return;
+        }
+        ::unlinkat(q, intentName.c_str(), 0);
+        return;
+    }
+    if (has(storedName(id))) {
+        // The neutralised copy is complete: finish the move.
+        if (has(raw)) {
+            ::unlinkat(q, raw.c_str(), 0);
+        } else {
+            removeOriginalIfUnchanged(original, intent);
+        }
+        m_notices.push_back("quarantine: finished an interrupted quarantine of " + original);
+    } else if (has(raw)) {
+        putRawBack(id, original);
+    }
+    syncDir(q);
+    ::unlinkat(q, intentName.c_str(), 0);
+    syncDir(q);
+}
+
+// The original of a finished copy goes, unless it is no longer the file that was copied.
+void QuarantineStore::removeOriginalIfUnchanged(const std::string& original, const Json::Value& intent)
+{
+    std::string name;
+    UniqueFd parent = openParent(original, name);
+    struct stat st {};
+    if (parent.valid() && ::fstatat(parent.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        uint64_t(st.st_dev) == intent["dev"].asUInt64() && uint64_t(st.st_ino) == intent["ino"].asUInt64() &&
+        toNs(st.st_mtim) == intent["mtime_ns"].asInt64() && uint64_t(st.st_size) == intent["size"].asUInt64()) {
+        ::unlinkat(parent.get(), name.c_str(), 0);
+        syncDir(parent.get());
+    }
+}
+
+// Moved in but not yet neutralised: put it back where it was, unless that place is taken.
+void QuarantineStore::putRawBack(const std::string& id, const std::string& original)
+{
+    const int q = m_qdir.get();
+    const std::string raw = id + ".raw";
+    std::string name;
+    UniqueFd parent = openParent(original, name);
+    if (parent.valid() && ::renameat2(q, raw.c_str(), parent.get(), name.c_str(), RENAME_NOREPLACE) == 0) {
+        syncDir(parent.get());
+        m_notices.push_back("quarantine: an interrupted quarantine was undone; " + original + " is back");
+    } else {
+        const std::string keep = id + ".orphan";
+        ::renameat(q, raw.c_str(), q, keep.c_str());
+        m_notices.push_back("quarantine: an interrupted quarantine of " + original + " could not be undone (" +
+                            std::strerror(errno) + "); the file is kept as " + m_qdirPath + "/" + keep);
+    }
+}
+
+// A restore interrupted after its intent (intentName) was written.
+void QuarantineStore::recoverRestore(const std::string& id, const std::string& intentName)
+{
+    const int q = m_qdir.get();
+    std::string text;
+    Json::Value intent;
+    std::string temp, target;
+    if (readSmall(q, intentName, text) && parseJson(text, intent) && hexDecode(intent["temp_hex"].asString(), temp) &&
+        hexDecode(intent["target_hex"].asString(), target) && restoreWasDone(id, temp, target)) {
+        ::unlinkat(q, storedName(id).c_str(), 0);
+        syncDir(q);
+        m_db->removeQuarantine(id);
+        m_notices.push_back("quarantine: finished an interrupted restore to " + target);
+    }
+    ::unlinkat(q, intentName.c_str(), 0);
+    syncDir(q);
+}
+
+// Whether the restored file stands at target; the temporary copy (temp) goes in any case.
+bool QuarantineStore::restoreWasDone(const std::string& id, const std::string& temp, const std::string& target)
+{
+    std::string tempName, targetName, targetParent;
+    UniqueFd parent = openParent(temp, tempName);
+    splitPath(target, targetParent, targetName);
+    struct stat ts {}, fs {};
+    const bool haveTemp = parent.valid() && tempName.rfind(".kuv-restore-", 0) == 0 &&
+                          ::fstatat(parent.get(), tempName.c_str(), &ts, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool haveFinal = parent.valid() && ::fstatat(parent.get(), targetName.c_str(), &fs, AT_SYMLINK_NOFOLLOW) == 0;
+    if (haveTemp) {
+        ::unlinkat(parent.get(), tempName.c_str(), 0);
+        syncDir(parent.get());
+        return haveFinal && ts.st_dev == fs.st_dev && ts.st_ino == fs.st_ino;
+    }
+    if (haveFinal && S_ISREG(fs.st_mode)) {
+        QuarantineEntry e;
+        UniqueFd ffd(::openat(parent.get(), targetName.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        std::string sha;
+        uint64_t size = 0;
+        return m_db->quarantineEntry(id, e) && ffd.valid() && hashFd(ffd.get(), sha, size) && sha == e.sha256 &&
+               size == e.size;
+    }
+    return false;
+}
+
+// The stored files are the truth; the index follows them.
+void QuarantineStore::syncIndex(const std::vector<std::string>& names)
+{
     std::vector<std::string> present;
     for (const std::string& n : names) {
         if (!endsWith(n, ".kq") || !isId(n.substr(0, n.size() - 3)) || !has(n)) {
@@ -558,7 +616,7 @@ void QuarantineStore::recover()
         if (m_db->quarantineEntry(id, known)) {
             continue;
         }
-        UniqueFd fd(::openat(q, n.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        UniqueFd fd(::openat(m_qdir.get(), n.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
         QuarantineEntry e;
         uint64_t seed = 0;
         off_t off = 0;
@@ -571,40 +629,24 @@ void QuarantineStore::recover()
         }
     }
     for (const QuarantineEntry& e : m_db->quarantineEntries()) {
-        bool found = false;
-        for (const std::string& id : present) {
-            found = found || id == e.id;
-        }
+        const bool found = std::find(present.begin(), present.end(), e.id) != present.end();
         if (!found && !has(storedName(e.id))) {
             m_db->removeQuarantine(e.id);
         }
     }
 }
 
-QResult QuarantineStore::quarantine(const std::string& pathIn, const std::string& signature, const std::string& job,
-                                    QuarantineEntry* entryOut)
+// Opens the regular file at path (never through a link) and its folder; its stat in st.
+QResult QuarantineStore::openSource(const std::string& path, UniqueFd& parent, std::string& name, UniqueFd& src,
+                                    struct stat& st)
 {
-    std::string path = pathIn;
-    if (path.empty()) {
-        return failed(QStatus::NotFound, "empty path");
-    }
-    if (path[0] != '/') {
-        char cwd[4096];
-        if (::getcwd(cwd, sizeof cwd) == nullptr) {
-            return failed(QStatus::Failed, errnoText("cannot resolve " + path));
-        }
-        path = std::string(cwd) + "/" + path;
-    }
-    FileLock lock(m_lock.get());
-    const int q = m_qdir.get();
-    std::string name;
-    UniqueFd parent = openParent(path, name);
+    parent = openParent(path, name);
     if (!parent.valid()) {
         return failed(errno == ENOENT ? QStatus::NotFound : QStatus::Failed, errnoText("cannot open the folder of " + path));
     }
     // O_NOATIME where allowed, so that reading it does not change the access time recorded for it.
     const int readFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-    UniqueFd src(::openat(parent.get(), name.c_str(), readFlags | O_NOATIME));
+    src.reset(::openat(parent.get(), name.c_str(), readFlags | O_NOATIME));
     if (!src.valid() && errno == EPERM) {
         src.reset(::openat(parent.get(), name.c_str(), readFlags));
     }
@@ -614,28 +656,87 @@ QResult QuarantineStore::quarantine(const std::string& pathIn, const std::string
         }
         return failed(errno == ENOENT ? QStatus::NotFound : QStatus::Failed, errnoText("cannot open " + path));
     }
-    struct stat st {};
     if (::fstat(src.get(), &st) != 0) {
         return failed(QStatus::Failed, errnoText("cannot stat " + path));
     }
     if (!S_ISREG(st.st_mode)) {
         return failed(QStatus::NotRegular, path + " is not a regular file");
     }
+    return QResult{};
+}
+
+// Header and neutralised content of e's file, read from srcFd, written to outFd; step 3 at half the content.
+QResult QuarantineStore::writeNeutralised(int srcFd, int outFd, const QuarantineEntry& e)
+{
+    const uint64_t seed = randomSeed();
+    Json::Value header = entryToJson(e, "path_hex", hexEncode(e.originalPath));
+    header["seed"] = hexEncode(std::string(reinterpret_cast<const char*>(&seed), sizeof seed));
+    const std::string headerText = compact(header);
+    std::string head(kMagic, 8);
+    for (int i = 0; i < 4; ++i) {
+        head += static_cast<char>((headerText.size() >> (8 * i)) & 0xff);
+    }
+    head += headerText;
+    if (!writeAll(outFd, head.data(), head.size())) {
+        return failed(QStatus::Failed, errnoText("cannot write " + m_qdirPath));
+    }
+    Sha256 again;
+    std::string buf(kChunk, '\0');
+    uint64_t off = 0;
+    bool half = false;
+    for (;;) {
+        const ssize_t n = preadFull(srcFd, &buf[0], kChunk, off_t(off));
+        if (n < 0) {
+            return failed(QStatus::Failed, errnoText("cannot read " + e.originalPath));
+        }
+        if (n == 0) {
+            break;
+        }
+        again.update(buf.data(), size_t(n));
+        applyKey(seed, off, &buf[0], size_t(n));
+        if (!writeAll(outFd, buf.data(), size_t(n))) {
+            return failed(QStatus::Failed, errnoText("cannot write " + m_qdirPath));
+        }
+        off += uint64_t(n);
+        if (!half && off * 2 >= e.size) {
+            half = true;
+            step(3);
+        }
+    }
+    if (!half) {
+        step(3);
+    }
+    if (off != e.size || again.hexFinish() != e.sha256) {
+        return failed(QStatus::Changed, e.originalPath + " changed while it was read; it was left where it was");
+    }
+    return QResult{};
+}
+
+QResult QuarantineStore::quarantine(const std::string& pathIn, const std::string& signature, const std::string& job,
+                                    QuarantineEntry* entryOut)
+{
+    if (pathIn.empty()) {
+        return failed(QStatus::NotFound, "empty path");
+    }
+    std::string path;
+    if (!absolutePath(pathIn, path)) {
+        return failed(QStatus::Failed, errnoText("cannot resolve " + pathIn));
+    }
+    FileLock lock(m_lock.get());
+    const int q = m_qdir.get();
+    std::string name;
+    UniqueFd parent;
+    UniqueFd src;
+    struct stat st {};
+    const QResult opened = openSource(path, parent, name, src, st);
+    if (!opened.ok()) {
+        return opened;
+    }
     struct stat qst {};
     ::fstat(q, &qst);
     const bool sameFs = st.st_dev == qst.st_dev;
 
-    QuarantineEntry e;
-    e.id = randomId();
-    e.originalPath = path;
-    e.mode = st.st_mode & 07777;
-    e.uid = st.st_uid;
-    e.gid = st.st_gid;
-    e.atimeNs = toNs(st.st_atim);
-    e.mtimeNs = toNs(st.st_mtim);
-    e.signature = signature;
-    e.job = job;
-    e.quarantinedAt = nowMs();
+    QuarantineEntry e = newEntry(path, st, signature, job);
     uint64_t size = 0;
     if (!hashFd(src.get(), e.sha256, size)) {
         return failed(QStatus::Failed, errnoText("cannot read " + path));
@@ -646,18 +747,8 @@ QResult QuarantineStore::quarantine(const std::string& pathIn, const std::string
     const std::string rawName = e.id + ".raw";
     const std::string tmpName = e.id + ".tmp";
     const std::string storedFile = storedName(e.id);
-    {
-        Json::Value intent(Json::objectValue);
-        intent["op"] = "quarantine";
-        intent["path_hex"] = hexEncode(path);
-        intent["dev"] = Json::UInt64(st.st_dev);
-        intent["ino"] = Json::UInt64(st.st_ino);
-        intent["size"] = Json::UInt64(st.st_size);
-        intent["mtime_ns"] = Json::Int64(e.mtimeNs);
-        intent["same_fs"] = sameFs;
-        if (!writeSynced(q, intentName, compact(intent))) {
-            return failed(QStatus::Failed, errnoText("cannot write to " + m_qdirPath));
-        }
+    if (!writeSynced(q, intentName, compact(quarantineIntent(e, st, sameFs)))) {
+        return failed(QStatus::Failed, errnoText("cannot write to " + m_qdirPath));
     }
     step(1);
     auto dropIntent = [&]() {
@@ -692,50 +783,13 @@ QResult QuarantineStore::quarantine(const std::string& pathIn, const std::string
     };
 
     // The neutralised copy: magic, header, content XOR a per-entry key stream; 0600, never executable.
-    const uint64_t seed = randomSeed();
-    Json::Value header = entryToJson(e);
-    header["seed"] = hexEncode(std::string(reinterpret_cast<const char*>(&seed), sizeof seed));
-    const std::string headerText = compact(header);
     UniqueFd out(::openat(q, tmpName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!out.valid()) {
         return undo(QStatus::Failed, errnoText("cannot create " + m_qdirPath + "/" + tmpName));
     }
-    std::string head(kMagic, 8);
-    for (int i = 0; i < 4; ++i) {
-        head += static_cast<char>((headerText.size() >> (8 * i)) & 0xff);
-    }
-    head += headerText;
-    if (!writeAll(out.get(), head.data(), head.size())) {
-        return undo(QStatus::Failed, errnoText("cannot write " + m_qdirPath));
-    }
-    Sha256 again;
-    std::string buf(kChunk, '\0');
-    uint64_t off = 0;
-    bool half = false;
-    for (;;) {
-        const ssize_t n = preadFull(src.get(), &buf[0], kChunk, off_t(off));
-        if (n < 0) {
-            return undo(QStatus::Failed, errnoText("cannot read " + path));
-        }
-        if (n == 0) {
-            break;
-        }
-        again.update(buf.data(), size_t(n));
-        applyKey(seed, off, &buf[0], size_t(n));
-        if (!writeAll(out.get(), buf.data(), size_t(n))) {
-            return undo(QStatus::Failed, errnoText("cannot write " + m_qdirPath));
-        }
-        off += uint64_t(n);
-        if (!half && off * 2 >= e.size) {
-            half = true;
-            step(3);
-        }
-    }
-    if (!half) {
-        step(3);
-    }
-    if (off != e.size || again.hexFinish() != e.sha256) {
-        return undo(QStatus::Changed, path + " changed while it was read; it was left where it was");
+    const QResult copied = writeNeutralised(src.get(), out.get(), e);
+    if (!copied.ok()) {
+        return undo(copied.status, copied.message);
     }
     if (::fsync(out.get()) != 0) {
         return undo(QStatus::Failed, errnoText("cannot sync " + m_qdirPath));
@@ -773,6 +827,44 @@ QResult QuarantineStore::quarantine(const std::string& pathIn, const std::string
     }
     if (entryOut != nullptr) {
         *entryOut = e;
+    }
+    return QResult{};
+}
+
+// The original content of e from the stored file inFd (payload at payload) into outFd, with its owner,
+// mode and times, synced.
+QResult QuarantineStore::writeRestored(int inFd, off_t payload, uint64_t seed, int outFd, const QuarantineEntry& e)
+{
+    const std::string stored = m_qdirPath + "/" + storedName(e.id);
+    Sha256 h;
+    std::string buf(kChunk, '\0');
+    uint64_t off = 0;
+    while (off < e.size) {
+        const size_t want = size_t(std::min<uint64_t>(kChunk, e.size - off));
+        const ssize_t n = preadFull(inFd, &buf[0], want, payload + off_t(off));
+        if (n != ssize_t(want)) {
+            return failed(QStatus::Damaged, stored + " is damaged (short)");
+        }
+        applyKey(seed, off, &buf[0], want);
+        h.update(buf.data(), want);
+        if (!writeAll(outFd, buf.data(), want)) {
+            return failed(QStatus::Failed, errnoText("cannot write " + e.originalPath));
+        }
+        off += want;
+    }
+    if (h.hexFinish() != e.sha256) {
+        return failed(QStatus::Damaged, stored + " does not match its SHA-256");
+    }
+    // Owner first (it clears set-id bits), then mode, then times.
+    if (::geteuid() == 0) {
+        (void)::fchown(outFd, e.uid, e.gid);
+    }
+    if (::fchmod(outFd, e.mode & 07777) != 0) {
+        return failed(QStatus::Failed, errnoText("cannot set the mode of " + e.originalPath));
+    }
+    const struct timespec times[2] = {fromNs(e.atimeNs), fromNs(e.mtimeNs)};
+    if (::futimens(outFd, times) != 0 || ::fsync(outFd) != 0) {
+        return failed(QStatus::Failed, errnoText("cannot finish " + e.originalPath));
     }
     return QResult{};
 }
@@ -839,44 +931,14 @@ QResult QuarantineStore::restore(const std::string& id, RestoreMode mode, std::s
         dropIntent();
         return failed(status, why);
     };
-    Sha256 h;
-    std::string buf(kChunk, '\0');
-    uint64_t off = 0;
-    while (off < e.size) {
-        const size_t want = size_t(std::min<uint64_t>(kChunk, e.size - off));
-        const ssize_t n = preadFull(in.get(), &buf[0], want, payload + off_t(off));
-        if (n != ssize_t(want)) {
-            return dropTemp(QStatus::Damaged, m_qdirPath + "/" + storedFile + " is damaged (short)");
-        }
-        applyKey(seed, off, &buf[0], want);
-        h.update(buf.data(), want);
-        if (!writeAll(out.get(), buf.data(), want)) {
-            return dropTemp(QStatus::Failed, errnoText("cannot write " + e.originalPath));
-        }
-        off += want;
-    }
-    if (h.hexFinish() != e.sha256) {
-        return dropTemp(QStatus::Damaged, m_qdirPath + "/" + storedFile + " does not match its SHA-256");
-    }
-    // Owner first (it clears set-id bits), then mode, then times.
-    if (::geteuid() == 0) {
-        (void)::fchown(out.get(), e.uid, e.gid);
-    }
-    if (::fchmod(out.get(), e.mode & 07777) != 0) {
-        return dropTemp(QStatus::Failed, errnoText("cannot set the mode of " + e.originalPath));
-    }
-    const struct timespec times[2] = {fromNs(e.atimeNs), fromNs(e.mtimeNs)};
-    if (::futimens(out.get(), times) != 0 || ::fsync(out.get()) != 0) {
-        return dropTemp(QStatus::Failed, errnoText("cannot finish " + e.originalPath));
+    const QResult written = writeRestored(in.get(), payload, seed, out.get(), e);
+    if (!written.ok()) {
+        return dropTemp(written.status, written.message);
     }
     out.reset();
     step(12);
-    std::string finalName = name;
-    int rc = linkNoReplace(parent.get(), tempName, finalName);
-    for (int n = 1; rc == EEXIST && mode == RestoreMode::Beside && n < 1000; ++n) {
-        finalName = name + ".restored" + (n == 1 ? std::string() : "-" + std::to_string(n));
-        rc = linkNoReplace(parent.get(), tempName, finalName);
-    }
+    std::string finalName;
+    const int rc = linkRestored(parent.get(), tempName, name, mode, finalName);
     if (rc == EEXIST) {
         return dropTemp(QStatus::Exists, e.originalPath + " exists; nothing was overwritten");
     }
@@ -928,6 +990,24 @@ QResult QuarantineStore::remove(const std::string& id)
 std::vector<QuarantineEntry> QuarantineStore::list()
 {
     return m_db->quarantineEntries();
+}
+
+Json::Value entryToJson(const QuarantineEntry& e, const char* pathKey, Json::Value path)
+{
+    Json::Value v(Json::objectValue);
+    v["id"] = e.id;
+    v[pathKey] = std::move(path);
+    v["size"] = Json::UInt64(e.size);
+    v["mode"] = e.mode;
+    v["uid"] = e.uid;
+    v["gid"] = e.gid;
+    v["atime_ns"] = Json::Int64(e.atimeNs);
+    v["mtime_ns"] = Json::Int64(e.mtimeNs);
+    v["sha256"] = e.sha256;
+    v["signature"] = e.signature;
+    v["date"] = Json::Int64(e.quarantinedAt);
+    v["job"] = e.job;
+    return v;
 }
 
 } // namespace store

@@ -2,10 +2,14 @@
 // restored with their mode and times, never lost on the way in or out.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <json/value.h>
 
 #include "StoreDb.h"
 #include "UniqueFd.h"
@@ -66,7 +70,19 @@ public:
 
 private:
     QuarantineStore() = default;
+    QResult openSource(const std::string& path, kuv::UniqueFd& parent, std::string& name, kuv::UniqueFd& src,
+                       struct stat& st);
+    QResult writeNeutralised(int srcFd, int outFd, const QuarantineEntry& e);
+    QResult writeRestored(int inFd, off_t payload, uint64_t seed, int outFd, const QuarantineEntry& e);
     void recover();
+    bool listQuarantineDir(std::vector<std::string>& names) const;
+    bool has(const std::string& name) const;
+    void recoverQuarantine(const std::string& id, const std::string& intentName);
+    void removeOriginalIfUnchanged(const std::string& original, const Json::Value& intent);
+    void putRawBack(const std::string& id, const std::string& original);
+    void recoverRestore(const std::string& id, const std::string& intentName);
+    bool restoreWasDone(const std::string& id, const std::string& temp, const std::string& target);
+    void syncIndex(const std::vector<std::string>& names);
     void step(int n);
 
     std::string m_dataDir;
@@ -78,6 +94,10 @@ private:
 };
 
 const char* statusName(QStatus status);
+
+// An entry as a JSON object; its original path goes under pathKey as path, in the form each reader
+// keeps it (hex in the stored file's header, kuvscan's path form in kuvctl's output).
+Json::Value entryToJson(const QuarantineEntry& e, const char* pathKey, Json::Value path);
 
 } // namespace store
 } // namespace kuv

@@ -10,6 +10,7 @@
 
 #include <json/json.h>
 
+#include "SafeIo.h"
 #include "StorePaths.h"
 
 namespace kuv {
@@ -48,6 +49,67 @@ bool pathFrom(const Json::Value& v, std::string& out)
     return v.isObject() && v["hex"].isString() && hexDecode(v["hex"].asString(), out) && !out.empty();
 }
 
+// Takes v[key] into to when it is there; when its value cannot be used, why becomes problem.
+template <typename T>
+void readField(const Json::Value& v, const char* key, const char* problem, std::string& why, T& to,
+               bool (*take)(const Json::Value&, T&))
+{
+    if (v.isMember(key) && !take(v[key], to)) {
+        why = problem;
+    }
+}
+
+bool takeBytes(const Json::Value& x, uint64_t& to)
+{
+    return x.isUInt64() && (to = x.asUInt64(), true);
+}
+
+bool takeFlag(const Json::Value& x, bool& to)
+{
+    return x.isBool() && (to = x.asBool(), true);
+}
+
+bool takePath(const Json::Value& x, std::string& to)
+{
+    return x.isString() && !x.asString().empty() && (to = x.asString(), true);
+}
+
+bool takeDays(const Json::Value& x, int& to)
+{
+    return x.isInt() && x.asInt() >= 0 && x.asInt() <= 36500 && (to = x.asInt(), true);
+}
+
+void readExcluded(const Json::Value& v, ScanSettings& out, std::string& why)
+{
+    if (!v.isMember("excluded")) {
+        return;
+    }
+    if (!v["excluded"].isArray()) {
+        why = "\"excluded\" is not a list";
+        return;
+    }
+    for (const Json::Value& e : v["excluded"]) {
+        std::string p;
+        if (pathFrom(e, p) && int(out.excluded.size()) < kMaxExcluded) {
+            out.excluded.push_back(p);
+        } else {
+            why = "an excluded folder that cannot be used was ignored";
+        }
+    }
+}
+
+// The settings v gives over the defaults in out; why says what could not be used (the last such value).
+void readSettings(const Json::Value& v, ScanSettings& out, std::string& why)
+{
+    readExcluded(v, out, why);
+    readField(v, "max_file_size", "\"max_file_size\" is not a number of bytes", why, out.maxFileSize, takeBytes);
+    readField(v, "scan_archives", "\"scan_archives\" is not true or false", why, out.scanArchives, takeFlag);
+    readField(v, "use_clamd", "\"use_clamd\" is not true or false", why, out.useClamd, takeFlag);
+    readField(v, "clamd_socket", "\"clamd_socket\" is not a path", why, out.clamdSocket, takePath);
+    readField(v, "history_days", "\"history_days\" is not a number of days (0 to 36500)", why, out.historyDays,
+              takeDays);
+}
+
 } // namespace
 
 std::string scanSettingsPath(const std::string& dir)
@@ -65,27 +127,14 @@ bool loadScanSettings(ScanSettings& out, std::string* error, const std::string& 
         }
         return false;
     };
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
+    const kuv::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid()) {
         return errno == ENOENT ? true : fail(std::strerror(errno));
     }
     std::string text;
-    char buf[8192];
-    for (;;) {
-        const ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        text.append(buf, size_t(n));
-        if (text.size() > kMaxSettingsBytes) {
-            ::close(fd);
-            return fail("larger than 1 MiB; defaults used");
-        }
+    if (!readUpTo(fd.get(), kMaxSettingsBytes, text)) {
+        return fail("larger than 1 MiB; defaults used");
     }
-    ::close(fd);
     Json::CharReaderBuilder b;
     std::unique_ptr<Json::CharReader> r(b.newCharReader());
     Json::Value v;
@@ -93,65 +142,9 @@ bool loadScanSettings(ScanSettings& out, std::string* error, const std::string& 
     if (!r->parse(text.data(), text.data() + text.size(), &v, &errs) || !v.isObject()) {
         return fail("not a JSON object; defaults used");
     }
-    bool clean = true;
     std::string why;
-    if (v.isMember("excluded")) {
-        if (v["excluded"].isArray()) {
-            for (const Json::Value& e : v["excluded"]) {
-                std::string p;
-                if (pathFrom(e, p) && int(out.excluded.size()) < kMaxExcluded) {
-                    out.excluded.push_back(p);
-                } else {
-                    clean = false;
-                    why = "an excluded folder that cannot be used was ignored";
-                }
-            }
-        } else {
-            clean = false;
-            why = "\"excluded\" is not a list";
-        }
-    }
-    if (v.isMember("max_file_size")) {
-        if (v["max_file_size"].isUInt64()) {
-            out.maxFileSize = v["max_file_size"].asUInt64();
-        } else {
-            clean = false;
-            why = "\"max_file_size\" is not a number of bytes";
-        }
-    }
-    if (v.isMember("scan_archives")) {
-        if (v["scan_archives"].isBool()) {
-            out.scanArchives = v["scan_archives"].asBool();
-        } else {
-            clean = false;
-            why = "\"scan_archives\" is not true or false";
-        }
-    }
-    if (v.isMember("use_clamd")) {
-        if (v["use_clamd"].isBool()) {
-            out.useClamd = v["use_clamd"].asBool();
-        } else {
-            clean = false;
-            why = "\"use_clamd\" is not true or false";
-        }
-    }
-    if (v.isMember("clamd_socket")) {
-        if (v["clamd_socket"].isString() && !v["clamd_socket"].asString().empty()) {
-            out.clamdSocket = v["clamd_socket"].asString();
-        } else {
-            clean = false;
-            why = "\"clamd_socket\" is not a path";
-        }
-    }
-    if (v.isMember("history_days")) {
-        if (v["history_days"].isInt() && v["history_days"].asInt() >= 0 && v["history_days"].asInt() <= 36500) {
-            out.historyDays = v["history_days"].asInt();
-        } else {
-            clean = false;
-            why = "\"history_days\" is not a number of days (0 to 36500)";
-        }
-    }
-    return clean ? true : fail(why);
+    readSettings(v, out, why);
+    return why.empty() ? true : fail(why);
 }
 
 bool saveScanSettings(const ScanSettings& s, std::string* error, const std::string& dir)
@@ -186,18 +179,10 @@ bool saveScanSettings(const ScanSettings& s, std::string* error, const std::stri
     if (!fd.valid()) {
         return fail(folder + ": " + std::strerror(errno));
     }
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            const std::string why = std::strerror(errno);
-            ::unlinkat(dfd.get(), tmp.c_str(), 0);
-            return fail(folder + ": " + why);
-        }
-        done += size_t(n);
+    if (kuv::safeWrite(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        const std::string why = std::strerror(errno);
+        ::unlinkat(dfd.get(), tmp.c_str(), 0);
+        return fail(folder + ": " + why);
     }
     if (::fsync(fd.get()) != 0 || ::renameat(dfd.get(), tmp.c_str(), dfd.get(), "scan.json") != 0) {
         const std::string why = std::strerror(errno);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "StorePaths.h"
+
 namespace kuv {
 namespace store {
 
@@ -120,19 +122,7 @@ std::array<uint8_t, 32> Sha256::finish()
 std::string Sha256::hexFinish()
 {
     const auto d = finish();
-    return hex(std::string(reinterpret_cast<const char*>(d.data()), d.size()));
-}
-
-std::string Sha256::hex(const std::string& bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(bytes.size() * 2);
-    for (unsigned char c : bytes) {
-        out += digits[c >> 4];
-        out += digits[c & 15];
-    }
-    return out;
+    return hexEncode(std::string(reinterpret_cast<const char*>(d.data()), d.size()));
 }
 
 } // namespace store

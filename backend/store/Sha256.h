@@ -18,8 +18,6 @@ public:
     // Lower-case hex of finish().
     std::string hexFinish();
 
-    static std::string hex(const std::string& bytes);
-
 private:
     void block(const uint8_t* p);
 

@@ -9,6 +9,9 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <functional>
+#include <memory>
+#include <type_traits>
 
 #include "UniqueFd.h"
 
@@ -16,6 +19,11 @@ namespace kuv {
 namespace store {
 
 namespace {
+
+// Bytes that go into a BLOB column (a path), not TEXT.
+struct Blob {
+    const std::string& bytes;
+};
 
 // One prepared statement, finalized on scope exit.
 class Stmt {
@@ -34,6 +42,13 @@ public:
     void text(int i, const std::string& s) { sqlite3_bind_text(m_stmt, i, s.data(), int(s.size()), SQLITE_TRANSIENT); }
     void blob(int i, const std::string& s) { sqlite3_bind_blob(m_stmt, i, s.data(), int(s.size()), SQLITE_TRANSIENT); }
     void i64(int i, int64_t v) { sqlite3_bind_int64(m_stmt, i, v); }
+    // Binds the parameters 1, 2, ... in order: strings as TEXT, Blob as BLOB, integers as INTEGER.
+    template <typename... Values>
+    void bind(const Values&... values)
+    {
+        int i = 0;
+        (bindOne(++i, values), ...);
+    }
     int step() { return sqlite3_step(m_stmt); }
     int64_t col64(int i) const { return sqlite3_column_int64(m_stmt, i); }
     std::string colText(int i) const
@@ -44,8 +59,86 @@ public:
     }
 
 private:
+    void bindOne(int i, const std::string& s) { text(i, s); }
+    void bindOne(int i, const Blob& b) { blob(i, b.bytes); }
+    template <typename T, typename = std::enable_if_t<std::is_integral<T>::value>>
+    void bindOne(int i, T v)
+    {
+        i64(i, int64_t(v));
+    }
+
     sqlite3_stmt* m_stmt = nullptr;
 };
+
+// An error code that says the database file itself is damaged (not the disk or the directory).
+bool damageCode(int code) { return code == SQLITE_NOTADB || code == SQLITE_CORRUPT; }
+
+// sqlite3_exec with the reason of a failure in why; returns SQLite's result code.
+int execSql(sqlite3* db, const char* sql, std::string& why)
+{
+    char* msg = nullptr;
+    const int rc = sqlite3_exec(db, sql, nullptr, nullptr, &msg);
+    if (rc != SQLITE_OK) {
+        why = msg != nullptr ? msg : sqlite3_errstr(rc);
+    }
+    sqlite3_free(msg);
+    return rc;
+}
+
+// Runs sql with the parameters values to the end; false with error otherwise.
+template <typename... Values>
+bool runChange(sqlite3* db, const char* sql, std::string& error, const Values&... values)
+{
+    Stmt s(db, sql);
+    if (!s.ok()) {
+        error = sqlite3_errmsg(db);
+        return false;
+    }
+    s.bind(values...);
+    if (s.step() != SQLITE_DONE) {
+        error = sqlite3_errmsg(db);
+        return false;
+    }
+    return true;
+}
+
+// Runs the query sql with the parameters values and hands each row to row.
+template <typename... Values>
+void forEachRow(sqlite3* db, const std::string& sql, const std::function<void(const Stmt&)>& row,
+                const Values&... values)
+{
+    Stmt s(db, sql.c_str());
+    if (!s.ok()) {
+        return;
+    }
+    s.bind(values...);
+    while (s.step() == SQLITE_ROW) {
+        row(s);
+    }
+}
+
+// The query's row (the last, when there are several) made into out by from; false without a row.
+template <typename T, typename... Values>
+bool readRow(sqlite3* db, const std::string& sql, T (*from)(const Stmt&), T& out, const Values&... values)
+{
+    bool found = false;
+    forEachRow(
+        db, sql,
+        [&](const Stmt& s) {
+            out = from(s);
+            found = true;
+        },
+        values...);
+    return found;
+}
+
+// The first column of the query's one row; 0 without a row.
+int64_t queryNumber(sqlite3* db, const char* sql)
+{
+    int64_t value = 0;
+    forEachRow(db, sql, [&](const Stmt& s) { value = s.col64(0); });
+    return value;
+}
 
 const char* const kSchema = R"SQL(
 CREATE TABLE IF NOT EXISTS quarantine(
@@ -73,13 +166,15 @@ std::string utcStamp()
     return buf;
 }
 
-// Tries to open and set up the database; "" on success, else why the file cannot be used, with
-// damaged true when the file itself is the problem (not the directory or the disk).
-std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
+struct DbCloser {
+    void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+using UniqueDb = std::unique_ptr<sqlite3, DbCloser>;
+
+// Created here so the file is 0600 from the start (SQLite gives its journal files the same mode); an
+// existing one is made private. "" or why it cannot be used, with damaged as for tryOpen.
+std::string prepareFile(const std::string& path, bool& damaged)
 {
-    damaged = false;
-    *out = nullptr;
-    // Created here so the file is 0600 from the start; SQLite gives its journal files the same mode.
     kuv::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd.valid()) {
         damaged = errno == ELOOP;
@@ -93,60 +188,74 @@ std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
     if ((st.st_mode & 077) != 0) {
         ::fchmod(fd.get(), 0600);
     }
-    sqlite3* db = nullptr;
-    int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr);
+    return std::string();
+}
+
+// Write-ahead log on, then the schema version of an intact file that this version can use; "" or why not.
+std::string checkDb(sqlite3* db, int& version, bool& damaged)
+{
+    std::string why;
+    const int rc = execSql(db, "PRAGMA journal_mode=WAL", why);
     if (rc != SQLITE_OK) {
-        const std::string why = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
-        sqlite3_close(db);
-        damaged = rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT;
+        damaged = damageCode(rc);
         return why;
     }
-    sqlite3_busy_timeout(db, 10000);
-    auto fail = [&](bool isDamaged, const std::string& why) {
-        sqlite3_close(db);
-        damaged = isDamaged;
-        return why;
-    };
-    char* msg = nullptr;
-    rc = sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, &msg);
-    if (rc != SQLITE_OK) {
-        const std::string why = msg != nullptr ? msg : sqlite3_errstr(rc);
-        sqlite3_free(msg);
-        return fail(rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT, why);
-    }
-    int version = -1;
     {
         Stmt s(db, "PRAGMA user_version");
         if (!s.ok() || s.step() != SQLITE_ROW) {
-            const int code = sqlite3_errcode(db);
-            return fail(code == SQLITE_NOTADB || code == SQLITE_CORRUPT, sqlite3_errmsg(db));
+            damaged = damageCode(sqlite3_errcode(db));
+            return sqlite3_errmsg(db);
         }
         version = int(s.col64(0));
     }
+    damaged = true;
     if (version > StoreDb::kSchemaVersion) {
-        return fail(true, "written by a newer version (schema " + std::to_string(version) + ", this one knows " +
-                              std::to_string(StoreDb::kSchemaVersion) + ")");
+        return "written by a newer version (schema " + std::to_string(version) + ", this one knows " +
+               std::to_string(StoreDb::kSchemaVersion) + ")";
     }
-    {
-        Stmt s(db, "PRAGMA quick_check");
-        const int step = s.ok() ? s.step() : SQLITE_ERROR;
-        if (step != SQLITE_ROW || s.colText(0) != "ok") {
-            const std::string why = step == SQLITE_ROW ? s.colText(0) : std::string(sqlite3_errmsg(db));
-            return fail(true, "damaged: " + why);
-        }
+    Stmt s(db, "PRAGMA quick_check");
+    const int step = s.ok() ? s.step() : SQLITE_ERROR;
+    if (step != SQLITE_ROW || s.colText(0) != "ok") {
+        return "damaged: " + (step == SQLITE_ROW ? s.colText(0) : std::string(sqlite3_errmsg(db)));
     }
-    rc = sqlite3_exec(db, "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
+    damaged = false;
+    return std::string();
+}
+
+// Tries to open and set up the database; "" on success, else why the file cannot be used, with
+// damaged true when the file itself is the problem (not the directory or the disk).
+std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
+{
+    damaged = false;
+    *out = nullptr;
+    std::string why = prepareFile(path, damaged);
+    if (!why.empty()) {
+        return why;
+    }
+    sqlite3* opened = nullptr;
+    const int rc = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr);
+    UniqueDb db(opened);
+    if (rc != SQLITE_OK) {
+        damaged = damageCode(rc);
+        return db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(rc);
+    }
+    sqlite3_busy_timeout(db.get(), 10000);
+    int version = -1;
+    why = checkDb(db.get(), version, damaged);
+    if (!why.empty()) {
+        return why;
+    }
+    sqlite3_exec(db.get(), "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
     if (version < StoreDb::kSchemaVersion) {
-        rc = sqlite3_exec(db, kSchema, nullptr, nullptr, &msg);
-        if (rc != SQLITE_OK) {
-            const std::string why = msg != nullptr ? msg : sqlite3_errstr(rc);
-            sqlite3_free(msg);
-            return fail(rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT, why);
+        const int created = execSql(db.get(), kSchema, why);
+        if (created != SQLITE_OK) {
+            damaged = damageCode(created);
+            return why;
         }
         const std::string set = "PRAGMA user_version=" + std::to_string(StoreDb::kSchemaVersion);
-        sqlite3_exec(db, set.c_str(), nullptr, nullptr, nullptr);
+        sqlite3_exec(db.get(), set.c_str(), nullptr, nullptr, nullptr);
     }
-    *out = db;
+    *out = db.release();
     return std::string();
 }
 
@@ -204,55 +313,21 @@ StoreDb::~StoreDb()
 
 bool StoreDb::exec(const char* sql)
 {
-    char* msg = nullptr;
-    if (sqlite3_exec(m_db, sql, nullptr, nullptr, &msg) != SQLITE_OK) {
-        m_error = msg != nullptr ? msg : sqlite3_errmsg(m_db);
-        sqlite3_free(msg);
-        return false;
-    }
-    return true;
+    return execSql(m_db, sql, m_error) == SQLITE_OK;
 }
 
 bool StoreDb::addQuarantine(const QuarantineEntry& e)
 {
-    Stmt s(m_db, "INSERT OR REPLACE INTO quarantine(id, path, size, mode, uid, gid, atime_ns, mtime_ns, sha256, "
-                 "signature, quarantined_at, job) VALUES(?,?,?,?,?,?,?,?,?,?,?,?)");
-    if (!s.ok()) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    s.text(1, e.id);
-    s.blob(2, e.originalPath);
-    s.i64(3, int64_t(e.size));
-    s.i64(4, e.mode);
-    s.i64(5, e.uid);
-    s.i64(6, e.gid);
-    s.i64(7, e.atimeNs);
-    s.i64(8, e.mtimeNs);
-    s.text(9, e.sha256);
-    s.text(10, e.signature);
-    s.i64(11, e.quarantinedAt);
-    s.text(12, e.job);
-    if (s.step() != SQLITE_DONE) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    return true;
+    return runChange(m_db,
+                     "INSERT OR REPLACE INTO quarantine(id, path, size, mode, uid, gid, atime_ns, mtime_ns, sha256, "
+                     "signature, quarantined_at, job) VALUES(?,?,?,?,?,?,?,?,?,?,?,?)",
+                     m_error, e.id, Blob{e.originalPath}, e.size, e.mode, e.uid, e.gid, e.atimeNs, e.mtimeNs,
+                     e.sha256, e.signature, e.quarantinedAt, e.job);
 }
 
 bool StoreDb::removeQuarantine(const std::string& id)
 {
-    Stmt s(m_db, "DELETE FROM quarantine WHERE id=?");
-    if (!s.ok()) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    s.text(1, id);
-    if (s.step() != SQLITE_DONE) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    return true;
+    return runChange(m_db, "DELETE FROM quarantine WHERE id=?", m_error, id);
 }
 
 namespace {
@@ -283,25 +358,14 @@ constexpr const char* kEntryColumns =
 std::vector<QuarantineEntry> StoreDb::quarantineEntries()
 {
     std::vector<QuarantineEntry> out;
-    Stmt s(m_db, (std::string(kEntryColumns) + " ORDER BY quarantined_at DESC, id").c_str());
-    while (s.ok() && s.step() == SQLITE_ROW) {
-        out.push_back(entryFrom(s));
-    }
+    forEachRow(m_db, std::string(kEntryColumns) + " ORDER BY quarantined_at DESC, id",
+               [&](const Stmt& s) { out.push_back(entryFrom(s)); });
     return out;
 }
 
 bool StoreDb::quarantineEntry(const std::string& id, QuarantineEntry& out)
 {
-    Stmt s(m_db, (std::string(kEntryColumns) + " WHERE id=?").c_str());
-    if (!s.ok()) {
-        return false;
-    }
-    s.text(1, id);
-    if (s.step() != SQLITE_ROW) {
-        return false;
-    }
-    out = entryFrom(s);
-    return true;
+    return readRow(m_db, std::string(kEntryColumns) + " WHERE id=?", entryFrom, out, id);
 }
 
 bool StoreDb::addJob(JobRecord& job)
@@ -314,50 +378,22 @@ bool StoreDb::addJob(JobRecord& job)
         exec("ROLLBACK");
         return false;
     };
-    {
-        Stmt s(m_db, "INSERT INTO jobs(job, start_ms, duration_ms, state, files, bytes, infected, errors, skipped, "
-                     "partial) VALUES(?,?,?,?,?,?,?,?,?,?)");
-        if (!s.ok()) {
-            return rollback();
-        }
-        s.text(1, job.job);
-        s.i64(2, job.startMs);
-        s.i64(3, job.durationMs);
-        s.text(4, job.state);
-        s.i64(5, job.files);
-        s.i64(6, job.bytes);
-        s.i64(7, job.infected);
-        s.i64(8, job.errors);
-        s.i64(9, job.skipped);
-        s.i64(10, job.partial);
-        if (s.step() != SQLITE_DONE) {
-            return rollback();
-        }
-        job.id = sqlite3_last_insert_rowid(m_db);
+    if (!runChange(m_db,
+                   "INSERT INTO jobs(job, start_ms, duration_ms, state, files, bytes, infected, errors, skipped, "
+                   "partial) VALUES(?,?,?,?,?,?,?,?,?,?)",
+                   m_error, job.job, job.startMs, job.durationMs, job.state, job.files, job.bytes, job.infected,
+                   job.errors, job.skipped, job.partial)) {
+        return rollback();
     }
+    job.id = sqlite3_last_insert_rowid(m_db);
     for (const std::string& p : job.paths) {
-        Stmt s(m_db, "INSERT INTO job_paths(job, path) VALUES(?,?)");
-        if (!s.ok()) {
-            return rollback();
-        }
-        s.i64(1, job.id);
-        s.blob(2, p);
-        if (s.step() != SQLITE_DONE) {
+        if (!runChange(m_db, "INSERT INTO job_paths(job, path) VALUES(?,?)", m_error, job.id, Blob{p})) {
             return rollback();
         }
     }
     for (const FindingRecord& f : job.findings) {
-        Stmt s(m_db, "INSERT INTO findings(job, path, verdict, signature, reason, action) VALUES(?,?,?,?,?,?)");
-        if (!s.ok()) {
-            return rollback();
-        }
-        s.i64(1, job.id);
-        s.blob(2, f.path);
-        s.text(3, f.verdict);
-        s.text(4, f.signature);
-        s.text(5, f.reason);
-        s.text(6, f.action);
-        if (s.step() != SQLITE_DONE) {
+        if (!runChange(m_db, "INSERT INTO findings(job, path, verdict, signature, reason, action) VALUES(?,?,?,?,?,?)",
+                       m_error, job.id, Blob{f.path}, f.verdict, f.signature, f.reason, f.action)) {
             return rollback();
         }
     }
@@ -383,6 +419,16 @@ JobRecord jobFrom(const Stmt& s)
     return j;
 }
 
+// The paths a job was asked to scan, in the order it was given them.
+std::vector<std::string> jobPaths(sqlite3* db, int64_t id)
+{
+    std::vector<std::string> paths;
+    forEachRow(
+        db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid", [&](const Stmt& s) { paths.push_back(s.colText(0)); },
+        id);
+    return paths;
+}
+
 constexpr const char* kJobColumns =
     "SELECT id, job, start_ms, duration_ms, state, files, bytes, infected, errors, skipped, partial FROM jobs";
 
@@ -391,77 +437,44 @@ constexpr const char* kJobColumns =
 std::vector<JobRecord> StoreDb::jobs(int limit)
 {
     std::vector<JobRecord> out;
-    Stmt s(m_db, (std::string(kJobColumns) + " ORDER BY start_ms DESC, id DESC LIMIT ?").c_str());
-    if (!s.ok()) {
-        return out;
-    }
-    s.i64(1, limit);
-    while (s.step() == SQLITE_ROW) {
-        out.push_back(jobFrom(s));
-    }
+    forEachRow(
+        m_db, std::string(kJobColumns) + " ORDER BY start_ms DESC, id DESC LIMIT ?",
+        [&](const Stmt& s) { out.push_back(jobFrom(s)); }, limit);
     for (JobRecord& j : out) {
-        Stmt p(m_db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid");
-        p.i64(1, j.id);
-        while (p.ok() && p.step() == SQLITE_ROW) {
-            j.paths.push_back(p.colText(0));
-        }
+        j.paths = jobPaths(m_db, j.id);
     }
     return out;
 }
 
 bool StoreDb::job(int64_t id, JobRecord& out)
 {
-    {
-        Stmt s(m_db, (std::string(kJobColumns) + " WHERE id=?").c_str());
-        if (!s.ok()) {
-            return false;
-        }
-        s.i64(1, id);
-        if (s.step() != SQLITE_ROW) {
-            return false;
-        }
-        out = jobFrom(s);
+    if (!readRow(m_db, std::string(kJobColumns) + " WHERE id=?", jobFrom, out, id)) {
+        return false;
     }
-    Stmt p(m_db, "SELECT path FROM job_paths WHERE job=? ORDER BY rowid");
-    p.i64(1, id);
-    while (p.ok() && p.step() == SQLITE_ROW) {
-        out.paths.push_back(p.colText(0));
-    }
-    Stmt f(m_db, "SELECT path, verdict, signature, reason, action FROM findings WHERE job=? ORDER BY rowid");
-    f.i64(1, id);
-    while (f.ok() && f.step() == SQLITE_ROW) {
-        out.findings.push_back({f.colText(0), f.colText(1), f.colText(2), f.colText(3), f.colText(4)});
-    }
+    out.paths = jobPaths(m_db, id);
+    forEachRow(
+        m_db, "SELECT path, verdict, signature, reason, action FROM findings WHERE job=? ORDER BY rowid",
+        [&](const Stmt& f) {
+            out.findings.push_back({f.colText(0), f.colText(1), f.colText(2), f.colText(3), f.colText(4)});
+        },
+        id);
     return true;
 }
 
 bool StoreDb::setFindingAction(int64_t id, const std::string& path, const std::string& action)
 {
-    Stmt s(m_db, "UPDATE findings SET action=? WHERE job=? AND path=?");
-    if (!s.ok()) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    s.text(1, action);
-    s.i64(2, id);
-    s.blob(3, path);
-    if (s.step() != SQLITE_DONE) {
-        m_error = sqlite3_errmsg(m_db);
-        return false;
-    }
-    return sqlite3_changes(m_db) > 0;
+    return runChange(m_db, "UPDATE findings SET action=? WHERE job=? AND path=?", m_error, action, id, Blob{path}) &&
+           sqlite3_changes(m_db) > 0;
 }
 
 int64_t StoreDb::pendingFindings()
 {
-    Stmt s(m_db, "SELECT COUNT(*) FROM findings WHERE verdict='infected' AND (action IS NULL OR action='')");
-    return s.ok() && s.step() == SQLITE_ROW ? s.col64(0) : 0;
+    return queryNumber(m_db, "SELECT COUNT(*) FROM findings WHERE verdict='infected' AND (action IS NULL OR action='')");
 }
 
 int64_t StoreDb::lastJobId()
 {
-    Stmt s(m_db, "SELECT COALESCE(MAX(id), 0) FROM jobs");
-    return s.ok() && s.step() == SQLITE_ROW ? s.col64(0) : 0;
+    return queryNumber(m_db, "SELECT COALESCE(MAX(id), 0) FROM jobs");
 }
 
 int StoreDb::pruneHistory(int days, int64_t now)
@@ -469,14 +482,8 @@ int StoreDb::pruneHistory(int days, int64_t now)
     if (days <= 0) {
         return 0;
     }
-    Stmt s(m_db, "DELETE FROM jobs WHERE start_ms < ?");
-    if (!s.ok()) {
-        m_error = sqlite3_errmsg(m_db);
-        return -1;
-    }
-    s.i64(1, now - int64_t(days) * 86400000);
-    if (s.step() != SQLITE_DONE) {
-        m_error = sqlite3_errmsg(m_db);
+    const int64_t before = now - int64_t(days) * 86400000;
+    if (!runChange(m_db, "DELETE FROM jobs WHERE start_ms < ?", m_error, before)) {
         return -1;
     }
     return sqlite3_changes(m_db);

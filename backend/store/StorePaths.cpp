@@ -8,8 +8,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <vector>
+
+#include "SafeIo.h"
 
 namespace kuv {
 namespace store {
@@ -34,19 +37,10 @@ std::string xdgBase(const char* var, const char* fallback)
 std::vector<std::string> components(const std::string& path)
 {
     std::vector<std::string> out;
-    size_t i = 0;
-    while (i < path.size()) {
-        while (i < path.size() && path[i] == '/') {
-            ++i;
+    for (const std::filesystem::path& part : std::filesystem::path(path).relative_path()) {
+        if (!part.empty()) {
+            out.push_back(part.string());
         }
-        size_t j = i;
-        while (j < path.size() && path[j] != '/') {
-            ++j;
-        }
-        if (j > i) {
-            out.push_back(path.substr(i, j - i));
-        }
-        i = j;
     }
     return out;
 }
@@ -139,33 +133,44 @@ bool splitPath(const std::string& path, std::string& parent, std::string& name)
     while (p.size() > 1 && p.back() == '/') {
         p.pop_back();
     }
-    const size_t slash = p.rfind('/');
-    if (slash == std::string::npos) {
+    const std::filesystem::path split(p);
+    if (!split.has_parent_path()) {
         return false;
     }
-    name = p.substr(slash + 1);
-    parent = slash == 0 ? "/" : p.substr(0, slash);
+    name = split.filename().string();
+    parent = split.parent_path().string();
     return !name.empty() && name != "." && name != "..";
+}
+
+bool readUpTo(int fd, size_t cap, std::string& out)
+{
+    std::string data;
+    char buf[8192];
+    for (;;) {
+        const ssize_t n = kuv::safeRead(fd, buf, sizeof buf);
+        if (n <= 0) {
+            break;
+        }
+        data.append(buf, size_t(n));
+        if (data.size() > cap) {
+            return false;
+        }
+    }
+    out = std::move(data);
+    return true;
 }
 
 std::string randomId()
 {
     unsigned char bytes[16];
-    size_t got = 0;
-    while (got < sizeof bytes) {
-        const ssize_t n = ::getrandom(bytes + got, sizeof bytes - got, 0);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            // No kernel randomness: ids stay unique through the clock and pid, which is all they need.
-            std::random_device rd;
-            for (unsigned char& b : bytes) {
-                b = static_cast<unsigned char>(rd());
-            }
-            break;
+    // Up to 256 bytes come whole once the kernel's pool is ready.
+    const ssize_t got = kuv::retryEintr([&] { return ::getrandom(bytes, sizeof bytes, 0); });
+    if (got != static_cast<ssize_t>(sizeof bytes)) {
+        // No kernel randomness: ids stay unique through the clock and pid, which is all they need.
+        std::random_device rd;
+        for (unsigned char& b : bytes) {
+            b = static_cast<unsigned char>(rd());
         }
-        got += static_cast<size_t>(n);
     }
     return hexEncode(std::string(reinterpret_cast<const char*>(bytes), sizeof bytes));
 }

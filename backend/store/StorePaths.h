@@ -1,6 +1,7 @@
 // Where a user's quarantine, history and scan settings live, and private directories opened safely.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "UniqueFd.h"
@@ -24,6 +25,9 @@ bool syncDir(int dirFd);
 
 // Splits "/a/b/c" into "/a/b" and "c" (parent "/" for "/c"); false for paths without a final name.
 bool splitPath(const std::string& path, std::string& parent, std::string& name);
+
+// Reads fd to its end into out; false when it holds more than cap bytes. A read error ends the text there.
+bool readUpTo(int fd, size_t cap, std::string& out);
 
 // 16 random bytes as 32 lower-case hex digits (getrandom).
 std::string randomId();

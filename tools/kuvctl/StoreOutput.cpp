@@ -5,26 +5,14 @@
 
 #include <json/json.h>
 
+#include "Quarantine.h"
 #include "ScanPaths.h"
 
 namespace kuvctl {
 
 Json::Value entryJson(const kuv::store::QuarantineEntry& e)
 {
-    Json::Value v(Json::objectValue);
-    v["id"] = e.id;
-    v["path"] = kuvscan::pathToJson(e.originalPath);
-    v["size"] = Json::UInt64(e.size);
-    v["mode"] = e.mode;
-    v["uid"] = e.uid;
-    v["gid"] = e.gid;
-    v["atime_ns"] = Json::Int64(e.atimeNs);
-    v["mtime_ns"] = Json::Int64(e.mtimeNs);
-    v["sha256"] = e.sha256;
-    v["signature"] = e.signature;
-    v["date"] = Json::Int64(e.quarantinedAt);
-    v["job"] = e.job;
-    return v;
+    return kuv::store::entryToJson(e, "path", kuvscan::pathToJson(e.originalPath));
 }
 
 Json::Value jobJson(const kuv::store::JobRecord& j, bool withFindings)

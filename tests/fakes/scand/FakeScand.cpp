@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -412,6 +413,18 @@ private:
 
 } // namespace
 
+namespace {
+
+// The leading integer of text, 0 when there is none.
+int number(const char* text)
+{
+    int value = 0;
+    std::from_chars(text, text + std::strlen(text), value);
+    return value;
+}
+
+} // namespace
+
 int main(int argc, char** argv)
 {
     Options opt;
@@ -430,15 +443,15 @@ int main(int argc, char** argv)
         } else if (a == "--pidfile") {
             opt.pidfile = argv[++i];
         } else if (a == "--steps") {
-            opt.steps = std::max(1, atoi(argv[++i]));
+            opt.steps = std::max(1, number(argv[++i]));
         } else if (a == "--step-ms") {
-            opt.stepMs = atoi(argv[++i]);
+            opt.stepMs = number(argv[++i]);
         } else if (a == "--die-after-progress") {
-            opt.dieAfterProgress = atoi(argv[++i]);
+            opt.dieAfterProgress = number(argv[++i]);
         } else if (a == "--db-age-days") {
             opt.dbAgeDays = atof(argv[++i]);
         } else if (a == "--lifetime-s") {
-            opt.lifetimeS = atoi(argv[++i]);
+            opt.lifetimeS = number(argv[++i]);
         } else {
             fprintf(stderr, "kuv-fake-scand: unknown option %s\n", a.c_str());
             return 2;

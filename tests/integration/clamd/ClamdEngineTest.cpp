@@ -19,6 +19,7 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -77,37 +78,49 @@ std::unique_ptr<IScanEngine> engineFor(const std::string& sock, const ClamdOptio
 
 // ---- answers ----
 
-TEST(ClamdReply, Verdicts)
+struct ClamdAnswer {
+    const char* reply;
+    Verdict verdict;
+    const char* signature; // checked when not null
+    const char* reason;    // checked when not null
+};
+
+class ClamdVerdict : public ::testing::TestWithParam<ClamdAnswer> {};
+
+TEST_P(ClamdVerdict, FromTheAnswer)
 {
-    ScanResult r = clamd::parseScanReply("fd[11]: OK");
-    EXPECT_EQ(r.verdict, Verdict::Clean);
-    r = clamd::parseScanReply("fd[11]: Kuv.Test.EICAR.UNOFFICIAL FOUND");
-    EXPECT_EQ(r.verdict, Verdict::Infected);
-    EXPECT_EQ(r.signature, "Kuv.Test.EICAR.UNOFFICIAL");
-    r = clamd::parseScanReply("fd[11]: Heuristics.Limits.Exceeded.MaxScanSize FOUND");
-    EXPECT_EQ(r.verdict, Verdict::Partial);
-    EXPECT_EQ(r.reason, "not fully scanned: MaxScanSize");
-    r = clamd::parseScanReply("fd[11]: Heuristics.Limits.Exceeded FOUND");
-    EXPECT_EQ(r.verdict, Verdict::Partial);
-    EXPECT_EQ(r.reason, "not fully scanned: limit");
-    r = clamd::parseScanReply("fd[11]: Heuristics.Encrypted.Zip FOUND");
-    EXPECT_EQ(r.verdict, Verdict::Infected);
-    r = clamd::parseScanReply("fd[11]: lstat() failed: No such file ERROR");
-    EXPECT_EQ(r.verdict, Verdict::Error);
-    EXPECT_EQ(r.reason, "engine: clamd: lstat() failed: No such file");
-    r = clamd::parseScanReply("UNKNOWN COMMAND");
-    EXPECT_EQ(r.verdict, Verdict::Error);
-    r = clamd::parseScanReply("fd[11]:  FOUND");
-    EXPECT_EQ(r.verdict, Verdict::Error);
-    r = clamd::parseScanReply("fd[11]: two words FOUND");
-    EXPECT_EQ(r.verdict, Verdict::Error);
-    r = clamd::parseScanReply("fd[11: OK");
-    EXPECT_EQ(r.verdict, Verdict::Error);
-    r = clamd::parseScanReply(std::string("fd[1]: \x01\xff OK", 13));
+    const ClamdAnswer& a = GetParam();
+    const ScanResult r = clamd::parseScanReply(a.reply);
+    EXPECT_EQ(r.verdict, a.verdict) << a.reply;
+    if (a.signature != nullptr) {
+        EXPECT_EQ(r.signature, a.signature) << a.reply;
+    }
+    if (a.reason != nullptr) {
+        EXPECT_EQ(r.reason, a.reason) << a.reply;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ClamdReply, ClamdVerdict,
+    ::testing::Values(
+        ClamdAnswer{"fd[11]: OK", Verdict::Clean, nullptr, nullptr},
+        ClamdAnswer{"fd[11]: Kuv.Test.EICAR.UNOFFICIAL FOUND", Verdict::Infected, "Kuv.Test.EICAR.UNOFFICIAL", nullptr},
+        ClamdAnswer{"fd[11]: Heuristics.Limits.Exceeded.MaxScanSize FOUND", Verdict::Partial, nullptr,
+                    "not fully scanned: MaxScanSize"},
+        ClamdAnswer{"fd[11]: Heuristics.Limits.Exceeded FOUND", Verdict::Partial, nullptr, "not fully scanned: limit"},
+        ClamdAnswer{"fd[11]: Heuristics.Encrypted.Zip FOUND", Verdict::Infected, nullptr, nullptr},
+        ClamdAnswer{"fd[11]: lstat() failed: No such file ERROR", Verdict::Error, nullptr,
+                    "engine: clamd: lstat() failed: No such file"},
+        ClamdAnswer{"UNKNOWN COMMAND", Verdict::Error, nullptr, nullptr},
+        ClamdAnswer{"fd[11]:  FOUND", Verdict::Error, nullptr, nullptr},
+        ClamdAnswer{"fd[11]: two words FOUND", Verdict::Error, nullptr, nullptr},
+        ClamdAnswer{"fd[11: OK", Verdict::Error, nullptr, nullptr}, ClamdAnswer{"", Verdict::Error, nullptr, nullptr}));
+
+TEST(ClamdReply, ControlBytesNeverReachTheReason)
+{
+    const ScanResult r = clamd::parseScanReply(std::string("fd[1]: \x01\xff OK", 13));
     EXPECT_EQ(r.verdict, Verdict::Error);
     EXPECT_EQ(r.reason.find('\x01'), std::string::npos);
-    r = clamd::parseScanReply("");
-    EXPECT_EQ(r.verdict, Verdict::Error);
 }
 
 TEST(ClamdReply, SessionPrefixAndVersion)
@@ -484,28 +497,32 @@ TEST(ClamdFake, SilenceTimesOut)
     EXPECT_NE(r.reason.find("did not answer"), std::string::npos) << r.reason;
 }
 
-TEST(ClamdFake, BadAnswers)
+struct BadAnswer {
+    FakeMode mode;
+    const char* reason;
+    bool exact; // reason is the whole reason, else a part of it
+};
+
+class ClamdBadAnswer : public ::testing::TestWithParam<std::tuple<bool, BadAnswer>> {};
+
+TEST_P(ClamdBadAnswer, IsAnError)
 {
-    for (const bool sessions : {true, false}) {
-        ClamdOptions opt;
-        opt.sessions = sessions;
-        {
-            FakeClamd fake(FakeMode::LongReply);
-            const ScanResult r = scanVia(fake.socket(), opt, nullptr);
-            EXPECT_EQ(r.verdict, Verdict::Error);
-            EXPECT_EQ(r.reason, "engine: clamd reply too long");
-        }
-        {
-            FakeClamd fake(FakeMode::Junk);
-            const ScanResult r = scanVia(fake.socket(), opt, nullptr);
-            EXPECT_EQ(r.verdict, Verdict::Error);
-            EXPECT_NE(r.reason.find("unexpected clamd reply"), std::string::npos) << r.reason;
-        }
-        {
-            FakeClamd fake(FakeMode::CloseAfterFd);
-            const ScanResult r = scanVia(fake.socket(), opt, nullptr);
-            EXPECT_EQ(r.verdict, Verdict::Error);
-            EXPECT_EQ(r.reason, "engine: clamd closed the connection");
-        }
+    ClamdOptions opt;
+    opt.sessions = std::get<0>(GetParam());
+    const BadAnswer& bad = std::get<1>(GetParam());
+    FakeClamd fake(bad.mode);
+    const ScanResult r = scanVia(fake.socket(), opt, nullptr);
+    EXPECT_EQ(r.verdict, Verdict::Error);
+    if (bad.exact) {
+        EXPECT_EQ(r.reason, bad.reason);
+    } else {
+        EXPECT_NE(r.reason.find(bad.reason), std::string::npos) << r.reason;
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    ClamdFake, ClamdBadAnswer,
+    ::testing::Combine(::testing::Bool(),
+                       ::testing::Values(BadAnswer{FakeMode::LongReply, "engine: clamd reply too long", true},
+                                         BadAnswer{FakeMode::Junk, "unexpected clamd reply", false},
+                                         BadAnswer{FakeMode::CloseAfterFd, "engine: clamd closed the connection", true})));

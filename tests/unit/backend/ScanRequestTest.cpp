@@ -49,40 +49,41 @@ TEST(ScanRequest, DefaultsWithoutOptions)
     EXPECT_EQ(r.options.maxFileSize, 0u);
 }
 
-TEST(ScanRequest, RefusesWhatCannotBeUsed)
+struct RefusedRequest {
+    const char* body;
+    const char* error;
+};
+
+class ScanRequestRefused : public ::testing::TestWithParam<RefusedRequest> {};
+
+TEST_P(ScanRequestRefused, WithTheErrorAndADetail)
 {
-    struct Case {
-        const char* body;
-        const char* error;
-    };
-    const Case cases[] = {
-        {"", "bad_json"},
-        {"not json", "bad_json"},
-        {"{\"job\":\"j\",\"paths\":[\"/a\"]} trailing", "bad_json"},
-        {"{\"job\":\"j\",\"job\":\"k\",\"paths\":[\"/a\"]}", "bad_json"},
-        {"[1,2]", "bad_request"},
-        {"{\"paths\":[\"/a\"]}", "bad_request"},
-        {"{\"job\":7,\"paths\":[\"/a\"]}", "bad_request"},
-        {"{\"job\":\"\",\"paths\":[\"/a\"]}", "bad_request"},
-        {"{\"job\":\"j\"}", "bad_request"},
-        {"{\"job\":\"j\",\"paths\":[]}", "bad_request"},
-        {"{\"job\":\"j\",\"paths\":[\"\"]}", "bad_request"},
-        {"{\"job\":\"j\",\"paths\":[5]}", "bad_request"},
-        {"{\"job\":\"j\",\"paths\":[{\"b64\":\"!!\"}]}", "bad_request"},
-        {"{\"job\":\"j\",\"paths\":[{\"b64\":\"L2EAYg==\"}]}", "bad_request"}, // "/a\0b"
-        {"{\"job\":\"j\",\"paths\":[\"/a\"],\"options\":[]}", "bad_request"},
-        {"{\"job\":\"j\",\"paths\":[\"/a\"],\"options\":{\"report_clean\":1}}", "bad_request"},
-        {"{\"job\":\"j\",\"paths\":[\"/a\"],\"options\":{\"max_file_size\":-1}}", "bad_request"},
-        {"{\"job\":\"j\",\"paths\":[\"/a\"],\"options\":{\"exclude\":\"/x\"}}", "bad_request"},
-    };
-    for (const Case& c : cases) {
-        ScanRequest r;
-        RequestError e;
-        EXPECT_FALSE(parse(c.body, r, e)) << c.body;
-        EXPECT_EQ(e.error, c.error) << c.body << ": " << e.detail;
-        EXPECT_FALSE(e.detail.empty()) << c.body;
-    }
+    const RefusedRequest& c = GetParam();
+    ScanRequest r;
+    RequestError e;
+    EXPECT_FALSE(parse(c.body, r, e)) << c.body;
+    EXPECT_EQ(e.error, c.error) << c.body << ": " << e.detail;
+    EXPECT_FALSE(e.detail.empty()) << c.body;
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    ScanRequest, ScanRequestRefused,
+    ::testing::Values(RefusedRequest{"", "bad_json"}, RefusedRequest{"not json", "bad_json"},
+                      RefusedRequest{"{\"job\":\"j\",\"paths\":[\"/a\"]} trailing", "bad_json"},
+                      RefusedRequest{"{\"job\":\"j\",\"job\":\"k\",\"paths\":[\"/a\"]}", "bad_json"},
+                      RefusedRequest{"[1,2]", "bad_request"}, RefusedRequest{"{\"paths\":[\"/a\"]}", "bad_request"},
+                      RefusedRequest{"{\"job\":7,\"paths\":[\"/a\"]}", "bad_request"},
+                      RefusedRequest{"{\"job\":\"\",\"paths\":[\"/a\"]}", "bad_request"},
+                      RefusedRequest{"{\"job\":\"j\"}", "bad_request"},
+                      RefusedRequest{"{\"job\":\"j\",\"paths\":[]}", "bad_request"},
+                      RefusedRequest{"{\"job\":\"j\",\"paths\":[\"\"]}", "bad_request"},
+                      RefusedRequest{"{\"job\":\"j\",\"paths\":[5]}", "bad_request"},
+                      RefusedRequest{"{\"job\":\"j\",\"paths\":[{\"b64\":\"!!\"}]}", "bad_request"},
+                      RefusedRequest{"{\"job\":\"j\",\"paths\":[{\"b64\":\"L2EAYg==\"}]}", "bad_request"}, // "/a\0b"
+                      RefusedRequest{"{\"job\":\"j\",\"paths\":[\"/a\"],\"options\":[]}", "bad_request"},
+                      RefusedRequest{"{\"job\":\"j\",\"paths\":[\"/a\"],\"options\":{\"report_clean\":1}}", "bad_request"},
+                      RefusedRequest{"{\"job\":\"j\",\"paths\":[\"/a\"],\"options\":{\"max_file_size\":-1}}", "bad_request"},
+                      RefusedRequest{"{\"job\":\"j\",\"paths\":[\"/a\"],\"options\":{\"exclude\":\"/x\"}}", "bad_request"}));
 
 TEST(ScanRequest, CapsSizesBeforeParsing)
 {

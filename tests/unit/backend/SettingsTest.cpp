@@ -25,14 +25,17 @@ TEST(ScandSettings, ReadsEveryKeyAndKeepsDefaultsForTheRest)
     EXPECT_EQ(s.maxRecursion, 17u);
 }
 
-TEST(ScandSettings, RefusesWrongTypesAndRanges)
+class ScandSettingsRefused : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(ScandSettingsRefused, WithAReason)
 {
-    for (const char* text : {"", "[]", R"({"engine":"other"})", R"({"workers":-1})", R"({"workers":1000})",
-                             R"({"max_file_size":"big"})", R"({"db_dirs":"/x"})", R"({"log_level":9})",
-                             R"({"engine":"clamd"} extra)"}) {
-        Settings s;
-        std::string error;
-        EXPECT_FALSE(kuv::scand::parseSettings(text, s, error)) << text;
-        EXPECT_FALSE(error.empty()) << text;
-    }
+    Settings s;
+    std::string error;
+    EXPECT_FALSE(kuv::scand::parseSettings(GetParam(), s, error)) << GetParam();
+    EXPECT_FALSE(error.empty()) << GetParam();
 }
+
+INSTANTIATE_TEST_SUITE_P(WrongTypesAndRanges, ScandSettingsRefused,
+                         ::testing::Values("", "[]", R"({"engine":"other"})", R"({"workers":-1})",
+                                           R"({"workers":1000})", R"({"max_file_size":"big"})", R"({"db_dirs":"/x"})",
+                                           R"({"log_level":9})", R"({"engine":"clamd"} extra)"));

@@ -56,3 +56,38 @@ TEST(ScanSettings, BadValuesFallBackWithAReason)
     EXPECT_FALSE(loadScanSettings(s, &error, dir.path()));
     EXPECT_TRUE(s.scanArchives);
 }
+
+struct BadSetting {
+    const char* json;
+    const char* reason; // a part of the reason given
+};
+
+class ScanSettingsBadValue : public ::testing::TestWithParam<BadSetting> {};
+
+// A value that cannot be used is left at its default, and the reason names it.
+TEST_P(ScanSettingsBadValue, KeepsTheDefaultAndSaysWhy)
+{
+    kuvtest::TempDir dir;
+    kuvtest::writeFile(dir.path() + "/scan.json", GetParam().json);
+    ScanSettings s;
+    std::string error;
+    EXPECT_FALSE(loadScanSettings(s, &error, dir.path()));
+    EXPECT_NE(error.find(GetParam().reason), std::string::npos) << error;
+    const ScanSettings defaults;
+    EXPECT_EQ(s.excluded, defaults.excluded);
+    EXPECT_EQ(s.maxFileSize, defaults.maxFileSize);
+    EXPECT_EQ(s.scanArchives, defaults.scanArchives);
+    EXPECT_EQ(s.useClamd, defaults.useClamd);
+    EXPECT_EQ(s.clamdSocket, defaults.clamdSocket);
+    EXPECT_EQ(s.historyDays, defaults.historyDays);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ScanSettings, ScanSettingsBadValue,
+    ::testing::Values(BadSetting{R"({"excluded": "/x"})", "\"excluded\" is not a list"},
+                      BadSetting{R"({"excluded": [5]})", "an excluded folder that cannot be used"},
+                      BadSetting{R"({"max_file_size": -1})", "\"max_file_size\""},
+                      BadSetting{R"({"scan_archives": "no"})", "\"scan_archives\""},
+                      BadSetting{R"({"use_clamd": 1})", "\"use_clamd\""},
+                      BadSetting{R"({"clamd_socket": ""})", "\"clamd_socket\""},
+                      BadSetting{R"({"history_days": 40000})", "\"history_days\""}));

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -17,18 +17,12 @@ namespace {
 std::vector<std::string> entriesStartingWith(const std::string& dir, const std::string& prefix)
 {
     std::vector<std::string> out;
-    DIR* d = opendir(dir.c_str());
-    while (d != nullptr) {
-        struct dirent* e = readdir(d);
-        if (e == nullptr) {
-            break;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
+        const std::string name = e.path().filename().string();
+        if (name.rfind(prefix, 0) == 0) {
+            out.push_back(name);
         }
-        if (std::string(e->d_name).rfind(prefix, 0) == 0) {
-            out.emplace_back(e->d_name);
-        }
-    }
-    if (d != nullptr) {
-        closedir(d);
     }
     return out;
 }

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 
 #include "Harness.h"
 #include "StoreDb.h"
+#include "UniqueFd.h"
 
 using kuvtest::Install;
 using kuvtest::RunResult;
@@ -458,6 +460,9 @@ public:
             }
         }
         kuvtest::waitUntil([&] { return !alive(m_supervisor) && !alive(m_worker); }, 20000);
+        // A process reported dead may still hold the lock for a moment (its last descriptor closes late
+        // under the sanitizers); the next start must find it free.
+        kuvtest::waitUntil([&] { return lockFree("kuv-scand.lock"); }, 20000);
     }
     void stop()
     {
@@ -469,6 +474,11 @@ public:
     }
 
 private:
+    bool lockFree(const std::string& lock) const
+    {
+        const kuv::UniqueFd fd(::open((m_t.inst->runtime + "/kuv/" + lock).c_str(), O_RDONLY | O_CLOEXEC));
+        return !fd.valid() || ::flock(fd.get(), LOCK_EX | LOCK_NB) == 0;
+    }
     pid_t pid(const std::string& lock) const
     {
         return static_cast<pid_t>(std::atoi(kuvtest::readFile(m_t.inst->runtime + "/kuv/" + lock).c_str()));

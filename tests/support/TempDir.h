@@ -57,6 +57,11 @@ public:
         if (m_path.empty()) {
             return;
         }
+        // Kept for a look after a failure.
+        if (std::getenv("KUV_KEEP_TEMP") != nullptr) {
+            m_path.clear();
+            return;
+        }
         std::error_code ec;
         makeWritable(std::filesystem::path(m_path));
         std::filesystem::remove_all(m_path, ec);

@@ -60,25 +60,6 @@ std::vector<std::string> mergedEnv(const std::vector<std::string>& extra)
 
 } // namespace
 
-TempDir::TempDir(const std::string& prefix)
-{
-    const char* base = getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/" + prefix + ".XXXXXX";
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed: " + std::string(strerror(errno)));
-    }
-    m_path = buf.data();
-}
-
-TempDir::~TempDir()
-{
-    if (!m_path.empty() && getenv("KUV_KEEP_TEMP") == nullptr) {
-        shell("rm -rf " + quote(m_path));
-    }
-}
-
 std::string stageDir()
 {
     const char* stage = getenv("KUV_STAGE_DIR");

@@ -7,20 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "TempDir.h"
+
 namespace kuvtest {
 
 // A fresh directory under $TMPDIR (or /tmp), removed with everything in it.
-class TempDir {
-public:
-    explicit TempDir(const std::string& prefix = "kuvtest");
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
+using TempDir = kuv::test::TempDir;
 
 // The staged installation ($KUV_STAGE_DIR), with a final "/".
 std::string stageDir();

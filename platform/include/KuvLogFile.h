@@ -1,16 +1,20 @@
 // The one record formatter and the one rotating log file of the platform: the process log (CLogDebug),
-// the bus module's log and the broker's log all write through it.
+// the bus module's log and the broker's log all write through it. Built on spdlog: a logger of its own
+// per file, with one sink and one formatter of ours.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "KuvLog.h"
-#include "UniqueFd.h"
+
+namespace spdlog {
+class logger;
+}
 
 namespace kuv {
 
@@ -25,11 +29,12 @@ void formatLogRecord(std::string& out, LogLevel level, const char* source, const
 // cannot take (ENOSPC, EFBIG) is cut back so that no fragment is left. Files are created 0600, never
 // through a symbolic link, in directories created 0700. Backups are <stem>.1.log .. <stem>.<N>.log;
 // without backups the file starts afresh. Nothing is buffered in the process, so a killed process loses
-// no record it wrote. Thread-safe.
+// no record it wrote. Thread-safe; never throws.
+class LogSink;
 class LogFile {
 public:
-    LogFile() = default;
-    ~LogFile() = default;
+    LogFile();
+    ~LogFile();
     LogFile(const LogFile&) = delete;
     LogFile& operator=(const LogFile&) = delete;
 
@@ -57,18 +62,9 @@ public:
     long writeRecord(std::string_view record);
 
 private:
-    bool openLocked(std::string* error);
-    void rotateLocked();
-    std::string backupName(size_t index) const;
-
-    mutable std::mutex m_mutex;
-    UniqueFd m_fd;
-    bool m_stderr = false;
-    std::string m_path;
-    std::string m_backupStem; // backup directory and stem: "<dir>/<stem>."
-    uint64_t m_maxSize = 0;
-    uint64_t m_size = 0;
-    size_t m_backups = 0;
+    // Null only when they could not be made (out of memory): then nothing is written.
+    std::shared_ptr<LogSink> m_sink;
+    std::shared_ptr<spdlog::logger> m_logger; // not in spdlog's registry: private to this file
     std::atomic<int> m_level{static_cast<int>(LogLevel::Info)};
 };
 

@@ -1,10 +1,15 @@
-// The record formatter and the rotating log file shared by every log of the platform.
+// The record formatter and the rotating log file shared by every log of the platform, on spdlog: each
+// LogFile owns an spdlog::logger (never registered, synchronous, never flushed on a timer) with one
+// LogSink, whose RecordFormatter writes the record layout of the platform's logs.
 #include "KuvLogFile.h"
 
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/base_sink.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,10 +18,12 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <vector>
 
 #include "FileUtils.h"
 #include "SafeIo.h"
+#include "UniqueFd.h"
 
 namespace kuv {
 
@@ -61,34 +68,45 @@ bool plainLogText(std::string_view text)
     return true;
 }
 
-void appendEscaped(std::string& out, const char* text)
+// std::string and spdlog's memory buffer alike.
+template <typename Buffer>
+void put(Buffer& out, std::string_view text)
+{
+    out.append(text.data(), text.data() + text.size());
+}
+
+template <typename Buffer>
+void appendEscaped(Buffer& out, const char* text)
 {
     if (text == nullptr) {
         return;
     }
     const std::string_view view(text);
     if (plainLogText(view)) {
-        out += view;
+        put(out, view);
     } else {
-        out += escapeControl(std::string(view));
+        put(out, escapeControl(std::string(view)));
     }
 }
 
-void appendMessage(std::string& out, std::string_view message, size_t alreadyCut)
+// The message as a record carries it (kuv::logMessage); plain text as it stands, without a copy. The
+// rule needs what the caller cut, which spdlog's message does not carry, so it is applied before the
+// message is handed to the logger.
+std::string_view ruledMessage(std::string_view message, size_t alreadyCut, std::string& scratch)
 {
     std::string_view body = message;
     if (alreadyCut == 0 && !body.empty() && body.back() == '\n') {
         body.remove_suffix(1);
     }
     if (alreadyCut == 0 && body.size() <= kMaxLogMessage && plainLogText(body)) {
-        out += body;
-    } else {
-        out += logMessage(std::string(message), kMaxLogMessage, alreadyCut);
+        return body;
     }
+    scratch = logMessage(std::string(message), kMaxLogMessage, alreadyCut);
+    return scratch;
 }
 
-template <typename Int>
-void appendNumber(std::string& out, Int value)
+template <typename Buffer, typename Int>
+void appendNumber(Buffer& out, Int value)
 {
     char digits[24];
     const auto result = std::to_chars(digits, digits + sizeof digits, value);
@@ -97,7 +115,8 @@ void appendNumber(std::string& out, Int value)
 
 // "YYYY-MM-DD HH:MM:SS.mmm" in local time. The calendar part changes once a second, so each thread keeps
 // it and writes only the milliseconds afresh.
-void appendTimestamp(std::string& out)
+template <typename Buffer>
+void appendTimestamp(Buffer& out, std::chrono::system_clock::time_point time)
 {
     struct Cache {
         std::time_t secs = -1;
@@ -105,22 +124,23 @@ void appendTimestamp(std::string& out)
         size_t size = 0;
     };
     thread_local Cache cache;
-    struct timespec now {};
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_sec != cache.secs) {
+    const auto sinceEpoch = time.time_since_epoch();
+    const auto secs = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
+    const std::time_t now = static_cast<std::time_t>(secs.count());
+    if (now != cache.secs) {
         struct tm local {};
-        localtime_r(&now.tv_sec, &local);
+        localtime_r(&now, &local);
         const int n = std::snprintf(cache.text, sizeof cache.text, "%04d-%02d-%02d %02d:%02d:%02d.",
                                     local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
                                     local.tm_min, local.tm_sec);
         cache.size = n > 0 ? std::min(static_cast<size_t>(n), sizeof cache.text - 1) : 0;
-        cache.secs = now.tv_sec;
+        cache.secs = now;
     }
-    out.append(cache.text, cache.size);
-    const long ms = now.tv_nsec / 1000000;
-    out += static_cast<char>('0' + ms / 100);
-    out += static_cast<char>('0' + ms / 10 % 10);
-    out += static_cast<char>('0' + ms % 10);
+    out.append(cache.text, cache.text + cache.size);
+    const long ms = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch - secs).count());
+    out.push_back(static_cast<char>('0' + ms / 100));
+    out.push_back(static_cast<char>('0' + ms / 10 % 10));
+    out.push_back(static_cast<char>('0' + ms % 10));
 }
 
 // The process id, asked once and again only in a forked child.
@@ -130,8 +150,10 @@ const bool g_pidAtFork = [] {
     return true;
 }();
 
-// "<pid>:<tid>" of the calling thread, made once per thread (and again in a forked child).
-void appendIds(std::string& out)
+// "<pid>:<tid>" of the calling thread, made once per thread (and again in a forked child, where spdlog's
+// own cached thread id would still be the parent's).
+template <typename Buffer>
+void appendIds(Buffer& out)
 {
     struct Ids {
         pid_t pid = -1;
@@ -146,8 +168,61 @@ void appendIds(std::string& out)
         ids.size = n > 0 ? std::min(static_cast<size_t>(n), sizeof ids.text - 1) : 0;
         ids.pid = pid;
     }
-    out.append(ids.text, ids.size);
+    out.append(ids.text, ids.text + ids.size);
 }
+
+// One record from a message already under the log rule.
+template <typename Buffer>
+void appendRecord(Buffer& out, std::chrono::system_clock::time_point time, LogLevel level, const char* source,
+                  const char* function, unsigned int line, std::string_view message)
+{
+    (void)g_pidAtFork;
+    out.push_back('[');
+    appendTimestamp(out, time);
+    put(out, "] [");
+    appendIds(out);
+    put(out, "] [");
+    put(out, logLevelName(level));
+    put(out, "] [");
+    appendEscaped(out, source);
+    out.push_back(':');
+    appendEscaped(out, function);
+    out.push_back(':');
+    appendNumber(out, line);
+    put(out, "] ");
+    put(out, message);
+    out.push_back('\n');
+}
+
+// kuv::LogLevel and spdlog's levels count alike from trace to error; past either end is the nearest.
+spdlog::level::level_enum toSpdlog(LogLevel level)
+{
+    return static_cast<spdlog::level::level_enum>(std::clamp<int>(static_cast<int>(level), LOG_LEVEL_TRACE, LOG_LEVEL_ERROR));
+}
+
+LogLevel fromSpdlog(spdlog::level::level_enum level)
+{
+    return static_cast<LogLevel>(std::clamp<int>(static_cast<int>(level), LOG_LEVEL_TRACE, LOG_LEVEL_ERROR));
+}
+
+// The record layout of the platform's logs. The payload is the message under the log rule.
+class RecordFormatter final : public spdlog::formatter {
+public:
+    void format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) override
+    {
+        appendRecord(dest, msg.time, fromSpdlog(msg.level), msg.source.filename, msg.source.funcname,
+                     static_cast<unsigned int>(msg.source.line), std::string_view(msg.payload.data(), msg.payload.size()));
+    }
+    std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<RecordFormatter>(); }
+};
+
+// What the sink made of the calling thread's last record: spdlog's logger returns nothing, and the
+// sink runs on the caller's thread.
+struct SinkResult {
+    long written = -1;
+    int error = 0;
+};
+thread_local SinkResult t_result;
 
 // Writes the whole record or leaves the file as it was: a fragment would join the next record.
 long appendWhole(int fd, std::string_view record, bool cutBack)
@@ -177,31 +252,58 @@ std::string directoryOf(const std::string& path)
 
 } // namespace
 
+// The file under the logger: one write(2) per record and nothing held back, size rotation into
+// numbered backups, private files never opened through a link; or stderr.
+class LogSink final : public spdlog::sinks::base_sink<std::mutex> {
+public:
+    LogSink() : base_sink(std::make_unique<RecordFormatter>()) {}
+
+    bool open(const std::string& path, const std::string& backupDir, uint64_t maxSize, size_t backups,
+              std::string* error);
+    void openStderr();
+    bool isOpen();
+    void close();
+    long writeRecord(std::string_view record);
+
+protected:
+    void sink_it_(const spdlog::details::log_msg& msg) override
+    {
+        m_record.clear();
+        formatter_->format(msg, m_record);
+        t_result.written = appendLocked(std::string_view(m_record.data(), m_record.size()));
+        t_result.error = errno;
+    }
+    // Nothing is held back.
+    void flush_() override {}
+
+private:
+    bool openLocked(std::string* error);
+    void rotateLocked();
+    long appendLocked(std::string_view record);
+    std::string backupName(size_t index) const;
+
+    spdlog::memory_buf_t m_record; // reused: no allocation per record
+    UniqueFd m_fd;
+    bool m_stderr = false;
+    std::string m_path;
+    std::string m_backupStem; // backup directory and stem: "<dir>/<stem>."
+    uint64_t m_maxSize = 0;
+    uint64_t m_size = 0;
+    size_t m_backups = 0;
+};
+
 void formatLogRecord(std::string& out, LogLevel level, const char* source, const char* function, unsigned int line,
                      std::string_view message, size_t alreadyCut)
 {
-    (void)g_pidAtFork;
-    out += '[';
-    appendTimestamp(out);
-    out += "] [";
-    appendIds(out);
-    out += "] [";
-    out += logLevelName(level);
-    out += "] [";
-    appendEscaped(out, source);
-    out += ':';
-    appendEscaped(out, function);
-    out += ':';
-    appendNumber(out, line);
-    out += "] ";
-    appendMessage(out, message, alreadyCut);
-    out += '\n';
+    std::string scratch;
+    appendRecord(out, std::chrono::system_clock::now(), level, source, function, line,
+                 ruledMessage(message, alreadyCut, scratch));
 }
 
-bool LogFile::open(const std::string& path, const std::string& backupDir, uint64_t maxSize, size_t backups,
+bool LogSink::open(const std::string& path, const std::string& backupDir, uint64_t maxSize, size_t backups,
                    std::string* error)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(mutex_);
     m_fd.reset();
     m_stderr = false;
     m_path = userStatePath(path);
@@ -226,7 +328,7 @@ bool LogFile::open(const std::string& path, const std::string& backupDir, uint64
 }
 
 // Never through a planted link, never anything but a regular file, private to the user.
-bool LogFile::openLocked(std::string* error)
+bool LogSink::openLocked(std::string* error)
 {
     const std::string dir = directoryOf(m_path);
     if (!CDir::mkpath(dir, 0700)) {
@@ -251,33 +353,33 @@ bool LogFile::openLocked(std::string* error)
     return true;
 }
 
-void LogFile::openStderr()
+void LogSink::openStderr()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(mutex_);
     m_fd.reset();
     m_stderr = true;
     m_maxSize = 0;
 }
 
-bool LogFile::isOpen() const
+bool LogSink::isOpen()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(mutex_);
     return m_stderr || m_fd.valid();
 }
 
-void LogFile::close()
+void LogSink::close()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(mutex_);
     m_fd.reset();
     m_stderr = false;
 }
 
-std::string LogFile::backupName(size_t index) const
+std::string LogSink::backupName(size_t index) const
 {
     return m_backupStem + std::to_string(index) + ".log";
 }
 
-void LogFile::rotateLocked()
+void LogSink::rotateLocked()
 {
     if (m_backups > 0) {
         CDir::mkpath(directoryOf(m_backupStem), 0700);
@@ -298,9 +400,8 @@ void LogFile::rotateLocked()
     }
 }
 
-long LogFile::writeRecord(std::string_view record)
+long LogSink::appendLocked(std::string_view record)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_stderr) {
         return appendWhole(STDERR_FILENO, record, false);
     }
@@ -321,17 +422,94 @@ long LogFile::writeRecord(std::string_view record)
     return n;
 }
 
+long LogSink::writeRecord(std::string_view record)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return appendLocked(record);
+}
+
+LogFile::LogFile()
+{
+    try {
+        auto sink = std::make_shared<LogSink>();
+        auto logger = std::make_shared<spdlog::logger>("kuv", sink);
+        logger->set_level(spdlog::level::trace); // LogFile filters before it formats
+        logger->flush_on(spdlog::level::off);
+        // A record that fails is reported to the caller by write(); nothing goes to stderr.
+        logger->set_error_handler([](const std::string&) {});
+        m_sink = std::move(sink);
+        m_logger = std::move(logger);
+    } catch (...) {
+        m_sink.reset();
+        m_logger.reset();
+    }
+}
+
+LogFile::~LogFile() = default;
+
+bool LogFile::open(const std::string& path, const std::string& backupDir, uint64_t maxSize, size_t backups,
+                   std::string* error)
+{
+    try {
+        if (m_sink == nullptr) {
+            if (error != nullptr) {
+                *error = "cannot open " + escapeControl(path) + ": out of memory";
+            }
+            return false;
+        }
+        return m_sink->open(path, backupDir, maxSize, backups, error);
+    } catch (...) {
+        errno = ENOMEM;
+        return false;
+    }
+}
+
+void LogFile::openStderr()
+{
+    if (m_sink != nullptr) {
+        m_sink->openStderr();
+    }
+}
+
+bool LogFile::isOpen() const
+{
+    return m_sink != nullptr && m_sink->isOpen();
+}
+
+void LogFile::close()
+{
+    if (m_sink != nullptr) {
+        m_sink->close();
+    }
+}
+
+long LogFile::writeRecord(std::string_view record)
+{
+    if (m_sink == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    return m_sink->writeRecord(record);
+}
+
 long LogFile::write(LogLevel level, const char* source, const char* function, unsigned int line,
                     std::string_view message, size_t alreadyCut)
 {
     if (!enabled(level)) {
         return 0;
     }
+    if (m_logger == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
     try {
-        thread_local std::string record;
-        record.clear();
-        formatLogRecord(record, level, source, function, line, message, alreadyCut);
-        return writeRecord(record);
+        thread_local std::string scratch;
+        const std::string_view text = ruledMessage(message, alreadyCut, scratch);
+        t_result = SinkResult{-1, ENOMEM}; // what stays when spdlog's error handler took the record
+        m_logger->log(spdlog::source_loc{source, static_cast<int>(line), function}, toSpdlog(level),
+                      spdlog::string_view_t(text.data(), text.size()));
+        errno = t_result.error;
+        return t_result.written;
     } catch (...) {
         errno = ENOMEM;
         return -1;

@@ -313,6 +313,31 @@ TEST(LogFile, ConcurrentWritersGiveWholeRecordsAcrossRotations)
     EXPECT_EQ(seen.size(), 1000u);
 }
 
+// The process id is cached, not asked per record: a forked child still writes its own ids.
+TEST(LogFile, AForkedChildWritesItsOwnIds)
+{
+    TempDir dir;
+    kuv::LogFile log;
+    ASSERT_TRUE(log.open(dir / "fork.log", "", 0, 0));
+    ASSERT_GT(log.write(LogLevel::Info, "s", "f", 1, "parent"), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        _exit(log.write(LogLevel::Info, "s", "f", 1, "child") > 0 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+    const auto lines = kuvtest::lines(kuvtest::readFile(dir / "fork.log"));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(afterTimestamp(lines[0]),
+              "[" + std::to_string(::getpid()) + ":" + std::to_string(::gettid()) + "] [INFO] [s:f:1] parent");
+    // The child is single-threaded: its thread id is its process id.
+    EXPECT_EQ(afterTimestamp(lines[1]),
+              "[" + std::to_string(child) + ":" + std::to_string(child) + "] [INFO] [s:f:1] child");
+}
+
 // Nothing is held back in the process: a record is in the file when the call returns, so a killed
 // process loses none.
 TEST(LogFile, AKilledProcessLosesNoRecord)

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <vector>
 
+#include "Daemon.h"
 #include "FileUtils.h"
 #include "KuvLog.h"
 #include "SafeIo.h"
@@ -115,15 +116,6 @@ bool takeLock(const std::string& path, UniqueFd& lock, std::string& why)
     return true;
 }
 
-void report(UniqueFd& ready, int status)
-{
-    if (ready.valid()) {
-        const unsigned char byte = static_cast<unsigned char>(status);
-        (void)!kuv::safeWrite(ready.get(), &byte, 1);
-        ready.reset();
-    }
-}
-
 int serve(const Settings& settings, const std::string& installDir, UniqueFd& ready, int lockFd)
 {
     writePid(lockFd);
@@ -136,7 +128,7 @@ int serve(const Settings& settings, const std::string& installDir, UniqueFd& rea
     sigprocmask(SIG_BLOCK, &mask, nullptr);
     kuv::ignoreWriteSignals();
     Service service(settings, installDir);
-    return service.run([&](int status) { report(ready, status); });
+    return service.run([&](int status) { kuv::reportReady(ready, status); });
 }
 
 int supervise(const Settings& settings, const std::string& installDir, UniqueFd& ready, int lockFd)
@@ -148,7 +140,7 @@ int supervise(const Settings& settings, const std::string& installDir, UniqueFd&
         const pid_t child = ::fork();
         if (child < 0) {
             KUV_LOG(kuv::LogLevel::Error, "fork: %s", strerror(errno));
-            report(ready, kExitFailure);
+            kuv::reportReady(ready, kExitFailure);
             return kExitFailure;
         }
         if (child == 0) {

@@ -138,31 +138,4 @@ std::string logMessage(const std::string& text, size_t limit, size_t alreadyCut)
     return out;
 }
 
-long appendRecord(int fd, const std::string& record)
-{
-    if (fd < 0) {
-        errno = EBADF;
-        return -1;
-    }
-    struct stat st;
-    const off_t start = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : -1;
-    // A short write is continued; the failing write names the cause (ENOSPC, EFBIG).
-    const ssize_t written = kuv::safeWrite(fd, record.data(), record.size());
-    if (written == static_cast<ssize_t>(record.size())) {
-        return static_cast<long>(record.size());
-    }
-    const int failure = errno != 0 ? errno : ENOSPC;
-    const size_t done = written > 0 ? static_cast<size_t>(written) : 0;
-    // A fragment would glue the next record to it: give the file back its last line boundary.
-    if (done > 0 && start >= 0) {
-        if (::ftruncate(fd, start) != 0) {
-            // Cannot cut back: end the fragment so the next record starts on a line of its own.
-            const char lf = '\n';
-            (void)!::write(fd, &lf, 1);
-        }
-    }
-    errno = failure;
-    return -1;
-}
-
 } // namespace kuv

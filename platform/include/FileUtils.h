@@ -133,10 +133,6 @@ constexpr size_t kMaxLogMessage = 16 * 1024;
 // a marker " [... N bytes cut]" (N counted in the message's own bytes; alreadyCut is added for text
 // that the caller cut before).
 std::string logMessage(const std::string& text, size_t limit = kMaxLogMessage, size_t alreadyCut = 0);
-// Appends one whole record to fd (one write(), a short one continued). When the rest cannot be
-// written (ENOSPC, EFBIG) the file is cut back to where the record began, so no fragment is left for the next record to
-// join. Returns the record's size, or -1 with errno set.
-long appendRecord(int fd, const std::string& record);
 
 // A deferral takes a program launch and either keeps it to run later (true) or declines (false: the
 // launch runs now). The GUI shell installs one so that launches asked for during start-up run once its

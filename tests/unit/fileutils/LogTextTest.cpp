@@ -114,55 +114,6 @@ TEST(LogRule, MessageDropsOneFinalLineFeedAndIsCutWithAMarker)
     EXPECT_EQ(kuv::logMessage("short", 100, 7), "short [... 7 bytes cut]");
 }
 
-TEST(WholeRecords, AppendWritesTheRecord)
-{
-    TempDir dir;
-    const int fd = ::open((dir / "a.log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(kuv::appendRecord(fd, "one\n"), 4);
-    EXPECT_EQ(kuv::appendRecord(fd, "two\n"), 4);
-    ::close(fd);
-    EXPECT_EQ(kuvtest::readFile(dir / "a.log"), "one\ntwo\n");
-    EXPECT_EQ(kuv::appendRecord(-1, "x\n"), -1);
-}
-
-// At the file size limit (EFBIG, as ENOSPC would) a record that does not fit leaves no fragment.
-TEST(WholeRecords, ARecordPastTheFileSizeLimitLeavesNoFragment)
-{
-    TempDir dir;
-    const std::string path = dir / "limited.log";
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::signal(SIGXFSZ, SIG_IGN);
-        struct rlimit lim;
-        lim.rlim_cur = lim.rlim_max = 100;
-        if (::setrlimit(RLIMIT_FSIZE, &lim) != 0) {
-            ::_exit(10);
-        }
-        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        if (fd < 0) {
-            ::_exit(11);
-        }
-        if (kuv::appendRecord(fd, std::string(59, 'a') + "\n") != 60) {
-            ::_exit(12);
-        }
-        // 60 + 60 > 100: the kernel takes 40 bytes and then refuses; they must not stay.
-        if (kuv::appendRecord(fd, std::string(59, 'b') + "\n") != -1 || errno != EFBIG) {
-            ::_exit(13);
-        }
-        if (kuv::appendRecord(fd, std::string(29, 'c') + "\n") != 30) {
-            ::_exit(14);
-        }
-        ::_exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(kuvtest::readFile(path), std::string(59, 'a') + "\n" + std::string(29, 'c') + "\n");
-}
-
 TEST(StatePaths, AnInstallationOfTheUserKeepsItsOwnPaths)
 {
     TempDir install;

@@ -73,6 +73,7 @@ int EndPoint::init(const GUID& guid)
              "endpoint %s will be registered once the broker is reachable", guidText(guid).c_str());
         return 0;
     }
+    const ClientMgr::SocketWait watched(m_mgr); // the broker's answer comes through the socket
     std::unique_lock<std::mutex> lock(m_mutex);
     m_cv.wait_for(lock, std::chrono::milliseconds(kRegisterWaitMs),
                   [&] { return m_generation != generation || m_reg != Reg::Pending; });

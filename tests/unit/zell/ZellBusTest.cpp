@@ -500,31 +500,62 @@ TEST_F(ZellBus, SettingsAsTheServiceSendsThemAndUnusableOnes)
                                  "\"log_size\":10485760}";
     {
         Client client(*module, "69948CC6-CA3A-471E-9D6D-E532496DBBE2");
-        EXPECT_EQ(client->init(settings.c_str(), "gui"), 0);
-        EXPECT_NE(client->init(settings.c_str(), "gui"), 0) << "a second init is refused";
+        EXPECT_EQ(client->init(settings.c_str(), "gui"), ZELL_INIT_OK);
+        EXPECT_STREQ(client->lastError(), "");
+        EXPECT_EQ(client->init(settings.c_str(), "gui"), ZELL_INIT_NOT_FRESH) << "a second init is refused";
+        EXPECT_NE(std::string(client->lastError()).find("initialised or stopped before"), std::string::npos);
         EXPECT_STREQ(client->version(), "1.0.0");
         ASSERT_TRUE(client.waitConnected());
         EXPECT_TRUE(kuvtest::waitForFileContains(install.path() + "/log/gui/gui.ipc.log", "connected to the broker"));
         EXPECT_TRUE(kuvtest::fileContains(install.path() + "/log/gui/gui.ipc.log", "(module \"gui\""));
     }
     EXPECT_EQ(module->create(nullptr), nullptr);
-    for (const char* bad : {"", "not json", "[1]", "{\"thread_nums\":0}", "{\"thread_nums\":\"1\"}",
-                            "{\"log_level\":9}", "{\"socket_addr\":5}", "{\"socket_addr\":\"\"}",
-                            "{\"socket_addr\":\"tcp://127.0.0.1:5555\"}", "{\"log_size\":-1}"}) {
-        Client client(*module, "bad");
-        EXPECT_NE(client->init(bad, "gui"), 0) << bad;
-        EXPECT_EQ(client->createEndPoint()->init(guidOf(kAppGuid)), -1) << "no bus without settings";
-    }
     {
         Client client(*module, "null");
-        EXPECT_NE(client->init(nullptr, "gui"), 0);
+        EXPECT_EQ(client->init(nullptr, "gui"), ZELL_INIT_BAD_SETTINGS);
+        EXPECT_STREQ(client->lastError(), "unusable settings: no settings");
     }
-    {
-        // An unwritable log location costs the log, not the bus.
-        Client client(*module, "nolog");
-        EXPECT_EQ(client.init(settingsJson("./kuv_zell", 1, "/proc/none/x.log")), 0);
-        EXPECT_TRUE(client.waitConnected());
-    }
+}
+
+struct UnusableSettings {
+    const char* text;
+    int code;
+    const char* lastError; // a part of the module's last error line
+};
+
+class ZellBusUnusableSettings : public ZellBus, public ::testing::WithParamInterface<UnusableSettings> {
+};
+
+TEST_P(ZellBusUnusableSettings, AreRefusedWithTheirReason)
+{
+    const UnusableSettings& c = GetParam();
+    Client client(*module, "bad");
+    // The reason is kept even with the module log silenced and no callback set.
+    client->setLogMask(0);
+    EXPECT_EQ(client->init(c.text, "gui"), c.code) << c.text;
+    EXPECT_NE(std::string(client->lastError()).find(c.lastError), std::string::npos) << client->lastError();
+    EXPECT_EQ(client->createEndPoint()->init(guidOf(kAppGuid)), -1) << "no bus without settings";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Settings, ZellBusUnusableSettings,
+    ::testing::Values(UnusableSettings{"", ZELL_INIT_BAD_SETTINGS, "settings are not JSON"},
+                      UnusableSettings{"not json", ZELL_INIT_BAD_SETTINGS, "settings are not JSON"},
+                      UnusableSettings{"[1]", ZELL_INIT_BAD_SETTINGS, "not a JSON object"},
+                      UnusableSettings{"{\"thread_nums\":0}", ZELL_INIT_BAD_SETTINGS, "\"thread_nums\""},
+                      UnusableSettings{"{\"thread_nums\":\"1\"}", ZELL_INIT_BAD_SETTINGS, "\"thread_nums\""},
+                      UnusableSettings{"{\"log_level\":9}", ZELL_INIT_BAD_SETTINGS, "\"log_level\""},
+                      UnusableSettings{"{\"socket_addr\":5}", ZELL_INIT_BAD_SETTINGS, "\"socket_addr\""},
+                      UnusableSettings{"{\"socket_addr\":\"\"}", ZELL_INIT_BAD_SETTINGS, "\"socket_addr\" is empty"},
+                      UnusableSettings{"{\"socket_addr\":\"tcp://127.0.0.1:5555\"}", ZELL_INIT_BAD_ADDRESS,
+                                       "unusable bus address"},
+                      UnusableSettings{"{\"log_size\":-1}", ZELL_INIT_BAD_SETTINGS, "\"log_size\""}));
+
+TEST_F(ZellBus, AnUnwritableLogCostsTheLogNotTheBus)
+{
+    Client client(*module, "nolog");
+    EXPECT_EQ(client.init(settingsJson("./kuv_zell", 1, "/proc/none/x.log")), ZELL_INIT_OK);
+    EXPECT_TRUE(client.waitConnected());
 }
 
 TEST_F(ZellBus, OneInstancePerGuid)

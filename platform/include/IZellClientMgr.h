@@ -55,6 +55,13 @@ public:
     // 1 once the broker has confirmed this endpoint's GUID; -1 while the broker refuses it (another live
     // endpoint has it; asked again every few seconds); 0 otherwise (not initialised, or not confirmed yet).
     virtual int isRegistered() { return 0; }
+    // notify(context) is called on a bus thread each time isRegistered() may have changed; null removes it,
+    // and once that returns it is not called again. For waiting on the registration without polling.
+    virtual void setRegisteredNotify(void (*notify)(void* context), void* context)
+    {
+        (void)notify;
+        (void)context;
+    }
 
 protected:
     ~IZellMREndPoint4() = default;
@@ -123,6 +130,12 @@ public:
     // after the original operations, with a body, so callers and implementations that predate it keep
     // their slots.)
     virtual const char* lastError() { return ""; }
+    // Waits up to timeoutMs for the connection to the broker; 1 when connected, else 0.
+    virtual int waitConnected(int timeoutMs)
+    {
+        (void)timeoutMs;
+        return isConnected();
+    }
 
 protected:
     ~IZellClientMgr() = default;

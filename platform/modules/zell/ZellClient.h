@@ -90,6 +90,7 @@ public:
     int sendMsg(const GUID& dest, int64_t msgType, const char* body, int length) override;
     int sendMsgWait(const GUID& dest, int64_t msgType, const char* body, int length, int timeoutMs) override;
     int isRegistered() override;
+    void setRegisteredNotify(void (*notify)(void* context), void* context) override;
 
     // Called on a worker thread, one delivery of this endpoint at a time.
     void dispatch(Delivery& delivery);
@@ -107,6 +108,7 @@ public:
     bool deactivateLocked(GUID& guid);
 
 private:
+    void notifyRegistered();
     friend class ClientMgr;
     int send(const GUID& dest, int64_t msgType, const char* body, int length, bool wantAck, uint64_t& sequence);
     void waitIdle(std::unique_lock<std::mutex>& lock);
@@ -119,7 +121,9 @@ private:
     uint64_t m_generation = 0;
     Reg m_reg = Reg::None;
     std::map<int64_t, IMRReceiveComplete*> m_receivers;
-    int m_running = 0; // receiver calls in progress
+    int m_running = 0; // receiver and notify calls in progress
+    void (*m_registeredNotify)(void*) = nullptr;
+    void* m_registeredContext = nullptr;
     std::atomic<uint64_t> m_sequence{0};
 
     // Guarded by the Workers' mutex: messages read for this endpoint, and whether a thread has it in hand
@@ -184,6 +188,7 @@ public:
     void release() override;
     void stop() override;
     const char* lastError() override;
+    int waitConnected(int timeoutMs) override;
 
     bool released() const;
     bool runningLocked() const { return m_state == State::Running; }
@@ -266,6 +271,7 @@ public:
     // After the workers are joined: says goodbye to the broker (best effort) and closes the sockets.
     void close();
     bool connected() const { return m_connected.load(); }
+    bool waitConnected(int timeoutMs);
 
     // From any thread. 0 sent or queued; 1 stopped; 2 the queue stayed full for waitMs.
     int postData(zmq::message_t&& message, int waitMs);
@@ -307,6 +313,7 @@ private:
     void handleRegisterAck(const wire::Message& msg);
     void sessionUp(uint64_t instance);
     void sessionDown(const char* why);
+    void setConnected(bool connected);
     // Answers the broker owes, by key: a verdict on a sent message, or the confirmation that a GUID left.
     void expect(const std::string& key);
     int await(const std::string& key, int timeoutMs);
@@ -325,6 +332,8 @@ private:
     kuv::UniqueFd m_wakeFd;
     std::atomic<bool> m_stop{false};
     std::atomic<bool> m_connected{false};
+    std::mutex m_connMutex; // with m_connCv: waiting for m_connected
+    std::condition_variable m_connCv;
 
     // Guarded by m_outMutex, shared with sending threads.
     std::mutex m_outMutex;

@@ -391,6 +391,12 @@ void ClientMgr::stop()
     ZLOG(m_log, kLogInfo, ZELL_LOG_CONNECTION, "zell client stopped");
 }
 
+int ClientMgr::waitConnected(int timeoutMs)
+{
+    Io* io = m_ioPtr.load();
+    return io != nullptr && io->waitConnected(timeoutMs) ? 1 : 0;
+}
+
 const char* ClientMgr::lastError()
 {
     // A copy per calling thread, so the text stays put while the module goes on logging.

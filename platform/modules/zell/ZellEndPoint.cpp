@@ -105,6 +105,8 @@ bool EndPoint::deactivateLocked(GUID& guid)
     ++m_generation;
     m_reg = Reg::None;
     m_receivers.clear();
+    m_registeredNotify = nullptr;
+    m_registeredContext = nullptr;
     m_cv.notify_all();
     return was;
 }
@@ -240,22 +242,59 @@ int EndPoint::isRegistered()
     return m_reg == Reg::Ok ? 1 : (m_reg == Reg::Refused ? -1 : 0);
 }
 
+void EndPoint::setRegisteredNotify(void (*notify)(void* context), void* context)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_registeredNotify = notify;
+    m_registeredContext = context;
+    if (notify == nullptr) {
+        waitIdle(lock); // no call of the old one after this returns
+    }
+}
+
+void EndPoint::notifyRegistered()
+{
+    void (*notify)(void*) = nullptr;
+    void* context = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        notify = m_registeredNotify;
+        context = m_registeredContext;
+        if (notify == nullptr) {
+            return;
+        }
+        ++m_running;
+    }
+    notify(context);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (--m_running <= 1) {
+        m_cv.notify_all();
+    }
+}
+
 void EndPoint::registrationAnswer(const GUID& guid, bool accepted)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_active || !sameGuid(guid, m_guid)) {
-        return;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_active || !sameGuid(guid, m_guid)) {
+            return;
+        }
+        m_reg = accepted ? Reg::Ok : Reg::Refused;
+        m_cv.notify_all();
     }
-    m_reg = accepted ? Reg::Ok : Reg::Refused;
-    m_cv.notify_all();
+    notifyRegistered();
 }
 
 void EndPoint::connectionLost()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_active) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_active) {
+            return;
+        }
         m_reg = Reg::Pending;
     }
+    notifyRegistered();
 }
 
 bool EndPoint::currentGuid(GUID& out, bool refusedOnly)

@@ -117,7 +117,11 @@ void Io::setupSocket()
 
 void Io::shutdown()
 {
-    m_stop.store(true);
+    {
+        std::lock_guard<std::mutex> lock(m_connMutex);
+        m_stop.store(true);
+    }
+    m_connCv.notify_all();
     {
         std::lock_guard<std::mutex> lock(m_outMutex);
         m_outCv.notify_all();
@@ -146,7 +150,7 @@ void Io::close()
         m_monitor.reset();
         m_socket.reset();
     }
-    m_connected.store(false);
+    setConnected(false);
     failAllVerdicts();
 }
 
@@ -386,11 +390,28 @@ void Io::sessionUp(uint64_t instance)
         m_session = true;
         flushLocked();
     }
-    m_connected.store(true);
+    setConnected(true);
     ZLOG(m_log, kLogInfo, ZELL_LOG_CONNECTION, "connected to the broker at %s%s; registering %zu endpoint(s)",
          m_endpoint.c_str(),
          restarted ? " (the broker was restarted)" : (again ? " (the broker had forgotten this client)" : ""),
          registrations.size());
+}
+
+void Io::setConnected(bool connected)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_connMutex);
+        m_connected.store(connected);
+    }
+    m_connCv.notify_all();
+}
+
+bool Io::waitConnected(int timeoutMs)
+{
+    std::unique_lock<std::mutex> lock(m_connMutex);
+    return m_connCv.wait_for(lock, std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs),
+                             [&] { return m_connected.load() || m_stop.load(); }) &&
+           m_connected.load();
 }
 
 void Io::sessionDown(const char* why)
@@ -403,7 +424,7 @@ void Io::sessionDown(const char* why)
         std::lock_guard<std::mutex> lock(m_outMutex);
         m_session = false;
     }
-    m_connected.store(false);
+    setConnected(false);
     m_nextHello = 0;
     for (const auto& endpoint : m_mgr.boundEndPoints()) {
         endpoint->connectionLost();

@@ -196,13 +196,33 @@ TEST_F(ZellBus, ClientsWaitForALateBroker)
     ASSERT_EQ(rx->registerRecvNotify(1003, &recorder, 0), 0);
     ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
     EXPECT_EQ(a->isConnected(), 0);
+    EXPECT_EQ(a->waitConnected(50), 0) << "no broker: the wait ends with its timeout";
     EXPECT_EQ(tx->sendMsg(guidOf(kAppGuid), 1003, "x", 1), 1) << "no broker: not handed to the bus";
     EXPECT_EQ(tx->sendMsgWait(guidOf(kAppGuid), 1003, "x", 1, 100), ZELL_SEND_NO_BROKER);
+    // Told when the registration changes, so nobody polls isRegistered().
+    struct Registered {
+        std::mutex mutex;
+        std::condition_variable cv;
+        int calls = 0;
+        static void notify(void* self)
+        {
+            auto* r = static_cast<Registered*>(self);
+            std::lock_guard<std::mutex> lock(r->mutex);
+            ++r->calls;
+            r->cv.notify_all();
+        }
+    } registered;
+    rx->setRegisteredNotify(&Registered::notify, &registered);
 
     broker = std::make_unique<Broker>(KUV_ZELLD_PATH, *runtime);
     ASSERT_TRUE(a.waitConnected());
     ASSERT_TRUE(b.waitConnected());
-    ASSERT_TRUE(kuvtest::waitUntil([&] { return rx->isRegistered() == 1; }, 30000));
+    {
+        std::unique_lock<std::mutex> lock(registered.mutex);
+        ASSERT_TRUE(registered.cv.wait_for(lock, std::chrono::seconds(30), [&] { return rx->isRegistered() == 1; }));
+        EXPECT_GE(registered.calls, 1);
+    }
+    rx->setRegisteredNotify(nullptr, nullptr);
     EXPECT_TRUE(kuvtest::waitUntil(
         [&] { return tx->sendMsgWait(guidOf(kAppGuid), 1003, "late", 4, 5000) == ZELL_SEND_ROUTED; }, 30000, 50));
     ASSERT_TRUE(recorder.waitFor(1));

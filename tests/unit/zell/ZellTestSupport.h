@@ -273,10 +273,7 @@ public:
     int init(const std::string& settings) { return m_mgr->init(settings.c_str(), "test"); }
     IZellClientMgr* operator->() { return m_mgr; }
     IZellClientMgr* get() { return m_mgr; }
-    bool waitConnected(int timeoutMs = 30000)
-    {
-        return kuvtest::waitUntil([&] { return m_mgr->isConnected() == 1; }, timeoutMs);
-    }
+    bool waitConnected(int timeoutMs = 30000) { return m_mgr->waitConnected(timeoutMs) == 1; }
     void close()
     {
         if (m_mgr != nullptr) {

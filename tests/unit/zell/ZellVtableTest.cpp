@@ -36,6 +36,7 @@ TEST(ZellVtable, ClientManagerSlots)
     EXPECT_EQ(slotOf(&IZellClientMgr::stop), 10);
     // Later additions come after the original operations.
     EXPECT_EQ(slotOf(&IZellClientMgr::lastError), 11);
+    EXPECT_EQ(slotOf(&IZellClientMgr::waitConnected), 12);
 }
 
 TEST(ZellVtable, InitResultsKeepTheirValuesAndNames)
@@ -60,6 +61,7 @@ TEST(ZellVtable, EndPointSlots)
     // Later additions come after the original operations.
     EXPECT_EQ(slotOf(&IZellMREndPoint4::sendMsgWait), 5);
     EXPECT_EQ(slotOf(&IZellMREndPoint4::isRegistered), 6);
+    EXPECT_EQ(slotOf(&IZellMREndPoint4::setRegisteredNotify), 7);
 }
 
 TEST(ZellVtable, ReceiverSlots)

@@ -109,6 +109,10 @@ public:
 
 private:
     void notifyRegistered();
+    // Names the endpoint in this client's table; 0, or init's result when that fails.
+    int bind(const GUID& guid, uint64_t& generation);
+    // Waits (briefly) for the broker's answer; 2 when another live endpoint has the GUID.
+    int awaitRegistration(const GUID& guid, uint64_t generation);
     friend class ClientMgr;
     int send(const GUID& dest, int64_t msgType, const char* body, int length, bool wantAck, uint64_t& sequence);
     void waitIdle(std::unique_lock<std::mutex>& lock);

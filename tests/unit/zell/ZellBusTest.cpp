@@ -70,10 +70,8 @@ TEST_F(ZellBus, DeliversType1003WithItsExactBody)
 {
     Client receiverSide(*module, "69948CC6-CA3A-471E-9D6D-E532496DBBE2");
     Client senderSide(*module, "11111111-2222-3333-4444-555555555555");
-    ASSERT_EQ(receiverSide.init(settingsJson()), 0);
-    ASSERT_EQ(senderSide.init(settingsJson()), 0);
-    ASSERT_TRUE(receiverSide.waitConnected());
-    ASSERT_TRUE(senderSide.waitConnected());
+    ASSERT_TRUE(receiverSide.start());
+    ASSERT_TRUE(senderSide.start());
 
     IZellMREndPoint4* app = receiverSide->createEndPoint();
     ASSERT_NE(app, nullptr);
@@ -116,8 +114,7 @@ TEST_F(ZellBus, DeliversType1003WithItsExactBody)
 TEST_F(ZellBus, AnyTypeReceiverGetsUnclaimedTypes)
 {
     Client a(*module, "A");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(a.start());
     IZellMREndPoint4* one = a->createEndPoint();
     IZellMREndPoint4* two = a->createEndPoint();
     Recorder any;
@@ -159,10 +156,8 @@ TEST_F(ZellBus, SecondLiveEndpointWithTheSameGuidIsRefused)
 {
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_EQ(b.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
-    ASSERT_TRUE(b.waitConnected());
+    ASSERT_TRUE(a.start());
+    ASSERT_TRUE(b.start());
     IZellMREndPoint4* first = a->createEndPoint();
     IZellMREndPoint4* sameClient = a->createEndPoint();
     IZellMREndPoint4* otherClient = b->createEndPoint();
@@ -233,10 +228,8 @@ TEST_F(ZellBus, DeliveryResumesAfterTheBrokerIsKilledAndRestarted)
 {
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_EQ(b.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
-    ASSERT_TRUE(b.waitConnected());
+    ASSERT_TRUE(a.start());
+    ASSERT_TRUE(b.start());
     IZellMREndPoint4* rx = a->createEndPoint();
     IZellMREndPoint4* tx = b->createEndPoint();
     Recorder recorder;
@@ -288,10 +281,8 @@ TEST_F(ZellBus, HundredThousandMessagesInARowNoneLost)
     } counter;
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_EQ(b.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
-    ASSERT_TRUE(b.waitConnected());
+    ASSERT_TRUE(a.start());
+    ASSERT_TRUE(b.start());
     IZellMREndPoint4* rx = a->createEndPoint();
     IZellMREndPoint4* tx = b->createEndPoint();
 
@@ -375,10 +366,8 @@ TEST_F(ZellBus, GarbageFramesLeaveTheBrokerServing)
 
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_EQ(b.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
-    ASSERT_TRUE(b.waitConnected());
+    ASSERT_TRUE(a.start());
+    ASSERT_TRUE(b.start());
     IZellMREndPoint4* rx = a->createEndPoint();
     IZellMREndPoint4* tx = b->createEndPoint();
     Recorder recorder;
@@ -399,8 +388,7 @@ TEST_F(ZellBus, GarbageFramesLeaveTheBrokerServing)
 TEST_F(ZellBus, OversizedBodiesAreRefusedBeforeSending)
 {
     Client a(*module, "A");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(a.start());
     IZellMREndPoint4* ep = a->createEndPoint();
     EXPECT_EQ(ep->sendMsg(guidOf(kAppGuid), 1, "x", 1), -1) << "not initialised";
     ASSERT_EQ(ep->init(guidOf(kAppGuid)), 0);
@@ -420,8 +408,7 @@ TEST_F(ZellBus, OversizedBodiesAreRefusedBeforeSending)
 TEST_F(ZellBus, ReceiverMayUninitItsOwnEndpoint)
 {
     Client a(*module, "A");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(a.start());
     IZellMREndPoint4* rx = a->createEndPoint();
     IZellMREndPoint4* tx = a->createEndPoint();
     struct SelfStopper : IMRReceiveComplete {
@@ -594,8 +581,7 @@ TEST_F(ZellBus, OneInstancePerGuid)
 TEST_F(ZellBus, RefusedInTheBackgroundThenTakenOverWhenFreed)
 {
     Client a(*module, "A");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(a.start());
     IZellMREndPoint4* holder = a->createEndPoint();
     ASSERT_EQ(holder->init(guidOf(kAppGuid)), 0);
 
@@ -658,8 +644,7 @@ TEST_F(ZellBus, ASlowClientLosesMessagesButNeverStallsTheBroker)
     Client fast(*module, "fast");
     Client sender(*module, "sender");
     for (Client* c : {&slow, &fast, &sender}) {
-        ASSERT_EQ(c->init(settingsJson()), 0);
-        ASSERT_TRUE(c->waitConnected());
+        ASSERT_TRUE(c->start());
     }
     IZellMREndPoint4* stalled = slow->createEndPoint();
     ASSERT_EQ(stalled->init(guidOf(kAppGuid)), 0);
@@ -703,10 +688,8 @@ TEST_F(ZellBus, ClientsSurviveTheBrokerKilledInTheMiddleOfTraffic)
 {
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_EQ(b.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
-    ASSERT_TRUE(b.waitConnected());
+    ASSERT_TRUE(a.start());
+    ASSERT_TRUE(b.start());
     IZellMREndPoint4* rx = a->createEndPoint();
     IZellMREndPoint4* tx = b->createEndPoint();
     struct Count : IMRReceiveComplete {

@@ -5,7 +5,9 @@
 
 #include "Guid.h"
 
-// Receivers implement this; the bus calls ReceiveCallback on one of its worker threads (not the caller's).
+// Receivers implement this; the bus calls ReceiveCallback on one of its worker threads, usually the one that
+// read the message, so a receiver that takes long holds back its client's later messages (as before, with
+// "thread_nums" 1) but never the broker's answers that other threads wait for.
 class IMRReceiveComplete {
 public:
     virtual ~IMRReceiveComplete() = default;
@@ -56,7 +58,8 @@ public:
     // endpoint has it; asked again every few seconds); 0 otherwise (not initialised, or not confirmed yet).
     virtual int isRegistered() { return 0; }
     // notify(context) is called on a bus thread each time isRegistered() may have changed; null removes it,
-    // and once that returns it is not called again. For waiting on the registration without polling.
+    // and once that returns it is not called again (uninit() removes it too, so notify must not call that).
+    // For waiting on the registration without polling.
     virtual void setRegisteredNotify(void (*notify)(void* context), void* context)
     {
         (void)notify;
@@ -125,10 +128,10 @@ public:
     virtual void release() = 0;
     // Leaves the bus and joins the module's threads: no receiver runs afterwards. Not from a receiver.
     virtual void stop() = 0;
-    // The module's last error line (an init failure, or the last line it logged at level 0), whatever the
-    // log level, mask and callback; "" when there was none. Valid until this thread calls it again. (Added
-    // after the original operations, with a body, so callers and implementations that predate it keep
-    // their slots.)
+    // The module's last error line: the reason of a failed init (kept whatever the log mask and callback),
+    // or a later line it logged at level 0; "" when there was none. Valid until this thread calls it again.
+    // (Added after the original operations, with a body, so callers and implementations that predate it
+    // keep their slots.)
     virtual const char* lastError() { return ""; }
     // Waits up to timeoutMs for the connection to the broker; 1 when connected, else 0.
     virtual int waitConnected(int timeoutMs)

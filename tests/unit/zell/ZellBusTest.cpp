@@ -32,6 +32,19 @@ protected:
         runtime.reset();
     }
 
+    // Starts a and b; rx (kAppGuid, on a) gets type through receiver, tx (kPeerGuid, on b) sends.
+    static void openPair(Client& a, Client& b, IZellMREndPoint4*& rx, IZellMREndPoint4*& tx,
+                         IMRReceiveComplete* receiver, int64_t type)
+    {
+        ASSERT_TRUE(a.start());
+        ASSERT_TRUE(b.start());
+        rx = a->createEndPoint();
+        tx = b->createEndPoint();
+        ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
+        ASSERT_EQ(rx->registerRecvNotify(type, receiver, 0), 0);
+        ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    }
+
     std::unique_ptr<RuntimeDir> runtime;
     std::unique_ptr<Broker> broker;
     std::unique_ptr<Module> module;
@@ -228,14 +241,10 @@ TEST_F(ZellBus, DeliveryResumesAfterTheBrokerIsKilledAndRestarted)
 {
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_TRUE(a.start());
-    ASSERT_TRUE(b.start());
-    IZellMREndPoint4* rx = a->createEndPoint();
-    IZellMREndPoint4* tx = b->createEndPoint();
     Recorder recorder;
-    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
-    ASSERT_EQ(rx->registerRecvNotify(1003, &recorder, 0), 0);
-    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    IZellMREndPoint4* rx = nullptr;
+    IZellMREndPoint4* tx = nullptr;
+    ASSERT_NO_FATAL_FAILURE(openPair(a, b, rx, tx, &recorder, 1003));
     ASSERT_EQ(tx->sendMsgWait(guidOf(kAppGuid), 1003, "before", 6, 10000), ZELL_SEND_ROUTED);
     ASSERT_TRUE(recorder.waitFor(1));
 
@@ -281,14 +290,9 @@ TEST_F(ZellBus, HundredThousandMessagesInARowNoneLost)
     } counter;
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_TRUE(a.start());
-    ASSERT_TRUE(b.start());
-    IZellMREndPoint4* rx = a->createEndPoint();
-    IZellMREndPoint4* tx = b->createEndPoint();
-
-    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
-    ASSERT_EQ(rx->registerRecvNotify(42, &counter, 0), 0);
-    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    IZellMREndPoint4* rx = nullptr;
+    IZellMREndPoint4* tx = nullptr;
+    ASSERT_NO_FATAL_FAILURE(openPair(a, b, rx, tx, &counter, 42));
 
     constexpr uint64_t kCount = 100000;
     char body[64] = {0};
@@ -366,14 +370,10 @@ TEST_F(ZellBus, GarbageFramesLeaveTheBrokerServing)
 
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_TRUE(a.start());
-    ASSERT_TRUE(b.start());
-    IZellMREndPoint4* rx = a->createEndPoint();
-    IZellMREndPoint4* tx = b->createEndPoint();
     Recorder recorder;
-    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
-    ASSERT_EQ(rx->registerRecvNotify(1003, &recorder, 0), 0);
-    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    IZellMREndPoint4* rx = nullptr;
+    IZellMREndPoint4* tx = nullptr;
+    ASSERT_NO_FATAL_FAILURE(openPair(a, b, rx, tx, &recorder, 1003));
     EXPECT_EQ(tx->sendMsgWait(guidOf(kAppGuid), 1003, "still here", 10, 10000), ZELL_SEND_ROUTED);
     ASSERT_TRUE(recorder.waitFor(1));
     EXPECT_EQ(recorder.items()[0].body, "still here");
@@ -688,17 +688,13 @@ TEST_F(ZellBus, ClientsSurviveTheBrokerKilledInTheMiddleOfTraffic)
 {
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_TRUE(a.start());
-    ASSERT_TRUE(b.start());
-    IZellMREndPoint4* rx = a->createEndPoint();
-    IZellMREndPoint4* tx = b->createEndPoint();
     struct Count : IMRReceiveComplete {
         std::atomic<uint64_t> n{0};
         void ReceiveCallback(uint64_t, int64_t, const char*, int, uint64_t, uint64_t) override { ++n; }
     } count;
-    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
-    ASSERT_EQ(rx->registerRecvNotify(5, &count, 0), 0);
-    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    IZellMREndPoint4* rx = nullptr;
+    IZellMREndPoint4* tx = nullptr;
+    ASSERT_NO_FATAL_FAILURE(openPair(a, b, rx, tx, &count, 5));
     std::atomic<bool> flooding{true};
     std::thread flood([&] {
         const std::string body(512, 'f');

@@ -631,10 +631,15 @@ void Io::pollOnce()
         bool stalled = false;
         {
             std::lock_guard<std::mutex> lock(m_outMutex);
-            flushLocked();
-            // ZMQ_FD only says that the socket's state may have changed; ZMQ_EVENTS says what it is.
-            readable = (m_socket->get(zmq::sockopt::events) & ZMQ_POLLIN) != 0;
-            stalled = m_stalled.has_value() && m_session;
+            // ZMQ_FD only says that the socket's state may have changed; ZMQ_EVENTS says what it is, and
+            // reading it takes the signal: room that came after the flush must be used now, not waited for.
+            int events = 0;
+            do {
+                flushLocked();
+                events = m_socket->get(zmq::sockopt::events);
+                stalled = m_stalled.has_value() && m_session;
+            } while (stalled && (events & ZMQ_POLLOUT));
+            readable = (events & ZMQ_POLLIN) != 0;
         }
         const bool paused = m_mgr.backlogFull();
         if (paused) {

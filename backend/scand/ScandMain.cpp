@@ -34,13 +34,20 @@ namespace scand {
 // The notifier thread: once the broker confirmed the endpoint, sends what broadcast() queued.
 void Service::notifierLoop()
 {
-    std::unique_lock<std::mutex> lock(m_outMutex);
     // A one-off wait at start for the broker to confirm our endpoint: only then can the subscribers
-    // listed in the runtime directory be reached.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!m_outStop && m_endpoint->isRegistered() != 1 && std::chrono::steady_clock::now() < deadline) {
-        m_outCv.wait_for(lock, std::chrono::milliseconds(10), [&] { return m_outStop; });
-    }
+    // listed in the runtime directory be reached. The endpoint wakes us when its registration changes.
+    m_endpoint->setRegisteredNotify(
+        [](void* self) {
+            auto* service = static_cast<Service*>(self);
+            std::lock_guard<std::mutex> lock(service->m_outMutex);
+            service->m_outCv.notify_all();
+        },
+        this);
+    std::unique_lock<std::mutex> lock(m_outMutex);
+    m_outCv.wait_for(lock, std::chrono::seconds(30), [&] { return m_outStop || m_endpoint->isRegistered() == 1; });
+    lock.unlock();
+    m_endpoint->setRegisteredNotify(nullptr, nullptr);
+    lock.lock();
     if (!m_outStop) {
         lock.unlock();
         subscribeListed();

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "IZellClientMgr.h"
+#include "Library.h"
 
 namespace kuv {
 
@@ -16,23 +17,26 @@ public:
     BusModule(const BusModule&) = delete;
     BusModule& operator=(const BusModule&) = delete;
 
-    // false with a message in error when the module cannot be used.
+    // false with a message in error when the module cannot be used; an init failure is told with the
+    // name of its _ZELL_INIT_RESULT and the module's last error line.
     // name labels the client instance ("<name>-<pid>") and the module's log lines.
     bool open(const std::string& socketAddr, bool verbose, std::string& error, const std::string& name = "kuvctl");
-    // Waits up to timeoutMs for the broker.
+    // Waits up to timeoutMs for the broker (woken by the connection itself).
     bool waitConnected(int timeoutMs);
     IZellClientMgr* mgr() { return m_mgr; }
+    // The module's last error line ("" when there is none or no client was created).
+    std::string lastError() const;
     static std::string modulePath();
-    // The last error line the module logged while open() ran (empty when none), kept whether or not
-    // verbose was asked for.
-    const std::string& lastError() const { return m_lastError; }
 
 private:
-    void* m_handle = nullptr;
+    bool load(std::string& error);
+    bool start(const std::string& socketAddr, bool verbose, const std::string& name, std::string& error);
+
+    Library m_library;
+    PFN_CreateInstance m_create = nullptr;
     PFN_DestoryInstance m_destroy = nullptr;
     IZellClientMgr* m_mgr = nullptr;
     std::string m_instance;
-    std::string m_lastError;
 };
 
 } // namespace kuv

@@ -5,7 +5,9 @@
 
 #include "Guid.h"
 
-// Receivers implement this; the bus calls ReceiveCallback on one of its dispatch threads.
+// Receivers implement this; the bus calls ReceiveCallback on one of its worker threads, usually the one that
+// read the message, so a receiver that takes long holds back its client's later messages (as before, with
+// "thread_nums" 1) but never the broker's answers that other threads wait for.
 class IMRReceiveComplete {
 public:
     virtual ~IMRReceiveComplete() = default;
@@ -55,6 +57,14 @@ public:
     // 1 once the broker has confirmed this endpoint's GUID; -1 while the broker refuses it (another live
     // endpoint has it; asked again every few seconds); 0 otherwise (not initialised, or not confirmed yet).
     virtual int isRegistered() { return 0; }
+    // notify(context) is called on a bus thread each time isRegistered() may have changed; null removes it,
+    // and once that returns it is not called again (uninit() removes it too, so notify must not call that).
+    // For waiting on the registration without polling.
+    virtual void setRegisteredNotify(void (*notify)(void* context), void* context)
+    {
+        (void)notify;
+        (void)context;
+    }
 
 protected:
     ~IZellMREndPoint4() = default;
@@ -71,6 +81,28 @@ enum _ZELL_LOG_CATEGORY {
     ZELL_LOG_INTERNAL = 0x8,   // settings, threads, malformed input
 };
 
+// Results of IZellClientMgr::init (the values are the module's ABI; lastError() tells the details).
+enum _ZELL_INIT_RESULT {
+    ZELL_INIT_OK = 0,
+    ZELL_INIT_BAD_SETTINGS = 1, // not JSON, or a key of the wrong type or out of range
+    ZELL_INIT_BAD_ADDRESS = 2,  // "socket_addr" cannot be resolved (runtime directory unusable, not ipc)
+    ZELL_INIT_NOT_FRESH = 3,    // init was called before, or the client was stopped
+    ZELL_INIT_NO_RESOURCES = 4, // the socket, the wake descriptor or the threads could not be set up
+};
+
+// The name of an init result ("ZELL_INIT_BAD_SETTINGS"), or "ZELL_INIT_UNKNOWN".
+inline const char* zellInitResultName(int code)
+{
+    switch (code) {
+    case ZELL_INIT_OK: return "ZELL_INIT_OK";
+    case ZELL_INIT_BAD_SETTINGS: return "ZELL_INIT_BAD_SETTINGS";
+    case ZELL_INIT_BAD_ADDRESS: return "ZELL_INIT_BAD_ADDRESS";
+    case ZELL_INIT_NOT_FRESH: return "ZELL_INIT_NOT_FRESH";
+    case ZELL_INIT_NO_RESOURCES: return "ZELL_INIT_NO_RESOURCES";
+    default: return "ZELL_INIT_UNKNOWN";
+    }
+}
+
 class IZellClientMgr {
 public:
     virtual const char* version() = 0;
@@ -83,8 +115,8 @@ public:
     // this client's endpoints. May be called from the endpoint's own receiver.
     virtual int64_t destroyEndPoint(IZellMREndPoint4* endPoint) = 0;
     // settings: compact JSON ("log_path", "log_backup_path", "socket_addr", "thread_nums", "log_level",
-    // "log_size"); module: the client's name. 0 on success (a broker that is not running yet is reached in
-    // the background); non-zero for settings that cannot be used or a second init.
+    // "log_size"); module: the client's name. One of _ZELL_INIT_RESULT: ZELL_INIT_OK on success (a broker
+    // that is not running yet is reached in the background); the reason otherwise, with lastError() set.
     virtual int init(const char* settings, const char* module) = 0;
     // Levels: 0 most severe .. 4 least. The callback may run on any of the module's threads.
     virtual void setLogCallback(PFN_ZELL_LOG_CALLBACK callback) = 0;
@@ -96,6 +128,17 @@ public:
     virtual void release() = 0;
     // Leaves the bus and joins the module's threads: no receiver runs afterwards. Not from a receiver.
     virtual void stop() = 0;
+    // The module's last error line: the reason of a failed init (kept whatever the log mask and callback),
+    // or a later line it logged at level 0; "" when there was none. Valid until this thread calls it again.
+    // (Added after the original operations, with a body, so callers and implementations that predate it
+    // keep their slots.)
+    virtual const char* lastError() { return ""; }
+    // Waits up to timeoutMs for the connection to the broker; 1 when connected, else 0.
+    virtual int waitConnected(int timeoutMs)
+    {
+        (void)timeoutMs;
+        return isConnected();
+    }
 
 protected:
     ~IZellClientMgr() = default;

@@ -45,7 +45,7 @@ bool BusSession::open(const std::string& socket, bool verbose)
     }
     fprintf(stderr, "kuvctl: %s\n", kuv::escapeControl(error, false).c_str());
     // The module's own words for it, whether or not its log was asked for.
-    const std::string& said = m_module.lastError();
+    const std::string said = m_module.lastError();
     if (!said.empty() && error.find(said) == std::string::npos) {
         fprintf(stderr, "kuvctl: the bus module says: %s\n", kuv::escapeControl(said, false).c_str());
     }

@@ -1,5 +1,5 @@
-// Internals of the bus client module: the client manager, its endpoints, the I/O thread that owns the ZMQ
-// socket and the dispatch threads that call receivers.
+// Internals of the bus client module: the client manager, its endpoints, the socket side (Io) and the
+// client's threads (Workers), which take turns polling the socket and calling receivers.
 #pragma once
 
 #include <zmq.hpp>
@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "IZellClientMgr.h"
+#include "UniqueFd.h"
 #include "ZellAddress.h"
 #include "ZellLogFile.h"
 #include "ZellSettings.h"
@@ -47,12 +48,17 @@ public:
     }
     void print(int level, uint32_t category, const char* source, const char* function, int line, const char* format,
                ...) __attribute__((format(printf, 7, 8)));
+    // The last line of level 0, kept whatever the level, mask and callback (print() keeps its own).
+    void keepError(const char* text);
+    std::string lastError() const;
 
 private:
     std::atomic<PFN_ZELL_LOG_CALLBACK> m_callback{nullptr};
     std::atomic<int> m_level{kLogInfo};
     std::atomic<uint32_t> m_mask{0xFFFFFFFFu};
     LogFile m_file;
+    mutable std::mutex m_errorMutex;
+    std::string m_lastError;
 };
 
 #define ZLOG(logger, level, category, ...)                                                                       \
@@ -62,7 +68,7 @@ private:
         }                                                                                                        \
     } while (0)
 
-// A message waiting for a dispatch thread.
+// A message waiting for its receiver.
 struct Delivery {
     std::shared_ptr<class EndPoint> endpoint;
     uint64_t generation = 0;
@@ -84,8 +90,9 @@ public:
     int sendMsg(const GUID& dest, int64_t msgType, const char* body, int length) override;
     int sendMsgWait(const GUID& dest, int64_t msgType, const char* body, int length, int timeoutMs) override;
     int isRegistered() override;
+    void setRegisteredNotify(void (*notify)(void* context), void* context) override;
 
-    // Called on a dispatch thread.
+    // Called on a worker thread, one delivery of this endpoint at a time.
     void dispatch(Delivery& delivery);
 
     enum class Reg { None, Pending, Ok, Refused };
@@ -101,6 +108,11 @@ public:
     bool deactivateLocked(GUID& guid);
 
 private:
+    void notifyRegistered();
+    // Names the endpoint in this client's table; 0, or init's result when that fails.
+    int bind(const GUID& guid, uint64_t& generation);
+    // Waits (briefly) for the broker's answer; 2 when another live endpoint has the GUID.
+    int awaitRegistration(const GUID& guid, uint64_t generation);
     friend class ClientMgr;
     int send(const GUID& dest, int64_t msgType, const char* body, int length, bool wantAck, uint64_t& sequence);
     void waitIdle(std::unique_lock<std::mutex>& lock);
@@ -113,34 +125,54 @@ private:
     uint64_t m_generation = 0;
     Reg m_reg = Reg::None;
     std::map<int64_t, IMRReceiveComplete*> m_receivers;
-    int m_running = 0; // receiver calls in progress
+    int m_running = 0; // receiver and notify calls in progress
+    void (*m_registeredNotify)(void*) = nullptr;
+    void* m_registeredContext = nullptr;
     std::atomic<uint64_t> m_sequence{0};
+
+    // Guarded by the Workers' mutex: messages read for this endpoint, and whether a thread has it in hand
+    // (queued or running), which keeps its receivers one at a time and in order.
+    friend class Workers;
+    std::deque<Delivery> m_inbox;
+    bool m_scheduled = false;
 };
 
-// One dispatch thread with its own queue; an endpoint always lands on the same one, so its messages are
-// delivered in order and never concurrently.
-class Dispatcher {
+// The client's threads, thread_nums + 1 of them, in two roles. At most one is the poller: it waits on the
+// socket and the wake fd and puts what it reads into the endpoints' inboxes. A poller that found work calls
+// the receivers itself and leaves the role vacant, so a message reaches its receiver on the thread that
+// read it and no other thread is woken for it. Whoever then needs the socket watched (a thread waiting for
+// the broker's answer, a send that had to queue) calls ensurePoller(), which wakes an idle thread into the
+// role; at most thread_nums threads call receivers at once, so one is always there to take it. Idle: the
+// poller sleeps in zmq_poll without a timeout, the others on a condition variable.
+class Workers {
 public:
-    Dispatcher(ClientMgr& mgr, int index);
-    ~Dispatcher();
-    void start();
-    void stop(); // joins; queued deliveries are dropped
-    // Moves every delivery of batch to this thread's queue (one lock, at most one wake-up).
-    void pushBatch(std::vector<Delivery>& batch);
-    bool onThisThread() const { return std::this_thread::get_id() == m_threadId.load(); }
+    Workers(ClientMgr& mgr, Io& io, int runners);
+    ~Workers();
+    void start(); // throws std::system_error
+    // Joins; messages not delivered yet are dropped.
+    void stop();
+    // Poller: hands each delivery to its endpoint's inbox.
+    void enqueue(std::vector<Delivery>& batch);
+    // Wakes an idle thread into the poller's role when nobody holds it.
+    void ensurePoller();
 
 private:
-    void run();
+    void run(int index);
+    // Calls the receivers of endpoint until its inbox is empty.
+    void drain(const std::shared_ptr<EndPoint>& endpoint);
+    void dropAll();
 
     ClientMgr& m_mgr;
-    int m_index;
+    Io& m_io;
+    const int m_maxRunners;
     std::mutex m_mutex;
     std::condition_variable m_cv;
-    std::deque<Delivery> m_queue;
+    std::deque<std::shared_ptr<EndPoint>> m_ready; // endpoints with an inbox and no thread on them
+    bool m_pollerTaken = false;
+    int m_runners = 0; // threads calling receivers
+    int m_idle = 0;    // threads waiting on m_cv
     bool m_stop = false;
-    bool m_waiting = false;
-    std::thread m_thread;
-    std::atomic<std::thread::id> m_threadId{};
+    std::vector<std::thread> m_threads;
 };
 
 class ClientMgr final : public IZellClientMgr {
@@ -159,6 +191,8 @@ public:
     void setLogMask(uint32_t mask) override;
     void release() override;
     void stop() override;
+    const char* lastError() override;
+    int waitConnected(int timeoutMs) override;
 
     bool released() const;
     bool runningLocked() const { return m_state == State::Running; }
@@ -174,11 +208,28 @@ public:
     std::vector<std::shared_ptr<EndPoint>> boundEndPoints();
     std::shared_ptr<EndPoint> self(EndPoint* endpoint);
 
-    // I/O thread: received messages go to the dispatch thread of their endpoint, a batch at a time.
-    size_t shardCount() const { return m_dispatchers.size(); }
-    size_t shardOf(const EndPoint* endpoint) const;
-    void deliverBatch(size_t shard, std::vector<Delivery>& batch);
-    // Messages and bytes waiting for dispatch threads; the I/O thread stops reading above the limits.
+    // Poller: received messages go to their endpoints' inboxes, a batch at a time.
+    void deliver(std::vector<Delivery>& batch);
+    // Someone waits on the socket side: make sure a thread watches it.
+    void ensurePoller();
+    // Threads waiting for the broker (a verdict, a registration, room in the send queue); while there are
+    // any, the poller's role is never left vacant.
+    std::atomic<int> socketWaiters{0};
+    class SocketWait {
+    public:
+        explicit SocketWait(ClientMgr& mgr) : m_mgr(mgr)
+        {
+            ++m_mgr.socketWaiters;
+            m_mgr.ensurePoller();
+        }
+        ~SocketWait() { --m_mgr.socketWaiters; }
+        SocketWait(const SocketWait&) = delete;
+        SocketWait& operator=(const SocketWait&) = delete;
+
+    private:
+        ClientMgr& m_mgr;
+    };
+    // Messages and bytes waiting for receivers; the poller stops reading above the limits.
     std::atomic<uint64_t> backlogMessages{0};
     std::atomic<uint64_t> backlogBytes{0};
     std::atomic<bool> readPaused{false};
@@ -188,6 +239,9 @@ public:
 
 private:
     enum class State { Created, Running, Stopped, Released };
+
+    int failInit(int code, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    int startThreads(const Settings& settings, const BusAddress& address);
 
     const std::string m_instanceGuid;
     mutable std::mutex m_mutex;
@@ -201,21 +255,29 @@ private:
     std::unordered_map<wire::GuidKey, std::shared_ptr<EndPoint>, wire::GuidKeyHash> m_byGuid;
     std::unique_ptr<Io> m_io;
     std::atomic<Io*> m_ioPtr{nullptr};
-    std::vector<std::unique_ptr<Dispatcher>> m_dispatchers;
+    std::unique_ptr<Workers> m_workers;
+    std::atomic<Workers*> m_workersPtr{nullptr};
     std::mutex m_lifecycle; // serialises init/stop/release
 };
 
-// Owns the ZMQ context and the DEALER socket; every socket operation happens on its thread.
+// Owns the ZMQ context and the DEALER socket. The poller (one worker at a time) reads and keeps the session;
+// senders put data on the socket themselves when nothing is queued ahead of them, so a message leaves on the
+// thread that sends it. m_outMutex serialises every use of the DEALER socket.
 class Io {
 public:
     Io(ClientMgr& mgr, std::string endpoint);
     ~Io();
-    bool start(std::string& error);
-    // Says goodbye to the broker (best effort) and joins the thread.
-    void stop();
+    bool open(std::string& error);
+    // Poller: one round of flushing, waiting and reading.
+    void pollOnce();
+    // Refuses new messages and wakes everyone who waits on the socket side.
+    void shutdown();
+    // After the workers are joined: says goodbye to the broker (best effort) and closes the sockets.
+    void close();
     bool connected() const { return m_connected.load(); }
+    bool waitConnected(int timeoutMs);
 
-    // From any thread. 0 queued; 1 stopped; 2 the queue stayed full for waitMs.
+    // From any thread. 0 sent or queued; 1 stopped; 2 the queue stayed full for waitMs.
     int postData(zmq::message_t&& message, int waitMs);
     void postRegister(const GUID& guid);
     // expectAnswer: the caller will awaitUnregistered() for the broker's confirmation.
@@ -238,21 +300,31 @@ private:
         bool data = false;
     };
 
-    void run();
-    void loopOnce(bool& stop);
     void setupSocket();
-    bool trySend(Outgoing& out);
+    void postControl(zmq::message_t&& message, bool front = false);
+    bool trySendLocked(Outgoing& out);
+    bool sendDirectLocked(zmq::message_t& message);
     void sendControl(const std::string& message);
-    void flush();
+    void flushLocked();
+    bool takeNextLocked();
+    void sendTimedControl(int64_t now);
+    long pollTimeout() const;
     void readSocket();
     void readMonitor();
     void handle(zmq::message_t& message);
-    void flushOutbox();
+    void handleDeliver(const wire::Message& msg, zmq::message_t& message);
+    void handleError(const wire::Message& msg);
+    void handleRegisterAck(const wire::Message& msg);
     void sessionUp(uint64_t instance);
     void sessionDown(const char* why);
-    void completeVerdict(const GUID& src, uint64_t sequence, int result);
+    void setConnected(bool connected);
+    // Answers the broker owes, by key: a verdict on a sent message, or the confirmation that a GUID left.
+    void expect(const std::string& key);
+    int await(const std::string& key, int timeoutMs);
+    void complete(const std::string& key, int result);
     void failAllVerdicts();
     static std::string verdictKey(const GUID& src, uint64_t sequence);
+    static std::string unregisterKey(const GUID& guid);
 
     ClientMgr& m_mgr;
     Logger& m_log;
@@ -260,40 +332,38 @@ private:
     zmq::context_t m_context;
     std::unique_ptr<zmq::socket_t> m_socket;
     std::unique_ptr<zmq::socket_t> m_monitor;
-    std::string m_monitorAddress;
-    int m_wakeFd = -1;
-    std::thread m_thread;
+    int m_socketFd = -1; // the DEALER's ZMQ_FD: readable when its events may have changed
+    kuv::UniqueFd m_wakeFd;
     std::atomic<bool> m_stop{false};
     std::atomic<bool> m_connected{false};
+    std::mutex m_connMutex; // with m_connCv: waiting for m_connected
+    std::condition_variable m_connCv;
 
-    // Shared with posting threads.
+    // Guarded by m_outMutex, shared with sending threads.
     std::mutex m_outMutex;
     std::condition_variable m_outCv;
     std::deque<Outgoing> m_control;
     std::deque<Outgoing> m_data;
     size_t m_dataBytes = 0;
     int m_spaceWaiters = 0;
+    bool m_session = false;            // the broker welcomed this client
+    std::optional<Outgoing> m_stalled; // taken from a queue, not accepted by the socket yet
 
     std::mutex m_verdictMutex;
     std::condition_variable m_verdictCv;
     std::unordered_map<std::string, Verdict> m_verdicts;
-    std::unordered_map<wire::GuidKey, Verdict, wire::GuidKeyHash> m_unregistered;
 
-    // I/O thread only.
-    bool m_session = false;
+    // Poller only (the role moves between threads under the Workers' mutex).
     uint64_t m_instance = 0;
-    std::optional<Outgoing> m_stalled; // taken from a queue, not accepted by the socket yet
     bool m_linkUp = false;          // a connection to the broker is established (monitor events)
     bool m_refusedPending = false;  // some endpoint stands refused; ask again now and then
     int64_t m_nextHello = 0;
     int64_t m_nextRetry = 0;
-    bool m_paused = false;
-    std::vector<std::vector<Delivery>> m_outbox; // per dispatch thread, filled while reading a batch
-    wire::GuidKey m_lastDest;                    // the last destination looked up in this batch
+    std::vector<Delivery> m_outbox; // filled while reading a batch
+    wire::GuidKey m_lastDest;       // the last destination looked up in this batch
     std::shared_ptr<EndPoint> m_lastEndpoint;
     uint64_t m_lastGeneration = 0;
     uint64_t m_errorsLogged = 0;
-    uint64_t m_undelivered = 0;
     int64_t m_errorWindow = 0;
 };
 

@@ -1,5 +1,5 @@
-// The client manager: settings, the module log, the endpoint table, and the life cycle of the I/O and
-// dispatch threads.
+// The client manager: settings, the module log, the endpoint table, and the life cycle of the socket and
+// the worker threads.
 #include <pthread.h>
 
 #include <cstdio>
@@ -40,87 +40,167 @@ void Logger::print(int level, uint32_t category, const char* source, const char*
     // Both the file and the receiver of the callback escape the text by the log rule themselves.
     static const char* const names[] = {"ERROR", "WARN", "INFO", "DEBUG", "TRACE"};
     m_file.write(names[level < 0 ? 0 : (level > 4 ? 4 : level)], source, function, line, text);
+    if (level <= kLogError) {
+        keepError(text);
+    }
     if (PFN_ZELL_LOG_CALLBACK callback = m_callback.load()) {
         callback(level, text, static_cast<int>(category));
     }
 }
 
-// ---- Dispatcher ----
-
-Dispatcher::Dispatcher(ClientMgr& mgr, int index) : m_mgr(mgr), m_index(index) {}
-
-Dispatcher::~Dispatcher() { stop(); }
-
-void Dispatcher::start() { m_thread = std::thread(&Dispatcher::run, this); }
-
-void Dispatcher::stop()
+void Logger::keepError(const char* text)
 {
-    if (!m_thread.joinable()) {
-        return;
+    std::lock_guard<std::mutex> lock(m_errorMutex);
+    m_lastError = text;
+}
+
+std::string Logger::lastError() const
+{
+    std::lock_guard<std::mutex> lock(m_errorMutex);
+    return m_lastError;
+}
+
+// ---- Workers ----
+
+Workers::Workers(ClientMgr& mgr, Io& io, int runners) : m_mgr(mgr), m_io(io), m_maxRunners(runners) {}
+
+Workers::~Workers() { stop(); }
+
+void Workers::start()
+{
+    for (int i = 0; i <= m_maxRunners; ++i) {
+        m_threads.emplace_back(&Workers::run, this, i);
     }
+}
+
+void Workers::stop()
+{
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_stop = true;
     }
     m_cv.notify_all();
-    m_thread.join();
-    std::deque<Delivery> dropped;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        dropped.swap(m_queue);
+    m_io.wake();
+    for (auto& thread : m_threads) {
+        if (thread.joinable()) {
+            thread.join();
+        }
     }
-    uint64_t bytes = 0;
-    for (const auto& delivery : dropped) {
-        bytes += delivery.message.size();
-    }
-    m_mgr.backlogDrained(dropped.size(), bytes);
+    m_threads.clear();
+    dropAll();
 }
 
-void Dispatcher::pushBatch(std::vector<Delivery>& batch)
+void Workers::dropAll()
 {
-    bool notify = false;
+    std::deque<std::shared_ptr<EndPoint>> ready;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ready.swap(m_ready);
+    }
+    uint64_t messages = 0;
+    uint64_t bytes = 0;
+    for (const auto& endpoint : ready) {
+        std::deque<Delivery> dropped;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            dropped.swap(endpoint->m_inbox);
+            endpoint->m_scheduled = false;
+        }
+        for (const auto& delivery : dropped) {
+            bytes += delivery.message.size();
+        }
+        messages += dropped.size();
+    }
+    m_mgr.backlogDrained(messages, bytes);
+}
+
+void Workers::enqueue(std::vector<Delivery>& batch)
+{
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (auto& delivery : batch) {
-            m_queue.push_back(std::move(delivery));
+            EndPoint& endpoint = *delivery.endpoint;
+            if (!endpoint.m_scheduled) {
+                endpoint.m_scheduled = true;
+                m_ready.push_back(delivery.endpoint);
+            }
+            endpoint.m_inbox.push_back(std::move(delivery));
         }
-        notify = m_waiting;
     }
     batch.clear();
-    if (notify) {
+}
+
+void Workers::ensurePoller()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_pollerTaken && !m_stop && m_idle > 0) {
         m_cv.notify_one();
     }
 }
 
-void Dispatcher::run()
+void Workers::drain(const std::shared_ptr<EndPoint>& endpoint)
 {
-    char name[16];
-    snprintf(name, sizeof(name), "zell-disp-%d", m_index);
-    pthread_setname_np(pthread_self(), name);
-    m_threadId.store(std::this_thread::get_id());
-    tl_dispatchOwner = &m_mgr;
     std::deque<Delivery> batch;
     for (;;) {
         {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            while (m_queue.empty() && !m_stop) {
-                m_waiting = true;
-                m_cv.wait(lock);
-                m_waiting = false;
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (endpoint->m_inbox.empty() || m_stop) {
+                endpoint->m_scheduled = !endpoint->m_inbox.empty(); // left for dropAll() when stopping
+                if (endpoint->m_scheduled) {
+                    m_ready.push_back(endpoint);
+                }
+                return;
             }
-            if (m_stop) {
-                break;
-            }
-            batch.swap(m_queue);
+            batch.swap(endpoint->m_inbox);
         }
         uint64_t bytes = 0;
         const uint64_t count = batch.size();
         for (auto& delivery : batch) {
             bytes += delivery.message.size();
-            delivery.endpoint->dispatch(delivery);
+            endpoint->dispatch(delivery);
         }
         batch.clear();
         m_mgr.backlogDrained(count, bytes);
+    }
+}
+
+void Workers::run(int index)
+{
+    char name[16];
+    snprintf(name, sizeof(name), "zell-%d", index);
+    pthread_setname_np(pthread_self(), name);
+    tl_dispatchOwner = &m_mgr;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stop) {
+        if (!m_ready.empty() && m_runners < m_maxRunners) {
+            std::shared_ptr<EndPoint> endpoint = std::move(m_ready.front());
+            m_ready.pop_front();
+            ++m_runners;
+            // Wake another thread when other endpoints can run beside this one, or when the socket must stay
+            // watched: another receiver is running (it may wait for the broker) or some thread waits for it.
+            const bool moreToRun = !m_ready.empty() && m_runners < m_maxRunners;
+            const bool watchNeeded = !m_pollerTaken && (m_runners > 1 || m_mgr.socketWaiters.load() > 0);
+            if (m_idle > 0 && (moreToRun || watchNeeded)) {
+                m_cv.notify_one();
+            }
+            lock.unlock();
+            drain(endpoint);
+            endpoint.reset();
+            lock.lock();
+            --m_runners;
+            continue;
+        }
+        if (!m_pollerTaken) {
+            m_pollerTaken = true;
+            lock.unlock();
+            m_io.pollOnce();
+            lock.lock();
+            m_pollerTaken = false;
+            continue;
+        }
+        ++m_idle;
+        m_cv.wait(lock);
+        --m_idle;
     }
     tl_dispatchOwner = nullptr;
 }
@@ -193,25 +273,35 @@ int64_t ClientMgr::destroyEndPoint(IZellMREndPoint4* endPoint)
     return 0;
 }
 
+int ClientMgr::failInit(int code, const char* format, ...)
+{
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    m_log.keepError(text);
+    ZLOG(m_log, kLogError, ZELL_LOG_INTERNAL, "%s", text);
+    return code;
+}
+
 int ClientMgr::init(const char* settingsText, const char* module)
 {
     std::lock_guard<std::mutex> lifecycle(m_lifecycle);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_state != State::Created) {
-            return 3;
+            return failInit(ZELL_INIT_NOT_FRESH, "init: the client was initialised or stopped before");
         }
     }
     Settings settings;
     std::string error;
     if (!parseSettings(settingsText, settings, error)) {
-        ZLOG(m_log, kLogError, ZELL_LOG_INTERNAL, "unusable settings: %s", error.c_str());
-        return 1;
+        return failInit(ZELL_INIT_BAD_SETTINGS, "unusable settings: %s", error.c_str());
     }
     BusAddress address;
     if (!resolveAddress(settings.socketAddr, address, &error)) {
-        ZLOG(m_log, kLogError, ZELL_LOG_INTERNAL, "unusable bus address: %s", error.c_str());
-        return 2;
+        return failInit(ZELL_INIT_BAD_ADDRESS, "unusable bus address: %s", error.c_str());
     }
     m_log.setLevel(settings.logLevel);
     if (!settings.logPath.empty()) {
@@ -224,37 +314,43 @@ int ClientMgr::init(const char* settingsText, const char* module)
     m_module = module != nullptr ? std::string(module, strnlen(module, 64)) : std::string();
     m_settings = settings;
     m_address = address;
-
-    try {
-        for (int i = 0; i < settings.threadNums; ++i) {
-            m_dispatchers.push_back(std::make_unique<Dispatcher>(*this, i));
-        }
-        for (auto& dispatcher : m_dispatchers) {
-            dispatcher->start();
-        }
-    } catch (const std::system_error& e) {
-        ZLOG(m_log, kLogError, ZELL_LOG_INTERNAL, "cannot start dispatch threads: %s", e.what());
-        m_dispatchers.clear();
-        return 4;
+    const int rc = startThreads(settings, address);
+    if (rc == ZELL_INIT_OK) {
+        ZLOG(m_log, kLogInfo, ZELL_LOG_CONNECTION, "zell client %s (module \"%s\", %d dispatch thread(s)) using %s",
+             KUV_VERSION, m_module.c_str(), settings.threadNums, address.endpoint.c_str());
     }
+    return rc;
+}
+
+int ClientMgr::startThreads(const Settings& settings, const BusAddress& address)
+{
     auto io = std::make_unique<Io>(*this, address.endpoint);
+    std::string error;
+    if (!io->open(error)) {
+        return failInit(ZELL_INIT_NO_RESOURCES, "%s", error.c_str());
+    }
     {
-        // The I/O thread looks endpoints up from its first moment.
+        // The poller looks endpoints up from its first moment.
         std::lock_guard<std::mutex> lock(m_mutex);
         m_state = State::Running;
     }
-    if (!io->start(error)) {
-        ZLOG(m_log, kLogError, ZELL_LOG_INTERNAL, "%s", error.c_str());
-        m_dispatchers.clear();
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_state = State::Created;
-        return 4;
-    }
     m_io = std::move(io);
     m_ioPtr.store(m_io.get());
-    ZLOG(m_log, kLogInfo, ZELL_LOG_CONNECTION, "zell client %s (module \"%s\", %d dispatch thread(s)) using %s",
-         KUV_VERSION, m_module.c_str(), settings.threadNums, address.endpoint.c_str());
-    return 0;
+    // In place before the threads start: the poller hands its first messages to it.
+    m_workers = std::make_unique<Workers>(*this, *m_io, settings.threadNums);
+    m_workersPtr.store(m_workers.get());
+    try {
+        m_workers->start();
+    } catch (const std::system_error& e) {
+        m_workersPtr.store(nullptr);
+        m_workers.reset(); // joins what started
+        m_ioPtr.store(nullptr);
+        m_io.reset();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_state = State::Created;
+        return failInit(ZELL_INIT_NO_RESOURCES, "cannot start the bus threads: %s", e.what());
+    }
+    return ZELL_INIT_OK;
 }
 
 void ClientMgr::setLogCallback(PFN_ZELL_LOG_CALLBACK callback) { m_log.setCallback(callback); }
@@ -284,12 +380,29 @@ void ClientMgr::stop()
         m_state = State::Stopped;
     }
     if (m_io) {
-        m_io->stop();
+        m_io->shutdown();
     }
-    for (auto& dispatcher : m_dispatchers) {
-        dispatcher->stop();
+    if (m_workers) {
+        m_workers->stop();
+    }
+    if (m_io) {
+        m_io->close(); // the threads are gone: the socket is ours
     }
     ZLOG(m_log, kLogInfo, ZELL_LOG_CONNECTION, "zell client stopped");
+}
+
+int ClientMgr::waitConnected(int timeoutMs)
+{
+    Io* io = m_ioPtr.load();
+    return io != nullptr && io->waitConnected(timeoutMs) ? 1 : 0;
+}
+
+const char* ClientMgr::lastError()
+{
+    // A copy per calling thread, so the text stays put while the module goes on logging.
+    thread_local std::string copy;
+    copy = m_log.lastError();
+    return copy.c_str();
 }
 
 void ClientMgr::release()
@@ -313,7 +426,8 @@ void ClientMgr::release()
         entry.second->uninit();
     }
     endpoints.clear();
-    m_dispatchers.clear();
+    m_workersPtr.store(nullptr);
+    m_workers.reset();
     m_log.closeFile();
     m_log.setCallback(nullptr);
 }
@@ -349,15 +463,16 @@ std::vector<std::shared_ptr<EndPoint>> ClientMgr::boundEndPoints()
     return out;
 }
 
-size_t ClientMgr::shardOf(const EndPoint* endpoint) const
+void ClientMgr::ensurePoller()
 {
-    // By endpoint, so one endpoint's messages stay in order on one thread.
-    return m_dispatchers.empty() ? 0 : (reinterpret_cast<uintptr_t>(endpoint) >> 4) % m_dispatchers.size();
+    if (Workers* workers = m_workersPtr.load()) {
+        workers->ensurePoller();
+    }
 }
 
-void ClientMgr::deliverBatch(size_t shard, std::vector<Delivery>& batch)
+void ClientMgr::deliver(std::vector<Delivery>& batch)
 {
-    if (batch.empty() || shard >= m_dispatchers.size()) {
+    if (batch.empty() || !m_workers) {
         batch.clear();
         return;
     }
@@ -367,7 +482,7 @@ void ClientMgr::deliverBatch(size_t shard, std::vector<Delivery>& batch)
     }
     backlogMessages.fetch_add(batch.size(), std::memory_order_relaxed);
     backlogBytes.fetch_add(bytes, std::memory_order_relaxed);
-    m_dispatchers[shard]->pushBatch(batch);
+    m_workers->enqueue(batch);
 }
 
 bool ClientMgr::backlogFull() const

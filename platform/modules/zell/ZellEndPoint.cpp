@@ -30,8 +30,23 @@ int EndPoint::init(const GUID& guid)
         ZLOG(m_mgr.log(), kLogWarn, ZELL_LOG_ENDPOINT, "endpoint init with the zero GUID refused");
         return -1;
     }
-    Io* io = m_mgr.io();
     uint64_t generation = 0;
+    const int rc = bind(guid, generation);
+    if (rc != 0) {
+        return rc;
+    }
+    Io* io = m_mgr.io();
+    io->postRegister(guid);
+    if (!io->connected()) {
+        ZLOG(m_mgr.log(), kLogInfo, ZELL_LOG_ENDPOINT,
+             "endpoint %s will be registered once the broker is reachable", guidText(guid).c_str());
+        return 0;
+    }
+    return awaitRegistration(guid, generation);
+}
+
+int EndPoint::bind(const GUID& guid, uint64_t& generation)
+{
     enum { kBound, kAlreadyInit, kNotRunning, kTaken } outcome = kBound;
     GUID current{};
     {
@@ -40,7 +55,7 @@ int EndPoint::init(const GUID& guid)
         if (m_active) {
             outcome = kAlreadyInit;
             current = m_guid;
-        } else if (io == nullptr || !m_mgr.runningLocked()) {
+        } else if (m_mgr.io() == nullptr || !m_mgr.runningLocked()) {
             outcome = kNotRunning;
         } else if (!m_mgr.bindLocked(guidKey(guid), shared_from_this())) {
             outcome = kTaken;
@@ -67,29 +82,30 @@ int EndPoint::init(const GUID& guid)
     case kBound:
         break;
     }
-    io->postRegister(guid);
-    if (!io->connected()) {
-        ZLOG(m_mgr.log(), kLogInfo, ZELL_LOG_ENDPOINT,
-             "endpoint %s will be registered once the broker is reachable", guidText(guid).c_str());
-        return 0;
+    return 0;
+}
+
+int EndPoint::awaitRegistration(const GUID& guid, uint64_t generation)
+{
+    {
+        const ClientMgr::SocketWait watched(m_mgr); // the broker's answer comes through the socket
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_cv.wait_for(lock, std::chrono::milliseconds(kRegisterWaitMs),
+                      [&] { return m_generation != generation || m_reg != Reg::Pending; });
+        if (m_generation != generation || m_reg != Reg::Refused) {
+            return 0; // confirmed, or still pending and retried in the background
+        }
     }
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_cv.wait_for(lock, std::chrono::milliseconds(kRegisterWaitMs),
-                  [&] { return m_generation != generation || m_reg != Reg::Pending; });
-    if (m_generation != generation || m_reg != Reg::Refused) {
-        return 0; // confirmed, or still pending and retried in the background
-    }
-    lock.unlock();
     // Another live endpoint on the bus has this GUID: give it up again.
     GUID mine;
     {
         std::lock_guard<std::mutex> table(m_mgr.tableMutex());
-        std::lock_guard<std::mutex> relock(m_mutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         if (m_generation != generation || !deactivateLocked(mine)) {
             return 0;
         }
     }
-    io->postUnregister(guid);
+    m_mgr.io()->postUnregister(guid);
     return 2;
 }
 
@@ -104,6 +120,8 @@ bool EndPoint::deactivateLocked(GUID& guid)
     ++m_generation;
     m_reg = Reg::None;
     m_receivers.clear();
+    m_registeredNotify = nullptr;
+    m_registeredContext = nullptr;
     m_cv.notify_all();
     return was;
 }
@@ -239,22 +257,59 @@ int EndPoint::isRegistered()
     return m_reg == Reg::Ok ? 1 : (m_reg == Reg::Refused ? -1 : 0);
 }
 
+void EndPoint::setRegisteredNotify(void (*notify)(void* context), void* context)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_registeredNotify = notify;
+    m_registeredContext = context;
+    if (notify == nullptr) {
+        waitIdle(lock); // no call of the old one after this returns
+    }
+}
+
+void EndPoint::notifyRegistered()
+{
+    void (*notify)(void*) = nullptr;
+    void* context = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        notify = m_registeredNotify;
+        context = m_registeredContext;
+        if (notify == nullptr) {
+            return;
+        }
+        ++m_running;
+    }
+    notify(context);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (--m_running <= 1) {
+        m_cv.notify_all();
+    }
+}
+
 void EndPoint::registrationAnswer(const GUID& guid, bool accepted)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_active || !sameGuid(guid, m_guid)) {
-        return;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_active || !sameGuid(guid, m_guid)) {
+            return;
+        }
+        m_reg = accepted ? Reg::Ok : Reg::Refused;
+        m_cv.notify_all();
     }
-    m_reg = accepted ? Reg::Ok : Reg::Refused;
-    m_cv.notify_all();
+    notifyRegistered();
 }
 
 void EndPoint::connectionLost()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_active) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_active) {
+            return;
+        }
         m_reg = Reg::Pending;
     }
+    notifyRegistered();
 }
 
 bool EndPoint::currentGuid(GUID& out, bool refusedOnly)

@@ -44,7 +44,10 @@ bool readInt(const Json::Value& root, const char* key, int64_t min, int64_t max,
 
 } // namespace
 
-bool parseSettings(const char* text, Settings& out, std::string& error)
+namespace {
+
+// The document as a JSON object, its size capped before it is parsed.
+bool parseObject(const char* text, Json::Value& root, std::string& error)
 {
     if (text == nullptr) {
         error = "no settings";
@@ -59,7 +62,6 @@ bool parseSettings(const char* text, Settings& out, std::string& error)
     builder["collectComments"] = false;
     builder["stackLimit"] = 64;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value root;
     std::string why;
     bool parsed = false;
     try {
@@ -73,6 +75,17 @@ bool parseSettings(const char* text, Settings& out, std::string& error)
     }
     if (!root.isObject()) {
         error = "settings are not a JSON object";
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool parseSettings(const char* text, Settings& out, std::string& error)
+{
+    Json::Value root;
+    if (!parseObject(text, root, error)) {
         return false;
     }
     Settings settings;

@@ -10,7 +10,7 @@ struct Settings {
     std::string logPath;       // "log_path": the module's own log file; empty: no file log
     std::string logBackupPath; // "log_backup_path": directory of rotated log files; empty: beside the log
     std::string socketAddr = "./kuv_zell";
-    int threadNums = 1;                  // dispatch threads, 1..64
+    int threadNums = 1;                  // threads that may call receivers at once, 1..64
     int logLevel = 2;                    // 0 errors only .. 4 everything
     uint64_t logSize = 10u * 1024 * 1024; // bytes per log file
 };

@@ -32,6 +32,19 @@ protected:
         runtime.reset();
     }
 
+    // Starts a and b; rx (kAppGuid, on a) gets type through receiver, tx (kPeerGuid, on b) sends.
+    static void openPair(Client& a, Client& b, IZellMREndPoint4*& rx, IZellMREndPoint4*& tx,
+                         IMRReceiveComplete* receiver, int64_t type)
+    {
+        ASSERT_TRUE(a.start());
+        ASSERT_TRUE(b.start());
+        rx = a->createEndPoint();
+        tx = b->createEndPoint();
+        ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
+        ASSERT_EQ(rx->registerRecvNotify(type, receiver, 0), 0);
+        ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    }
+
     std::unique_ptr<RuntimeDir> runtime;
     std::unique_ptr<Broker> broker;
     std::unique_ptr<Module> module;
@@ -70,10 +83,8 @@ TEST_F(ZellBus, DeliversType1003WithItsExactBody)
 {
     Client receiverSide(*module, "69948CC6-CA3A-471E-9D6D-E532496DBBE2");
     Client senderSide(*module, "11111111-2222-3333-4444-555555555555");
-    ASSERT_EQ(receiverSide.init(settingsJson()), 0);
-    ASSERT_EQ(senderSide.init(settingsJson()), 0);
-    ASSERT_TRUE(receiverSide.waitConnected());
-    ASSERT_TRUE(senderSide.waitConnected());
+    ASSERT_TRUE(receiverSide.start());
+    ASSERT_TRUE(senderSide.start());
 
     IZellMREndPoint4* app = receiverSide->createEndPoint();
     ASSERT_NE(app, nullptr);
@@ -116,8 +127,7 @@ TEST_F(ZellBus, DeliversType1003WithItsExactBody)
 TEST_F(ZellBus, AnyTypeReceiverGetsUnclaimedTypes)
 {
     Client a(*module, "A");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(a.start());
     IZellMREndPoint4* one = a->createEndPoint();
     IZellMREndPoint4* two = a->createEndPoint();
     Recorder any;
@@ -159,10 +169,8 @@ TEST_F(ZellBus, SecondLiveEndpointWithTheSameGuidIsRefused)
 {
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_EQ(b.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
-    ASSERT_TRUE(b.waitConnected());
+    ASSERT_TRUE(a.start());
+    ASSERT_TRUE(b.start());
     IZellMREndPoint4* first = a->createEndPoint();
     IZellMREndPoint4* sameClient = a->createEndPoint();
     IZellMREndPoint4* otherClient = b->createEndPoint();
@@ -196,13 +204,33 @@ TEST_F(ZellBus, ClientsWaitForALateBroker)
     ASSERT_EQ(rx->registerRecvNotify(1003, &recorder, 0), 0);
     ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
     EXPECT_EQ(a->isConnected(), 0);
+    EXPECT_EQ(a->waitConnected(50), 0) << "no broker: the wait ends with its timeout";
     EXPECT_EQ(tx->sendMsg(guidOf(kAppGuid), 1003, "x", 1), 1) << "no broker: not handed to the bus";
     EXPECT_EQ(tx->sendMsgWait(guidOf(kAppGuid), 1003, "x", 1, 100), ZELL_SEND_NO_BROKER);
+    // Told when the registration changes, so nobody polls isRegistered().
+    struct Registered {
+        std::mutex mutex;
+        std::condition_variable cv;
+        int calls = 0;
+        static void notify(void* self)
+        {
+            auto* r = static_cast<Registered*>(self);
+            std::lock_guard<std::mutex> lock(r->mutex);
+            ++r->calls;
+            r->cv.notify_all();
+        }
+    } registered;
+    rx->setRegisteredNotify(&Registered::notify, &registered);
 
     broker = std::make_unique<Broker>(KUV_ZELLD_PATH, *runtime);
     ASSERT_TRUE(a.waitConnected());
     ASSERT_TRUE(b.waitConnected());
-    ASSERT_TRUE(kuvtest::waitUntil([&] { return rx->isRegistered() == 1; }, 30000));
+    {
+        std::unique_lock<std::mutex> lock(registered.mutex);
+        ASSERT_TRUE(registered.cv.wait_for(lock, std::chrono::seconds(30), [&] { return rx->isRegistered() == 1; }));
+        EXPECT_GE(registered.calls, 1);
+    }
+    rx->setRegisteredNotify(nullptr, nullptr);
     EXPECT_TRUE(kuvtest::waitUntil(
         [&] { return tx->sendMsgWait(guidOf(kAppGuid), 1003, "late", 4, 5000) == ZELL_SEND_ROUTED; }, 30000, 50));
     ASSERT_TRUE(recorder.waitFor(1));
@@ -213,16 +241,10 @@ TEST_F(ZellBus, DeliveryResumesAfterTheBrokerIsKilledAndRestarted)
 {
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_EQ(b.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
-    ASSERT_TRUE(b.waitConnected());
-    IZellMREndPoint4* rx = a->createEndPoint();
-    IZellMREndPoint4* tx = b->createEndPoint();
     Recorder recorder;
-    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
-    ASSERT_EQ(rx->registerRecvNotify(1003, &recorder, 0), 0);
-    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    IZellMREndPoint4* rx = nullptr;
+    IZellMREndPoint4* tx = nullptr;
+    ASSERT_NO_FATAL_FAILURE(openPair(a, b, rx, tx, &recorder, 1003));
     ASSERT_EQ(tx->sendMsgWait(guidOf(kAppGuid), 1003, "before", 6, 10000), ZELL_SEND_ROUTED);
     ASSERT_TRUE(recorder.waitFor(1));
 
@@ -268,16 +290,9 @@ TEST_F(ZellBus, HundredThousandMessagesInARowNoneLost)
     } counter;
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_EQ(b.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
-    ASSERT_TRUE(b.waitConnected());
-    IZellMREndPoint4* rx = a->createEndPoint();
-    IZellMREndPoint4* tx = b->createEndPoint();
-
-    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
-    ASSERT_EQ(rx->registerRecvNotify(42, &counter, 0), 0);
-    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    IZellMREndPoint4* rx = nullptr;
+    IZellMREndPoint4* tx = nullptr;
+    ASSERT_NO_FATAL_FAILURE(openPair(a, b, rx, tx, &counter, 42));
 
     constexpr uint64_t kCount = 100000;
     char body[64] = {0};
@@ -355,16 +370,10 @@ TEST_F(ZellBus, GarbageFramesLeaveTheBrokerServing)
 
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_EQ(b.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
-    ASSERT_TRUE(b.waitConnected());
-    IZellMREndPoint4* rx = a->createEndPoint();
-    IZellMREndPoint4* tx = b->createEndPoint();
     Recorder recorder;
-    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
-    ASSERT_EQ(rx->registerRecvNotify(1003, &recorder, 0), 0);
-    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    IZellMREndPoint4* rx = nullptr;
+    IZellMREndPoint4* tx = nullptr;
+    ASSERT_NO_FATAL_FAILURE(openPair(a, b, rx, tx, &recorder, 1003));
     EXPECT_EQ(tx->sendMsgWait(guidOf(kAppGuid), 1003, "still here", 10, 10000), ZELL_SEND_ROUTED);
     ASSERT_TRUE(recorder.waitFor(1));
     EXPECT_EQ(recorder.items()[0].body, "still here");
@@ -379,8 +388,7 @@ TEST_F(ZellBus, GarbageFramesLeaveTheBrokerServing)
 TEST_F(ZellBus, OversizedBodiesAreRefusedBeforeSending)
 {
     Client a(*module, "A");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(a.start());
     IZellMREndPoint4* ep = a->createEndPoint();
     EXPECT_EQ(ep->sendMsg(guidOf(kAppGuid), 1, "x", 1), -1) << "not initialised";
     ASSERT_EQ(ep->init(guidOf(kAppGuid)), 0);
@@ -400,8 +408,7 @@ TEST_F(ZellBus, OversizedBodiesAreRefusedBeforeSending)
 TEST_F(ZellBus, ReceiverMayUninitItsOwnEndpoint)
 {
     Client a(*module, "A");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(a.start());
     IZellMREndPoint4* rx = a->createEndPoint();
     IZellMREndPoint4* tx = a->createEndPoint();
     struct SelfStopper : IMRReceiveComplete {
@@ -500,31 +507,62 @@ TEST_F(ZellBus, SettingsAsTheServiceSendsThemAndUnusableOnes)
                                  "\"log_size\":10485760}";
     {
         Client client(*module, "69948CC6-CA3A-471E-9D6D-E532496DBBE2");
-        EXPECT_EQ(client->init(settings.c_str(), "gui"), 0);
-        EXPECT_NE(client->init(settings.c_str(), "gui"), 0) << "a second init is refused";
+        EXPECT_EQ(client->init(settings.c_str(), "gui"), ZELL_INIT_OK);
+        EXPECT_STREQ(client->lastError(), "");
+        EXPECT_EQ(client->init(settings.c_str(), "gui"), ZELL_INIT_NOT_FRESH) << "a second init is refused";
+        EXPECT_NE(std::string(client->lastError()).find("initialised or stopped before"), std::string::npos);
         EXPECT_STREQ(client->version(), "1.0.0");
         ASSERT_TRUE(client.waitConnected());
         EXPECT_TRUE(kuvtest::waitForFileContains(install.path() + "/log/gui/gui.ipc.log", "connected to the broker"));
         EXPECT_TRUE(kuvtest::fileContains(install.path() + "/log/gui/gui.ipc.log", "(module \"gui\""));
     }
     EXPECT_EQ(module->create(nullptr), nullptr);
-    for (const char* bad : {"", "not json", "[1]", "{\"thread_nums\":0}", "{\"thread_nums\":\"1\"}",
-                            "{\"log_level\":9}", "{\"socket_addr\":5}", "{\"socket_addr\":\"\"}",
-                            "{\"socket_addr\":\"tcp://127.0.0.1:5555\"}", "{\"log_size\":-1}"}) {
-        Client client(*module, "bad");
-        EXPECT_NE(client->init(bad, "gui"), 0) << bad;
-        EXPECT_EQ(client->createEndPoint()->init(guidOf(kAppGuid)), -1) << "no bus without settings";
-    }
     {
         Client client(*module, "null");
-        EXPECT_NE(client->init(nullptr, "gui"), 0);
+        EXPECT_EQ(client->init(nullptr, "gui"), ZELL_INIT_BAD_SETTINGS);
+        EXPECT_STREQ(client->lastError(), "unusable settings: no settings");
     }
-    {
-        // An unwritable log location costs the log, not the bus.
-        Client client(*module, "nolog");
-        EXPECT_EQ(client.init(settingsJson("./kuv_zell", 1, "/proc/none/x.log")), 0);
-        EXPECT_TRUE(client.waitConnected());
-    }
+}
+
+struct UnusableSettings {
+    const char* text;
+    int code;
+    const char* lastError; // a part of the module's last error line
+};
+
+class ZellBusUnusableSettings : public ZellBus, public ::testing::WithParamInterface<UnusableSettings> {
+};
+
+TEST_P(ZellBusUnusableSettings, AreRefusedWithTheirReason)
+{
+    const UnusableSettings& c = GetParam();
+    Client client(*module, "bad");
+    // The reason is kept even with the module log silenced and no callback set.
+    client->setLogMask(0);
+    EXPECT_EQ(client->init(c.text, "gui"), c.code) << c.text;
+    EXPECT_NE(std::string(client->lastError()).find(c.lastError), std::string::npos) << client->lastError();
+    EXPECT_EQ(client->createEndPoint()->init(guidOf(kAppGuid)), -1) << "no bus without settings";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Settings, ZellBusUnusableSettings,
+    ::testing::Values(UnusableSettings{"", ZELL_INIT_BAD_SETTINGS, "settings are not JSON"},
+                      UnusableSettings{"not json", ZELL_INIT_BAD_SETTINGS, "settings are not JSON"},
+                      UnusableSettings{"[1]", ZELL_INIT_BAD_SETTINGS, "not a JSON object"},
+                      UnusableSettings{"{\"thread_nums\":0}", ZELL_INIT_BAD_SETTINGS, "\"thread_nums\""},
+                      UnusableSettings{"{\"thread_nums\":\"1\"}", ZELL_INIT_BAD_SETTINGS, "\"thread_nums\""},
+                      UnusableSettings{"{\"log_level\":9}", ZELL_INIT_BAD_SETTINGS, "\"log_level\""},
+                      UnusableSettings{"{\"socket_addr\":5}", ZELL_INIT_BAD_SETTINGS, "\"socket_addr\""},
+                      UnusableSettings{"{\"socket_addr\":\"\"}", ZELL_INIT_BAD_SETTINGS, "\"socket_addr\" is empty"},
+                      UnusableSettings{"{\"socket_addr\":\"tcp://127.0.0.1:5555\"}", ZELL_INIT_BAD_ADDRESS,
+                                       "unusable bus address"},
+                      UnusableSettings{"{\"log_size\":-1}", ZELL_INIT_BAD_SETTINGS, "\"log_size\""}));
+
+TEST_F(ZellBus, AnUnwritableLogCostsTheLogNotTheBus)
+{
+    Client client(*module, "nolog");
+    EXPECT_EQ(client.init(settingsJson("./kuv_zell", 1, "/proc/none/x.log")), ZELL_INIT_OK);
+    EXPECT_TRUE(client.waitConnected());
 }
 
 TEST_F(ZellBus, OneInstancePerGuid)
@@ -543,8 +581,7 @@ TEST_F(ZellBus, OneInstancePerGuid)
 TEST_F(ZellBus, RefusedInTheBackgroundThenTakenOverWhenFreed)
 {
     Client a(*module, "A");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
+    ASSERT_TRUE(a.start());
     IZellMREndPoint4* holder = a->createEndPoint();
     ASSERT_EQ(holder->init(guidOf(kAppGuid)), 0);
 
@@ -607,8 +644,7 @@ TEST_F(ZellBus, ASlowClientLosesMessagesButNeverStallsTheBroker)
     Client fast(*module, "fast");
     Client sender(*module, "sender");
     for (Client* c : {&slow, &fast, &sender}) {
-        ASSERT_EQ(c->init(settingsJson()), 0);
-        ASSERT_TRUE(c->waitConnected());
+        ASSERT_TRUE(c->start());
     }
     IZellMREndPoint4* stalled = slow->createEndPoint();
     ASSERT_EQ(stalled->init(guidOf(kAppGuid)), 0);
@@ -652,19 +688,13 @@ TEST_F(ZellBus, ClientsSurviveTheBrokerKilledInTheMiddleOfTraffic)
 {
     Client a(*module, "A");
     Client b(*module, "B");
-    ASSERT_EQ(a.init(settingsJson()), 0);
-    ASSERT_EQ(b.init(settingsJson()), 0);
-    ASSERT_TRUE(a.waitConnected());
-    ASSERT_TRUE(b.waitConnected());
-    IZellMREndPoint4* rx = a->createEndPoint();
-    IZellMREndPoint4* tx = b->createEndPoint();
     struct Count : IMRReceiveComplete {
         std::atomic<uint64_t> n{0};
         void ReceiveCallback(uint64_t, int64_t, const char*, int, uint64_t, uint64_t) override { ++n; }
     } count;
-    ASSERT_EQ(rx->init(guidOf(kAppGuid)), 0);
-    ASSERT_EQ(rx->registerRecvNotify(5, &count, 0), 0);
-    ASSERT_EQ(tx->init(guidOf(kPeerGuid)), 0);
+    IZellMREndPoint4* rx = nullptr;
+    IZellMREndPoint4* tx = nullptr;
+    ASSERT_NO_FATAL_FAILURE(openPair(a, b, rx, tx, &count, 5));
     std::atomic<bool> flooding{true};
     std::thread flood([&] {
         const std::string body(512, 'f');

@@ -42,8 +42,7 @@ protected:
         broker = std::make_unique<Broker>(KUV_ZELLD_PATH, *runtime);
         module = std::make_unique<Module>(KUV_ZELL_MODULE);
         sender = std::make_unique<Client>(*module, "sender");
-        ASSERT_EQ(sender->init(settingsJson()), 0);
-        ASSERT_TRUE(sender->waitConnected());
+        ASSERT_TRUE(sender->start());
         source = (*sender)->createEndPoint();
         ASSERT_EQ(source->init(guidOf(kSource)), 0);
     }

@@ -271,12 +271,11 @@ public:
     Client& operator=(const Client&) = delete;
 
     int init(const std::string& settings) { return m_mgr->init(settings.c_str(), "test"); }
+    // init, then wait for the broker.
+    bool start(const std::string& settings = settingsJson()) { return init(settings) == ZELL_INIT_OK && waitConnected(); }
     IZellClientMgr* operator->() { return m_mgr; }
     IZellClientMgr* get() { return m_mgr; }
-    bool waitConnected(int timeoutMs = 30000)
-    {
-        return kuvtest::waitUntil([&] { return m_mgr->isConnected() == 1; }, timeoutMs);
-    }
+    bool waitConnected(int timeoutMs = 30000) { return m_mgr->waitConnected(timeoutMs) == 1; }
     void close()
     {
         if (m_mgr != nullptr) {

@@ -34,6 +34,21 @@ TEST(ZellVtable, ClientManagerSlots)
     EXPECT_EQ(slotOf(&IZellClientMgr::setLogMask), 8);
     EXPECT_EQ(slotOf(&IZellClientMgr::release), 9);
     EXPECT_EQ(slotOf(&IZellClientMgr::stop), 10);
+    // Later additions come after the original operations.
+    EXPECT_EQ(slotOf(&IZellClientMgr::lastError), 11);
+    EXPECT_EQ(slotOf(&IZellClientMgr::waitConnected), 12);
+}
+
+TEST(ZellVtable, InitResultsKeepTheirValuesAndNames)
+{
+    EXPECT_EQ(ZELL_INIT_OK, 0);
+    EXPECT_EQ(ZELL_INIT_BAD_SETTINGS, 1);
+    EXPECT_EQ(ZELL_INIT_BAD_ADDRESS, 2);
+    EXPECT_EQ(ZELL_INIT_NOT_FRESH, 3);
+    EXPECT_EQ(ZELL_INIT_NO_RESOURCES, 4);
+    EXPECT_STREQ(zellInitResultName(ZELL_INIT_BAD_ADDRESS), "ZELL_INIT_BAD_ADDRESS");
+    EXPECT_STREQ(zellInitResultName(ZELL_INIT_OK), "ZELL_INIT_OK");
+    EXPECT_STREQ(zellInitResultName(99), "ZELL_INIT_UNKNOWN");
 }
 
 TEST(ZellVtable, EndPointSlots)
@@ -46,6 +61,7 @@ TEST(ZellVtable, EndPointSlots)
     // Later additions come after the original operations.
     EXPECT_EQ(slotOf(&IZellMREndPoint4::sendMsgWait), 5);
     EXPECT_EQ(slotOf(&IZellMREndPoint4::isRegistered), 6);
+    EXPECT_EQ(slotOf(&IZellMREndPoint4::setRegisteredNotify), 7);
 }
 
 TEST(ZellVtable, ReceiverSlots)

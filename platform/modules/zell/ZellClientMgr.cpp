@@ -38,8 +38,7 @@ void Logger::print(int level, uint32_t category, const char* source, const char*
     vsnprintf(text, sizeof(text), format, args);
     va_end(args);
     // Both the file and the receiver of the callback escape the text by the log rule themselves.
-    static const char* const names[] = {"ERROR", "WARN", "INFO", "DEBUG", "TRACE"};
-    m_file.write(names[level < 0 ? 0 : (level > 4 ? 4 : level)], source, function, line, text);
+    m_file.write(kuv::fromBusLevel(level), source, function, static_cast<unsigned>(line), text);
     if (level <= kLogError) {
         keepError(text);
     }

@@ -82,7 +82,7 @@ TEST(LogFile, TheProcessLogTheBusLogAndTheBrokerLogWriteOneLayout)
     zell::LogFile bus;
     std::string error;
     ASSERT_TRUE(bus.open(dir / "bus.log", "", 1 << 20, 1, &error)) << error;
-    bus.write("WARN", "src/File", "fn", 42, "value 7\n");
+    bus.write(kuv::LogLevel::Warn, "src/File", "fn", 42, "value 7\n");
 
     kuv::LogFile broker;
     ASSERT_TRUE(broker.open(dir / "broker.log", "", 1 << 20, 1, &error)) << error;

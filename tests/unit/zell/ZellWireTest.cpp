@@ -336,7 +336,7 @@ TEST(ZellLogFile, RecordLayoutEscapingAndRotationIntoTheBackupDirectory)
     LogFile log;
     std::string error;
     ASSERT_TRUE(log.open(path, backups, 4096, 2, &error)) << error;
-    log.write("WARN", "platform/modules/zell/ZellIo", "handle", 12, "line one\nforged [ERROR] record\n");
+    log.write(kuv::LogLevel::Warn, "platform/modules/zell/ZellIo", "handle", 12, "line one\nforged [ERROR] record\n");
     const std::string first = kuvtest::readFile(tmp.path() + "/log/gui/gui.ipc.log");
     EXPECT_NE(first.find("] [WARN] [platform/modules/zell/ZellIo:handle:12] line one\\nforged [ERROR] record\n"),
               std::string::npos)
@@ -346,7 +346,7 @@ TEST(ZellLogFile, RecordLayoutEscapingAndRotationIntoTheBackupDirectory)
 
     const std::string filler(200, 'x');
     for (int i = 0; i < 100; ++i) {
-        log.write("INFO", "src", "fn", i, filler);
+        log.write(kuv::LogLevel::Info, "src", "fn", i, filler);
     }
     struct stat st;
     ASSERT_EQ(stat((tmp.path() + "/log/gui/gui.ipc.log").c_str(), &st), 0);
@@ -364,8 +364,8 @@ TEST(ZellLogFile, TheLogRuleTheCapAndPrivateFiles)
     LogFile log;
     std::string error;
     ASSERT_TRUE(log.open(path, "", 1 << 20, 1, &error)) << error;
-    log.write("WARN", "platform/zelld/BrokerMain", "main", 1, "body \xc2\x85 \xe2\x80\xa8 \\n \xff end");
-    log.write("INFO", "platform/zelld/BrokerMain", "main", 2, std::string(20000, 'y'));
+    log.write(kuv::LogLevel::Warn, "platform/zelld/BrokerMain", "main", 1, "body \xc2\x85 \xe2\x80\xa8 \\n \xff end");
+    log.write(kuv::LogLevel::Info, "platform/zelld/BrokerMain", "main", 2, std::string(20000, 'y'));
     const std::string text = kuvtest::readFile(path);
     EXPECT_NE(text.find("] body \\u0085 \\u2028 \\\\n \\xff end\n"), std::string::npos) << text;
     EXPECT_NE(text.find(std::string(16384, 'y') + " [... 3616 bytes cut]\n"), std::string::npos);
@@ -390,7 +390,7 @@ TEST(ZellLogFile, UnwritableDirectoryIsReportedNotFatal)
     std::string error;
     EXPECT_FALSE(log.open("/proc/no/such/dir/x.log", "", 4096, 1, &error));
     EXPECT_FALSE(error.empty());
-    log.write("INFO", "s", "f", 1, "goes nowhere"); // no crash
+    log.write(kuv::LogLevel::Info, "s", "f", 1, "goes nowhere"); // no crash
     EXPECT_FALSE(log.isOpen());
 }
 

@@ -20,10 +20,6 @@ public:
     {
         return kuv::LogFile::open(path, backupDir, maxSize, backups < 0 ? 0 : static_cast<size_t>(backups), error);
     }
-
-    using kuv::LogFile::write;
-    // levelName as records write it (TRACE DEBUG INFO WARN ERROR); anything else counts as ERROR.
-    void write(const char* levelName, const char* source, const char* function, int line, const std::string& message);
 };
 
 } // namespace zell

@@ -18,10 +18,10 @@ namespace kuv::test {
 class TempDir {
 public:
     // prefix names the directory (prefix-XXXXXX) so a leftover one tells which test made it.
-    explicit TempDir(const std::string& prefix = "kuvtest")
+    explicit TempDir(const std::string& prefix = "kuvtest") : TempDir(prefix, defaultRoot()) {}
+    // Under root instead (another file system, e.g. /dev/shm); throws std::runtime_error when it cannot.
+    TempDir(const std::string& prefix, const std::string& root)
     {
-        const char* base = std::getenv("TMPDIR");
-        const std::string root = base != nullptr && base[0] != '\0' ? base : "/tmp";
         std::string pattern = root + "/" + prefix + "-XXXXXX";
         std::vector<char> buffer(pattern.begin(), pattern.end());
         buffer.push_back('\0');
@@ -69,6 +69,12 @@ public:
     }
 
 private:
+    static std::string defaultRoot()
+    {
+        const char* base = std::getenv("TMPDIR");
+        return base != nullptr && base[0] != '\0' ? base : "/tmp";
+    }
+
     // Tests sometimes drop write or search permission on a subdirectory; give it back so that
     // remove_all can enter it. Symbolic links are not followed.
     static void makeWritable(const std::filesystem::path& dir) noexcept

@@ -287,11 +287,13 @@ TEST_F(QuarantineInstalled, KilledBetweenTheStepsOnTheSameFileSystem)
 
 TEST_F(QuarantineInstalled, KilledBetweenTheStepsAcrossFileSystems)
 {
-    char tmpl[] = "/dev/shm/kuvq-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) {
+    std::unique_ptr<kuvtest::TempDir> shm;
+    try {
+        shm = std::make_unique<kuvtest::TempDir>("kuvq", "/dev/shm");
+    } catch (const std::runtime_error&) {
         GTEST_SKIP() << "no /dev/shm for a second file system";
     }
-    const std::string dir = tmpl;
+    const std::string dir = shm->path();
     struct stat a {}, b {};
     stat(dir.c_str(), &a);
     stat(files->path().c_str(), &b);

@@ -5,8 +5,10 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <string>
 
+#include "TempDir.h"
 #include "ClamEngine.h"
 
 using kuv::scan::ClamEngine;
@@ -25,14 +27,14 @@ class EngineTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char templ[] = "/tmp/kuvclam.XXXXXX";
-        dir = mkdtemp(templ);
+        tmp = std::make_unique<kuv::test::TempDir>("kuvclam");
+        dir = tmp->path();
         const char* shipped = getenv("KUV_SIGNATURES_DIR");
         ASSERT_NE(shipped, nullptr) << "run through ctest";
         dbDir = dir + "/db";
         ASSERT_EQ(system(("mkdir -p '" + dbDir + "' && cp '" + shipped + "'/* '" + dbDir + "'/").c_str()), 0);
     }
-    void TearDown() override { (void)!system(("rm -rf '" + dir + "'").c_str()); }
+    void TearDown() override { tmp.reset(); }
 
     std::string write(const std::string& name, const std::string& content)
     {
@@ -56,6 +58,7 @@ protected:
         return engine;
     }
 
+    std::unique_ptr<kuv::test::TempDir> tmp;
     std::string dir;
     std::string dbDir;
 };

@@ -12,6 +12,7 @@
 #include <set>
 #include <thread>
 
+#include "TempDir.h"
 #include "Jobs.h"
 #include "KuvScanProtocol.h"
 #include "ScanPaths.h"
@@ -128,17 +129,13 @@ public:
 
 class Tree {
 public:
-    Tree()
-    {
-        char templ[] = "/tmp/kuvjobs.XXXXXX";
-        root = mkdtemp(templ);
-    }
-    ~Tree() { (void)!system(("rm -rf '" + root + "'").c_str()); }
+    Tree() : dir("kuvjobs"), root(dir.path()) {}
     std::string file(const std::string& name, const std::string& content)
     {
         std::ofstream(root + "/" + name) << content;
         return root + "/" + name;
     }
+    kuv::test::TempDir dir;
     std::string root;
 };
 

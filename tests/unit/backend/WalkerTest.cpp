@@ -12,6 +12,7 @@
 #include <map>
 #include <string>
 
+#include "TempDir.h"
 #include "Walker.h"
 
 using kuv::scand::WalkEntry;
@@ -21,22 +22,13 @@ namespace {
 
 class TempTree {
 public:
-    TempTree()
-    {
-        char templ[] = "/tmp/kuvwalk.XXXXXX";
-        root = mkdtemp(templ);
-    }
-    ~TempTree()
-    {
-        chmod((root + "/locked").c_str(), 0700);
-        std::string cmd = "rm -rf '" + root + "'";
-        (void)!system(cmd.c_str());
-    }
+    TempTree() : tmp("kuvwalk"), root(tmp.path()) {}
     void file(const std::string& rel, const std::string& content = "x")
     {
         std::ofstream(root + "/" + rel) << content;
     }
     void dir(const std::string& rel) { mkdir((root + "/" + rel).c_str(), 0700); }
+    kuv::test::TempDir tmp;
     std::string root;
 };
 

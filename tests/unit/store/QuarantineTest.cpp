@@ -9,9 +9,11 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "TempDir.h"
 #include "Harness.h"
 #include "Quarantine.h"
 #include "Sha256.h"
@@ -60,23 +62,17 @@ class ShmDir {
 public:
     ShmDir()
     {
-        char tmpl[] = "/dev/shm/kuvstore-XXXXXX";
-        if (mkdtemp(tmpl) != nullptr) {
-            m_path = tmpl;
-        }
-    }
-    ~ShmDir()
-    {
-        if (!m_path.empty()) {
-            for (const std::string& n : listDir(m_path)) {
-                unlink((m_path + "/" + n).c_str());
-            }
-            rmdir(m_path.c_str());
+        try {
+            m_dir = std::make_unique<kuv::test::TempDir>("kuvstore", "/dev/shm");
+            m_path = m_dir->path();
+        } catch (const std::runtime_error&) {
+            // No tmpfs here: path() stays empty and the test skips.
         }
     }
     const std::string& path() const { return m_path; }
 
 private:
+    std::unique_ptr<kuv::test::TempDir> m_dir;
     std::string m_path;
 };
 

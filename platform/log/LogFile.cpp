@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <mutex>
 #include <vector>
 
@@ -246,8 +247,8 @@ long appendWhole(int fd, std::string_view record, bool cutBack)
 
 std::string directoryOf(const std::string& path)
 {
-    const size_t slash = path.find_last_of('/');
-    return slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
+    const std::filesystem::path dir = std::filesystem::path(path).parent_path();
+    return dir.empty() ? std::string(".") : dir.string() + "/";
 }
 
 } // namespace
@@ -307,10 +308,8 @@ bool LogSink::open(const std::string& path, const std::string& backupDir, uint64
     m_fd.reset();
     m_stderr = false;
     m_path = userStatePath(path);
-    std::string stem = m_path.substr(m_path.find_last_of('/') + 1);
-    if (stem.size() > 4 && stem.compare(stem.size() - 4, 4, ".log") == 0) {
-        stem.resize(stem.size() - 4);
-    }
+    const std::filesystem::path file(m_path);
+    const std::string stem = file.extension() == ".log" ? file.stem().string() : file.filename().string();
     std::string dir = backupDir.empty() ? directoryOf(m_path) : userStatePath(backupDir);
     if (!dir.empty() && dir.back() != '/') {
         dir += '/';

@@ -2,6 +2,8 @@
 
 #include <sys/un.h>
 
+#include <filesystem>
+
 #include "FileUtils.h"
 
 namespace zell {
@@ -25,8 +27,7 @@ bool resolveAddress(const std::string& address, BusAddress& out, std::string* er
     while (!name.empty() && name.back() == '/') {
         name.pop_back();
     }
-    const size_t slash = name.find_last_of('/');
-    const std::string last = slash == std::string::npos ? name : name.substr(slash + 1);
+    const std::string last = std::filesystem::path(name).filename().string();
     if (last.empty() || last == "." || last == "..") {
         return fail("bus address has no socket name: " + kuv::escapeControl(address));
     }

@@ -22,14 +22,16 @@ auto retryEintr(Fn&& fn) -> decltype(fn())
     return rc;
 }
 
-// Reads up to size bytes, stopping early only at end of file or on an error other than EINTR.
-// Returns the bytes read, or -1 with errno set when nothing could be read.
-inline ssize_t safeRead(int fd, void* data, size_t size)
+namespace detail {
+
+// Moves size bytes with op(offset, count) -> ssize_t, going on after EINTR and short transfers; stops
+// early at a 0 (end of file). Returns the bytes moved, or -1 with errno set when nothing could be.
+template <typename Op>
+ssize_t transferAll(size_t size, Op&& op)
 {
-    auto* out = static_cast<char*>(data);
     size_t done = 0;
     while (done < size) {
-        const ssize_t n = ::read(fd, out + done, size - done);
+        const ssize_t n = op(done, size - done);
         if (n == 0) {
             break;
         }
@@ -44,23 +46,22 @@ inline ssize_t safeRead(int fd, void* data, size_t size)
     return static_cast<ssize_t>(done);
 }
 
+} // namespace detail
+
+// Reads up to size bytes, stopping early only at end of file or on an error other than EINTR.
+// Returns the bytes read, or -1 with errno set when nothing could be read.
+inline ssize_t safeRead(int fd, void* data, size_t size)
+{
+    auto* out = static_cast<char*>(data);
+    return detail::transferAll(size, [&](size_t at, size_t count) { return ::read(fd, out + at, count); });
+}
+
 // Writes all size bytes unless an error other than EINTR stops it.
 // Returns the bytes written, or -1 with errno set when nothing could be written.
 inline ssize_t safeWrite(int fd, const void* data, size_t size)
 {
     const auto* in = static_cast<const char*>(data);
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = ::write(fd, in + done, size - done);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return done > 0 ? static_cast<ssize_t>(done) : -1;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(done);
+    return detail::transferAll(size, [&](size_t at, size_t count) { return ::write(fd, in + at, count); });
 }
 
 } // namespace kuv

@@ -65,6 +65,30 @@ int heldPerProcLocks(const struct stat& st)
     return 0;
 }
 
+// The guard waits for the tag with a shared lock and lets go of it as soon as it is granted. A start
+// that lands in that moment finds only readers on the tag and no holder: it waits for them to pass
+// (bounded) instead of taking the guard for a running instance.
+int takeFromPassingReader(int fd)
+{
+    struct stat st;
+    if (::fstat(fd, &st) != 0) {
+        errno = EWOULDBLOCK;
+        return -1;
+    }
+    constexpr int kTries = 100;
+    for (int i = 0; i < kTries && heldPerProcLocks(st) == 0; ++i) {
+        ::usleep(20 * 1000);
+        if (kuv::retryEintr([&] { return ::flock(fd, LOCK_EX | LOCK_NB); }) == 0) {
+            return 0;
+        }
+        if (errno != EWOULDBLOCK) {
+            return -1;
+        }
+    }
+    errno = EWOULDBLOCK;
+    return -1;
+}
+
 } // namespace
 
 struct CGlobalTag::Impl {
@@ -147,7 +171,10 @@ int CGlobalTag::trylock(bool wait) const
         d.reportOnce("cannot open " + path + ": " + std::strerror(errno));
         return -1;
     }
-    const int rc = kuv::retryEintr([&] { return ::flock(fd.get(), LOCK_EX | (wait ? 0 : LOCK_NB)); });
+    int rc = kuv::retryEintr([&] { return ::flock(fd.get(), LOCK_EX | (wait ? 0 : LOCK_NB)); });
+    if (rc != 0 && errno == EWOULDBLOCK) {
+        rc = takeFromPassingReader(fd.get());
+    }
     if (rc != 0) {
         if (errno == EWOULDBLOCK) {
             return 2;

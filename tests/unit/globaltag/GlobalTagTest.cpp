@@ -2,12 +2,15 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -15,6 +18,7 @@
 #include "FileUtils.h"
 #include "KuvTestDir.h"
 #include "TempDir.h"
+#include "UniqueFd.h"
 
 using kuvtest::ScopedEnv;
 using kuv::test::TempDir;
@@ -173,6 +177,31 @@ TEST_F(GlobalTagTest, WaitingLockWhenFree)
 {
     CGlobalTag tag("tag-wait", CGlobalTag::TagConfig::getUserConfig());
     EXPECT_EQ(tag.trylock(true), 1);
+}
+
+// The guard waits for the tag with a shared lock and lets go at once; a start in that moment takes the
+// tag once the reader has passed, while a real holder still makes it a second instance.
+TEST_F(GlobalTagTest, AReaderPassingThroughDoesNotLookLikeAHolder)
+{
+    const auto config = CGlobalTag::TagConfig::getUserConfig();
+    ASSERT_FALSE(config.dir.empty()) << config.error;
+    {
+        CGlobalTag probe("tag-pass", config); // creates the lock file
+        ASSERT_EQ(probe.trylock(false), 1);
+    }
+    const kuv::UniqueFd reader(::open((config.dir + "tag-pass.lock").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(reader.valid());
+    ASSERT_EQ(::flock(reader.get(), LOCK_SH | LOCK_NB), 0);
+    std::thread passer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        ::flock(reader.get(), LOCK_UN);
+    });
+    CGlobalTag tag("tag-pass", config);
+    EXPECT_EQ(tag.trylock(false), 1);
+    passer.join();
+    EXPECT_TRUE(CGlobalTag::isHeld("tag-pass", config));
+    CGlobalTag other("tag-pass", config);
+    EXPECT_EQ(other.trylock(false), 2);
 }
 
 TEST_F(GlobalTagTest, LinkedRuntimeDirIsRefused)

@@ -379,6 +379,7 @@ public:
 
 private:
     bool stopRequested();
+    bool drainRouter();
     bool receiveOne();
     size_t readFrames(bool& tooLong);
     bool rejected(const Router::Decision& decision, const PeerCred& cred, size_t count, bool tooLong, int64_t now);
@@ -596,28 +597,51 @@ bool Broker::stopRequested()
     return true;
 }
 
+// Drains the router until it has nothing more (true) or a batch is done (false: more may be waiting).
+// Bounded, so signals and connection events are looked at under constant load too.
+bool Broker::drainRouter()
+{
+    for (int i = 0; i < 4096; ++i) {
+        if (!receiveOne()) {
+            return true;
+        }
+    }
+    return false;
+}
+
 int Broker::run()
 {
-    // No timeout: the broker sleeps until a message, a connection event or a signal arrives.
+    // A plain poll on the sockets' own descriptors: zmq_poll would ask every socket for its events
+    // before and after each wait, a system call each, for every message. A socket's descriptor only
+    // wakes us for what arrives after it was last read to EAGAIN, so each socket is drained to EAGAIN
+    // (the router by receiveOne, the monitor by readMonitor) before we sleep again.
+    const int routerFd = m_socket.get(zmq::sockopt::fd);
+    const int monitorFd = m_monitor.get(zmq::sockopt::fd);
+    bool routerIdle = false; // drained to EAGAIN since its last use
+    bool monitorIdle = false;
     for (;;) {
-        zmq::pollitem_t items[3] = {{m_socket.handle(), 0, ZMQ_POLLIN, 0},
-                                    {m_monitor.handle(), 0, ZMQ_POLLIN, 0},
-                                    {nullptr, m_signalFd, ZMQ_POLLIN, 0}};
+        struct pollfd items[3] = {{routerFd, POLLIN, 0}, {monitorFd, POLLIN, 0}, {m_signalFd, POLLIN, 0}};
+        // No timeout while both sockets are drained: the broker sleeps until a message, a connection
+        // event or a signal arrives.
+        const int timeout = routerIdle && monitorIdle ? -1 : 0;
+        if (kuv::retryEintr([&] { return ::poll(items, 3, timeout); }) < 0) {
+            KUV_LOG_TO(&g_log, LogLevel::Error, "poll: %s", strerror(errno));
+            return kExitFailure;
+        }
         try {
-            zmq::poll(items, 3, std::chrono::milliseconds(-1));
-            if ((items[2].revents & ZMQ_POLLIN) && stopRequested()) {
+            if ((items[2].revents & POLLIN) && stopRequested()) {
                 return kExitOk;
             }
-            if (items[0].revents & ZMQ_POLLIN) {
-                // Bounded batch, so signals and connection events are looked at under constant load too.
-                for (int i = 0; i < 4096 && receiveOne(); ++i) {
-                }
+            if (!routerIdle || (items[0].revents & POLLIN)) {
+                routerIdle = drainRouter();
             }
-            if (items[1].revents & ZMQ_POLLIN) {
+            if (!monitorIdle || (items[1].revents & POLLIN)) {
                 readMonitor();
+                monitorIdle = true;
             }
         } catch (const zmq::error_t& e) {
             if (e.num() == EINTR) {
+                routerIdle = monitorIdle = false;
                 continue;
             }
             KUV_LOG_TO(&g_log, LogLevel::Error, "bus socket failed: %s", e.what());

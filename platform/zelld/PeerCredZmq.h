@@ -10,8 +10,8 @@
 namespace zell {
 
 // libzmq attaches the connection's "Peer-Address" (host:uid:gid:pid) to the frames it read from it;
-// after a zmq_poll wake-up the routing-id frame made up by the ROUTER may carry none, so the payload
-// frames are asked first and the routing id last. Unknown (known=false) when no frame tells.
+// a routing-id frame the ROUTER made up ahead of time (asked whether it has input) may carry none, so
+// the payload frames are asked first and the routing id last. Unknown (known=false) when no frame tells.
 PeerCred peerCredOf(const zmq::message_t* frames, size_t count);
 
 } // namespace zell

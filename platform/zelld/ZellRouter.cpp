@@ -1,7 +1,8 @@
 #include "ZellRouter.h"
 
-#include <cstdlib>
+#include <charconv>
 #include <cstring>
+#include <string_view>
 
 namespace zell {
 
@@ -12,21 +13,20 @@ bool parsePeerAddress(const char* text, PeerCred& out)
     if (text == nullptr) {
         return false;
     }
-    // "<host>:<uid>:<gid>:<pid>": take the last three fields.
-    const std::string address(text);
-    size_t end = address.size();
-    long long fields[3];
+    // "<host>:<uid>:<gid>:<pid>": take the last three fields. Read for every message, so without copies.
+    std::string_view rest(text);
+    uint64_t fields[3] = {};
     for (int i = 2; i >= 0; --i) {
-        const size_t colon = address.rfind(':', end == 0 ? 0 : end - 1);
-        if (colon == std::string::npos || colon + 1 >= end) {
+        const size_t colon = rest.rfind(':');
+        if (colon == std::string_view::npos) {
             return false;
         }
-        const std::string digits = address.substr(colon + 1, end - colon - 1);
-        if (digits.empty() || digits.size() > 10 || digits.find_first_not_of("0123456789") != std::string::npos) {
+        const std::string_view digits = rest.substr(colon + 1);
+        if (digits.empty() || digits.size() > 10 || digits.find_first_not_of("0123456789") != std::string_view::npos) {
             return false;
         }
-        fields[i] = std::strtoll(digits.c_str(), nullptr, 10);
-        end = colon;
+        std::from_chars(digits.data(), digits.data() + digits.size(), fields[i]);
+        rest = rest.substr(0, colon);
     }
     if (fields[0] > UINT32_MAX || fields[2] > INT32_MAX) {
         return false;

@@ -413,6 +413,19 @@ TEST_F(ScanPageTest, StatusPageFollowsABackEndThatStartsLaterAndNoticesItsEnd)
     initShell();
     loader->installPluginAsyn(QStringLiteral("protectionstatus"), QVariant::fromValue(paras));
     ASSERT_TRUE(shelltest::spinUntil([loader] { return loader->loadedPlugins().size() == 1; }));
+    // The plugin's page is built the first time it is shown.
+    auto* nav = child<QListWidget>("kuvNavigation");
+    auto* stack = child<QStackedWidget>("kuvPages");
+    ASSERT_TRUE(nav != nullptr && stack != nullptr);
+    ASSERT_TRUE(shelltest::spinUntil([nav, stack] {
+        for (int row = 0; row < nav->count(); ++row) {
+            nav->setCurrentRow(row);
+            if (stack->currentWidget()->objectName() == QLatin1String("kuvProtectionStatusPage")) {
+                return child<QLabel>("kuvProtectionBackendState") != nullptr;
+            }
+        }
+        return false;
+    }));
     auto* state = child<QLabel>("kuvProtectionBackendState");
     ASSERT_NE(nullptr, state);
     // No back end yet: its asks go nowhere, and the page says it has heard nothing.

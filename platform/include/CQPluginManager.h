@@ -1,6 +1,8 @@
 // The plugin loader: plugin descriptions from JSON files, asynchronous load and unload on the GUI thread.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <QList>
 #include <QObject>
 #include <QPointer>
@@ -10,7 +12,7 @@
 
 class QWidget;
 
-class CQPluginManager : public QObject {
+class KUV_EXPORT CQPluginManager : public QObject {
     Q_OBJECT
 public:
     enum PluginState { PLUGIN_KNOWN = 0, PLUGIN_LOADING, PLUGIN_LOADED, PLUGIN_FAILED, PLUGIN_UNLOADED };

@@ -311,17 +311,24 @@ private:
     QWidget* m_content = nullptr;
 };
 
+// A page's heading: a label in a larger bold font.
+inline QLabel* headingLabel(QWidget* parent)
+{
+    auto* label = new QLabel(parent);
+    QFont big = label->font();
+    big.setPointSizeF(big.pointSizeF() * 1.3);
+    big.setBold(true);
+    label->setFont(big);
+    return label;
+}
+
 // Base of a plugin's page: a large heading, the line about the endpoint, and retranslate() on every
 // language change (and once the derived page has called it from its constructor).
 class PluginPage : public QWidget {
 public:
     explicit PluginPage(QWidget* parent) : QWidget(parent), m_layout(new QVBoxLayout(this))
     {
-        m_heading = new QLabel(this);
-        QFont big = m_heading->font();
-        big.setPointSizeF(big.pointSizeF() * 1.3);
-        big.setBold(true);
-        m_heading->setFont(big);
+        m_heading = headingLabel(this);
         m_layout->addWidget(m_heading);
         m_busLine = new QLabel(this);
         m_busLine->setWordWrap(true);

@@ -12,7 +12,7 @@ class QTreeWidget;
 namespace kuv {
 namespace shell {
 
-class HistoryPage : public StorePage {
+class KUV_EXPORT HistoryPage : public StorePage {
     Q_OBJECT
 public:
     explicit HistoryPage(QWidget* parent = nullptr);

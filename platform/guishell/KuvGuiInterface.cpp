@@ -302,7 +302,7 @@ namespace kuv {
 namespace shell {
 
 // The main window, built now if the shell is up and has not built it yet; GUI thread. For tools and tests.
-QWidget* mainWindow()
+KUV_EXPORT QWidget* mainWindow()
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     return g_core != nullptr ? g_core->window() : nullptr;

@@ -14,7 +14,7 @@ class QTreeWidget;
 namespace kuv {
 namespace shell {
 
-class QuarantinePage : public StorePage {
+class KUV_EXPORT QuarantinePage : public StorePage {
     Q_OBJECT
 public:
     explicit QuarantinePage(QWidget* parent = nullptr);

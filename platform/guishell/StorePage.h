@@ -2,6 +2,8 @@
 // a message line; retranslate() on every language change and refresh() whenever the page is shown.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <QWidget>
 
 class QLabel;
@@ -10,7 +12,7 @@ class QVBoxLayout;
 namespace kuv {
 namespace shell {
 
-class StorePage : public QWidget {
+class KUV_EXPORT StorePage : public QWidget {
 public:
     // Reads the page's entries afresh from the store.
     virtual void refresh() = 0;

@@ -78,6 +78,36 @@ void setChildEnvironment(const std::vector<std::string>& drop, const std::vector
     g_envSet = true;
 }
 
+void headlessEnvironment(const std::string& runtime, const std::vector<std::string>& extra)
+{
+    std::vector<std::string> drop{"XDG_RUNTIME_DIR", "QT_QPA_PLATFORM"};
+    std::vector<std::string> add{"XDG_RUNTIME_DIR=" + runtime, "QT_QPA_PLATFORM=offscreen"};
+    for (const std::string& e : extra) {
+        drop.push_back(e.substr(0, e.find('=')));
+        add.push_back(e);
+    }
+    setChildEnvironment(drop, add);
+}
+
+std::string headlessRuntime(const std::string& prefix)
+{
+    const std::string runtime = privateTempDir(prefix);
+    headlessEnvironment(runtime);
+    return runtime;
+}
+
+std::string requireInstall(std::string install)
+{
+    if (install.empty()) {
+        std::fprintf(stderr, "no installation: give --install DIR or set KUV_STAGE_DIR\n");
+        std::exit(2);
+    }
+    if (install.back() != '/') {
+        install += '/';
+    }
+    return install;
+}
+
 pid_t spawn(const std::vector<std::string>& argv, Output out)
 {
     if (!g_envSet) {

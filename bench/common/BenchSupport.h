@@ -25,6 +25,14 @@ Stats stats(const std::vector<double>& sample);
 // The environment children are started with: this process's, without the given variables, plus extra.
 void setChildEnvironment(const std::vector<std::string>& drop, const std::vector<std::string>& extra);
 
+// Children run headless with runtime as their XDG_RUNTIME_DIR, plus extra ("NAME=value", replacing
+// what this process has).
+void headlessEnvironment(const std::string& runtime, const std::vector<std::string>& extra = {});
+// A fresh private runtime directory (prefix names it), set up as with headlessEnvironment.
+std::string headlessRuntime(const std::string& prefix);
+// The installation directory with a final "/"; exits with status 2 and a hint when none was given.
+std::string requireInstall(std::string install);
+
 // Where a child's standard output goes: /dev/null, this process's own, or a descriptor.
 struct Output {
     enum Kind { DISCARD, INHERIT, FD } kind = DISCARD;

@@ -81,17 +81,9 @@ int main(int argc, char** argv)
             return 2;
         }
     }
-    if (install.empty()) {
-        fprintf(stderr, "no installation: give --install DIR or set KUV_STAGE_DIR\n");
-        return 2;
-    }
-    if (install.back() != '/') {
-        install += '/';
-    }
+    install = requireInstall(install);
 
-    const std::string runtime = privateTempDir("kuvbench");
-    setChildEnvironment({"XDG_RUNTIME_DIR", "QT_QPA_PLATFORM"},
-                        {"XDG_RUNTIME_DIR=" + runtime, "QT_QPA_PLATFORM=offscreen"});
+    const std::string runtime = headlessRuntime("kuvbench");
 
     const pid_t broker = spawn({install + "bin/kuv-zelld", "--foreground"});
     if (broker < 0 || !waitFor(runtime + "/kuv/kuv_zell", 30000)) {

@@ -133,13 +133,7 @@ int main(int argc, char** argv)
             return 2;
         }
     }
-    if (install.empty()) {
-        fprintf(stderr, "no installation: give --install DIR or set KUV_STAGE_DIR\n");
-        return 2;
-    }
-    if (install.back() != '/') {
-        install += '/';
-    }
+    install = requireInstall(install);
     std::vector<std::string> scandArgs;
     if (fake) {
 #ifdef KUV_FAKE_SCAND
@@ -169,9 +163,7 @@ int main(int argc, char** argv)
     const std::string file = tmp + "/eicar.com";
     std::ofstream(file) << "X5O!P%@AP[4\\PZX54(P^)7CC)7}$" << "EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
     // The scripted back end lives in the build tree; it uses the bus module of the installation.
-    setChildEnvironment({"XDG_RUNTIME_DIR", "QT_QPA_PLATFORM", "KUV_SHELL_JOURNAL", "KUV_INSTALL_DIR"},
-                        {"XDG_RUNTIME_DIR=" + runtime, "QT_QPA_PLATFORM=offscreen", "KUV_SHELL_JOURNAL=" + journal,
-                         "KUV_INSTALL_DIR=" + install});
+    headlessEnvironment(runtime, {"KUV_SHELL_JOURNAL=" + journal, "KUV_INSTALL_DIR=" + install});
 
     int rc = 0;
     const pid_t broker = spawn({install + "bin/kuv-zelld", "--foreground"});

@@ -128,16 +128,8 @@ int main(int argc, char** argv)
             return 2;
         }
     }
-    if (install.empty()) {
-        fprintf(stderr, "no installation: give --install DIR or set KUV_STAGE_DIR\n");
-        return 2;
-    }
-    if (install.back() != '/') {
-        install += '/';
-    }
-    const std::string runtime = privateTempDir("kuvbench-start");
-    setChildEnvironment({"XDG_RUNTIME_DIR", "QT_QPA_PLATFORM"},
-                        {"XDG_RUNTIME_DIR=" + runtime, "QT_QPA_PLATFORM=offscreen"});
+    install = requireInstall(install);
+    const std::string runtime = headlessRuntime("kuvbench-start");
 
     const std::string kuvDir = runtime + "/kuv";
     const std::string attr = kuvDir + "/A5F24530-52D7-11EE-AF47-4B159A309AD8.attr";

@@ -14,6 +14,11 @@ set(CMAKE_BUILD_WITH_INSTALL_RPATH OFF)
 set(CMAKE_INSTALL_RPATH "$ORIGIN/../lib")
 set(CMAKE_INSTALL_RPATH_USE_LINK_PATH OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+# Every library and module exports only what its headers mark KUV_EXPORT (platform/include/KuvExport.h):
+# fewer symbols for the loader to search and bind at start.
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 # RUNPATH rather than RPATH so LD_LIBRARY_PATH still wins in tests.
 add_link_options("LINKER:--enable-new-dtags")
 

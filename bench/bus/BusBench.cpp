@@ -8,6 +8,7 @@
 #include <numeric>
 
 #include "ZellTestSupport.h"
+#include "BenchSupport.h"
 
 using namespace zelltest;
 using Clock = std::chrono::steady_clock;
@@ -173,10 +174,9 @@ int main(int argc, char** argv)
             }
             micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
         }
-        std::sort(micros.begin(), micros.end());
-        const double mean = std::accumulate(micros.begin(), micros.end(), 0.0) / static_cast<double>(micros.size());
-        row("round trip (4 B, through the broker twice)", fmt("%.1f us p50", micros[micros.size() / 2]),
-            fmt("p99 %.1f us", micros[micros.size() * 99 / 100]) + fmt(", mean %.1f us", mean));
+        const kuvbench::Stats rtt = kuvbench::stats(micros);
+        row("round trip (4 B, through the broker twice)", fmt("%.1f us p50", rtt.median),
+            fmt("p99 %.1f us", rtt.p99) + fmt(", mean %.1f us", rtt.mean));
 
         // Memory the broker holds for a client that stopped reading: its queue fills to --hwm.
         {

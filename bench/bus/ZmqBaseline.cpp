@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include "BenchSupport.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -83,15 +85,6 @@ int receive(void* s, char* from, size_t fromSize, char* body, size_t bodySize)
     }
     from[std::min<size_t>(static_cast<size_t>(n), fromSize - 1)] = '\0';
     return zmq_recv(s, body, bodySize, 0);
-}
-
-double percentile(std::vector<double> v, double p)
-{
-    if (v.empty()) {
-        return 0;
-    }
-    std::sort(v.begin(), v.end());
-    return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
 }
 
 } // namespace
@@ -192,8 +185,8 @@ int main(int argc, char** argv)
     if (system(rm.c_str()) != 0) {
         fprintf(stderr, "could not remove %s\n", dir);
     }
-    printf("zmq_rtt_p50_us %.1f us\n", percentile(micros, 0.5));
-    printf("zmq_rtt_p99_us %.1f us\n", percentile(micros, 0.99));
+    printf("zmq_rtt_p50_us %.1f us\n", kuvbench::percentile(micros, 0.5));
+    printf("zmq_rtt_p99_us %.1f us\n", kuvbench::percentile(micros, 0.99));
     printf("zmq_oneway_64B_msgs_per_s %.0f msg/s\n", static_cast<double>(messages) / seconds);
     return 0;
 }

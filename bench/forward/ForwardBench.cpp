@@ -25,57 +25,17 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
+#include "BenchSupport.h"
 
 namespace {
 
-struct Child {
-    pid_t pid = -1;
-};
-
-std::vector<std::string> g_env;
-
-std::vector<char*> cstrings(std::vector<std::string>& v)
-{
-    std::vector<char*> out;
-    for (auto& s : v) {
-        out.push_back(&s[0]);
-    }
-    out.push_back(nullptr);
-    return out;
-}
-
-pid_t spawn(std::vector<std::string> argv, bool quiet)
-{
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (quiet) {
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    }
-    auto args = cstrings(argv);
-    auto envp = cstrings(g_env);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data()) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-int waitExit(pid_t pid)
-{
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using namespace kuvbench;
 
 // Wall time of one whole process, from spawn to reaped, in microseconds.
 double timeRun(const std::vector<std::string>& argv, int expectStatus)
 {
     const auto start = std::chrono::steady_clock::now();
-    const pid_t pid = spawn(argv, true);
+    const pid_t pid = spawn(argv);
     if (pid < 0) {
         fprintf(stderr, "cannot start %s\n", argv[0].c_str());
         exit(1);
@@ -87,50 +47,6 @@ double timeRun(const std::vector<std::string>& argv, int expectStatus)
         exit(1);
     }
     return std::chrono::duration<double, std::micro>(end - start).count();
-}
-
-bool exists(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
-
-bool waitFor(const std::string& path, int ms)
-{
-    for (int i = 0; i < ms / 20; ++i) {
-        if (exists(path)) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return exists(path);
-}
-
-struct Stats {
-    double median, mean, p10, p90;
-};
-
-Stats stats(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    Stats s{};
-    s.median = v[v.size() / 2];
-    double sum = 0;
-    for (double x : v) {
-        sum += x;
-    }
-    s.mean = sum / v.size();
-    s.p10 = v[v.size() / 10];
-    s.p90 = v[v.size() * 9 / 10];
-    return s;
-}
-
-std::string selfDir()
-{
-    char buf[4096];
-    const ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-    std::string p(buf, n > 0 ? static_cast<size_t>(n) : 0);
-    return p.substr(0, p.rfind('/'));
 }
 
 } // namespace
@@ -165,35 +81,16 @@ int main(int argc, char** argv)
             return 2;
         }
     }
-    if (install.empty()) {
-        fprintf(stderr, "no installation: give --install DIR or set KUV_STAGE_DIR\n");
-        return 2;
-    }
-    if (install.back() != '/') {
-        install += '/';
-    }
+    install = requireInstall(install);
 
-    char runtimeTemplate[] = "/tmp/kuvbench.XXXXXX";
-    if (mkdtemp(runtimeTemplate) == nullptr) {
-        perror("mkdtemp");
-        return 1;
-    }
-    const std::string runtime = runtimeTemplate;
-    chmod(runtime.c_str(), 0700);
-    for (char** e = environ; *e != nullptr; ++e) {
-        if (strncmp(*e, "XDG_RUNTIME_DIR=", 16) != 0 && strncmp(*e, "QT_QPA_PLATFORM=", 16) != 0) {
-            g_env.emplace_back(*e);
-        }
-    }
-    g_env.push_back("XDG_RUNTIME_DIR=" + runtime);
-    g_env.push_back("QT_QPA_PLATFORM=offscreen");
+    const std::string runtime = headlessRuntime("kuvbench");
 
-    const pid_t broker = spawn({install + "bin/kuv-zelld", "--foreground"}, true);
+    const pid_t broker = spawn({install + "bin/kuv-zelld", "--foreground"});
     if (broker < 0 || !waitFor(runtime + "/kuv/kuv_zell", 30000)) {
         fprintf(stderr, "broker did not come up\n");
         return 1;
     }
-    const pid_t service = spawn({install + "bin/kuvgui"}, true);
+    const pid_t service = spawn({install + "bin/kuvgui"});
     const std::string socket = runtime + "/kuv/kuv-gui";
     if (service < 0 || !waitFor(socket, 60000)) {
         fprintf(stderr, "service did not come up\n");
@@ -231,7 +128,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "could not remove %s\n", runtime.c_str());
     }
 
-    const Stats f = stats(tForward), m = stats(tFloor), q = stats(tSilent);
+    const kuvbench::Stats f = stats(tForward), m = stats(tFloor), q = stats(tSilent);
     printf("second start, whole process, %d runs each, %d ms apart (microseconds)\n", runs, gapMs);
     printf("%-34s %9s %9s %9s %9s\n", "program", "median", "mean", "p10", "p90");
     printf("%-34s %9.0f %9.0f %9.0f %9.0f\n", "kuvgui right \"/a b\" /c", f.median, f.mean, f.p10, f.p90);

@@ -17,6 +17,8 @@
 
 #include "AfxPipe.h"
 
+#include "BenchSupport.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -62,15 +64,6 @@ struct Row {
     std::vector<double> callUs; // per call, when measured
     long failures = 0;
 };
-
-double percentile(std::vector<double> v, double p)
-{
-    if (v.empty()) {
-        return 0;
-    }
-    std::sort(v.begin(), v.end());
-    return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
-}
 
 // threads x each messages of the given payload; kept: one client object per thread, else one per message.
 Row run(Counter& counter, const std::string& name, int threads, int each, size_t payload, bool kept)
@@ -173,7 +166,7 @@ int main(int argc, char** argv)
         }
         std::printf("%-38s %9ld %9.3f %12.0f %10.1f %10.1f %10.1f %8ld\n", r.scenario.c_str(), r.messages, r.seconds,
                     static_cast<double>(r.messages) / r.seconds, r.callUs.empty() ? 0.0 : sum / static_cast<double>(r.callUs.size()),
-                    percentile(r.callUs, 0.5), percentile(r.callUs, 0.99), r.failures);
+                    kuvbench::percentile(r.callUs, 0.5), kuvbench::percentile(r.callUs, 0.99), r.failures);
     }
     server.stop();
     ::rmdir((std::string(base) + "/kuv").c_str());

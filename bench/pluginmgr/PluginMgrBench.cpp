@@ -17,6 +17,7 @@
 #include "FakePlatform.h"
 #include "FakePluginLoader.h"
 #include "Harness.h"
+#include "BenchSupport.h"
 
 namespace {
 
@@ -70,12 +71,6 @@ Timing runOnce(CContainerMgr& conMgr, const std::string& installDir, int files)
     return {first, again};
 }
 
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
 Timing measure(CContainerMgr& conMgr, const std::string& installDir, int files, int runs)
 {
     std::vector<double> first;
@@ -85,7 +80,7 @@ Timing measure(CContainerMgr& conMgr, const std::string& installDir, int files, 
         first.push_back(t.firstMs);
         again.push_back(t.againMs);
     }
-    return {median(first), median(again)};
+    return {kuvbench::percentile(first, 0.5), kuvbench::percentile(again, 0.5)};
 }
 
 } // namespace

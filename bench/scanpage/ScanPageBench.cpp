@@ -29,59 +29,11 @@
 
 #include <json/json.h>
 
-extern char** environ;
+#include "BenchSupport.h"
 
 namespace {
 
-std::vector<std::string> g_env;
-
-std::vector<char*> cstrings(std::vector<std::string>& v)
-{
-    std::vector<char*> out;
-    for (auto& s : v) {
-        out.push_back(&s[0]);
-    }
-    out.push_back(nullptr);
-    return out;
-}
-
-pid_t spawn(std::vector<std::string> argv)
-{
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    auto args = cstrings(argv);
-    auto envp = cstrings(g_env);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data()) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-int waitExit(pid_t pid)
-{
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-bool exists(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
-
-bool waitFor(const std::string& path, int ms)
-{
-    for (int i = 0; i < ms / 20 && !exists(path); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return exists(path);
-}
+using namespace kuvbench;
 
 int64_t wallMs()
 {
@@ -110,26 +62,6 @@ std::vector<Json::Value> newRecords(const std::string& journal, size_t& from, co
     }
     from = n;
     return out;
-}
-
-struct Stats {
-    double median, mean, p10, p90, max;
-};
-
-Stats stats(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    Stats s{};
-    s.median = v[v.size() / 2];
-    double sum = 0;
-    for (double x : v) {
-        sum += x;
-    }
-    s.mean = sum / v.size();
-    s.p10 = v[v.size() / 10];
-    s.p90 = v[v.size() * 9 / 10];
-    s.max = v.back();
-    return s;
 }
 
 // One context-menu scan: wall time from spawning `kuvgui right file` to the verdict and to the job end.
@@ -201,13 +133,7 @@ int main(int argc, char** argv)
             return 2;
         }
     }
-    if (install.empty()) {
-        fprintf(stderr, "no installation: give --install DIR or set KUV_STAGE_DIR\n");
-        return 2;
-    }
-    if (install.back() != '/') {
-        install += '/';
-    }
+    install = requireInstall(install);
     std::vector<std::string> scandArgs;
     if (fake) {
 #ifdef KUV_FAKE_SCAND
@@ -229,29 +155,15 @@ int main(int argc, char** argv)
         return 2;
     }
 
-    char tmpl[] = "/tmp/kuvbench-scan.XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) {
-        perror("mkdtemp");
-        return 1;
-    }
-    const std::string tmp = tmpl;
+    const std::string tmp = privateTempDir("kuvbench-scan");
     const std::string runtime = tmp + "/run";
     mkdir(runtime.c_str(), 0700);
     const std::string journal = tmp + "/journal.jsonl";
     // The EICAR test file, put together here so that this source is no test file itself.
     const std::string file = tmp + "/eicar.com";
     std::ofstream(file) << "X5O!P%@AP[4\\PZX54(P^)7CC)7}$" << "EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
-    for (char** e = environ; *e != nullptr; ++e) {
-        if (strncmp(*e, "XDG_RUNTIME_DIR=", 16) != 0 && strncmp(*e, "QT_QPA_PLATFORM=", 16) != 0 &&
-            strncmp(*e, "KUV_SHELL_JOURNAL=", 18) != 0 && strncmp(*e, "KUV_INSTALL_DIR=", 16) != 0) {
-            g_env.emplace_back(*e);
-        }
-    }
-    g_env.push_back("XDG_RUNTIME_DIR=" + runtime);
-    g_env.push_back("QT_QPA_PLATFORM=offscreen");
-    g_env.push_back("KUV_SHELL_JOURNAL=" + journal);
     // The scripted back end lives in the build tree; it uses the bus module of the installation.
-    g_env.push_back("KUV_INSTALL_DIR=" + install);
+    headlessEnvironment(runtime, {"KUV_SHELL_JOURNAL=" + journal, "KUV_INSTALL_DIR=" + install});
 
     int rc = 0;
     const pid_t broker = spawn({install + "bin/kuv-zelld", "--foreground"});
@@ -332,7 +244,7 @@ int main(int argc, char** argv)
     if (rc != 0) {
         return rc;
     }
-    const Stats a = stats(toVerdict), b = stats(toEnd);
+    const kuvbench::Stats a = stats(toVerdict), b = stats(toEnd);
     printf("context-menu scan, %d runs, %d ms apart, back end %s%s (milliseconds)\n", runs, gapMs, scand.c_str(),
            fake ? " (scripted, no engine)" : "");
     printf("%-44s %8s %8s %8s %8s %8s\n", "from `kuvgui right FILE` to", "median", "mean", "p10", "p90", "max");

@@ -23,9 +23,11 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
+#include "BenchSupport.h"
 
 namespace {
+
+using namespace kuvbench;
 
 using Clock = std::chrono::steady_clock;
 
@@ -37,65 +39,7 @@ const char* const kUsage =
     "Headless (QT_QPA_PLATFORM=offscreen), private runtime directory, broker started here.\n"
     "Prints one line per figure: <name> <value> <unit>.\n";
 
-std::vector<std::string> g_env;
-
-std::vector<char*> cstrings(std::vector<std::string>& v)
-{
-    std::vector<char*> out;
-    for (auto& s : v) {
-        out.push_back(&s[0]);
-    }
-    out.push_back(nullptr);
-    return out;
-}
-
-pid_t spawn(std::vector<std::string> argv, int stdoutFd = -1)
-{
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    if (stdoutFd >= 0) {
-        posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
-    } else {
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    }
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    auto args = cstrings(argv);
-    auto envp = cstrings(g_env);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data()) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-int waitExit(pid_t pid)
-{
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 double ms(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double, std::milli>(b - a).count(); }
-
-double median(std::vector<double> v)
-{
-    if (v.empty()) {
-        return 0;
-    }
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
 
 // Waits on inotify events of the watched directories until done() holds; false after timeoutMs.
 template <typename Done>
@@ -158,14 +102,6 @@ int pluginCount(const std::string& install)
     return n;
 }
 
-std::string selfDir()
-{
-    char buf[4096];
-    const ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-    std::string p(buf, n > 0 ? static_cast<size_t>(n) : 0);
-    return p.substr(0, p.rfind('/'));
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -192,27 +128,8 @@ int main(int argc, char** argv)
             return 2;
         }
     }
-    if (install.empty()) {
-        fprintf(stderr, "no installation: give --install DIR or set KUV_STAGE_DIR\n");
-        return 2;
-    }
-    if (install.back() != '/') {
-        install += '/';
-    }
-    char runtimeTemplate[] = "/tmp/kuvbench-start.XXXXXX";
-    if (mkdtemp(runtimeTemplate) == nullptr) {
-        perror("mkdtemp");
-        return 1;
-    }
-    const std::string runtime = runtimeTemplate;
-    chmod(runtime.c_str(), 0700);
-    for (char** e = environ; *e != nullptr; ++e) {
-        if (strncmp(*e, "XDG_RUNTIME_DIR=", 16) != 0 && strncmp(*e, "QT_QPA_PLATFORM=", 16) != 0) {
-            g_env.emplace_back(*e);
-        }
-    }
-    g_env.push_back("XDG_RUNTIME_DIR=" + runtime);
-    g_env.push_back("QT_QPA_PLATFORM=offscreen");
+    install = requireInstall(install);
+    const std::string runtime = headlessRuntime("kuvbench-start");
 
     const std::string kuvDir = runtime + "/kuv";
     const std::string attr = kuvDir + "/A5F24530-52D7-11EE-AF47-4B159A309AD8.attr";
@@ -240,7 +157,7 @@ int main(int argc, char** argv)
             return 1;
         }
         auto t0 = Clock::now();
-        const pid_t b = spawn({bare}, fds[1]);
+        const pid_t b = spawn({bare}, Output::to(fds[1]));
         close(fds[1]);
         char line[16];
         const ssize_t got = read(fds[0], line, sizeof line);
@@ -301,9 +218,9 @@ int main(int argc, char** argv)
         fprintf(stderr, "could not remove %s\n", runtime.c_str());
     }
 
-    printf("start_bare_qt_ms %.1f ms\n", median(tBare));
-    printf("start_status3_ms %.1f ms\n", median(tStatus));
-    printf("start_plugins_ms %.1f ms\n", median(tPlugins));
+    printf("start_bare_qt_ms %.1f ms\n", stats(tBare).median);
+    printf("start_status3_ms %.1f ms\n", stats(tStatus).median);
+    printf("start_plugins_ms %.1f ms\n", stats(tPlugins).median);
     printf("plugins %d count\n", plugins);
     printf("rss_bare_qt_kib %.0f KiB\n", bareMem.rssKiB);
     printf("pss_bare_qt_kib %.0f KiB\n", bareMem.pssKiB);

@@ -7,15 +7,14 @@
 #include <QStringList>
 #include <QVariantMap>
 
-#include "CLogDebug.h"
+#include "KuvLog.h"
 
 namespace kuv {
 namespace shell {
 
 namespace {
 
-const char* const kSource = "platform/guishell/DesktopNotifier";
-#define NT_LOG(level, ...) CLogDebug::Instance()->LogPrint(level, kSource, __func__, __LINE__, __VA_ARGS__)
+KUV_LOG_SOURCE("platform/guishell/DesktopNotifier");
 
 const char* const kService = "org.freedesktop.Notifications";
 const char* const kPath = "/org/freedesktop/Notifications";
@@ -31,7 +30,7 @@ void DesktopNotifier::notify(const QString& summary, const QString& body, bool c
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
-        NT_LOG(LOG_LEVEL_INFO, "no session bus; notification shown in the window only");
+        KUV_LOG(kuv::LogLevel::Info, "no session bus; notification shown in the window only");
         emit undelivered(summary, body, bus.lastError().message());
         return;
     }
@@ -55,7 +54,7 @@ void DesktopNotifier::notify(const QString& summary, const QString& body, bool c
         watcher->deleteLater();
         QDBusPendingReply<uint> reply = *watcher;
         if (reply.isError()) {
-            NT_LOG(LOG_LEVEL_INFO, "no notification service (%s); shown in the window only",
+            KUV_LOG(kuv::LogLevel::Info, "no notification service (%s); shown in the window only",
                    reply.error().name().toStdString().c_str());
             emit undelivered(summary, body, reply.error().message());
             return;

@@ -1,7 +1,6 @@
 #include "HistoryPage.h"
 
 #include <QDateTime>
-#include <QEvent>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
@@ -56,17 +55,8 @@ QString durationText(int64_t ms)
 
 } // namespace
 
-HistoryPage::HistoryPage(QWidget* parent) : QWidget(parent)
+HistoryPage::HistoryPage(QWidget* parent) : StorePage(QStringLiteral("kuvHistoryPage"), parent)
 {
-    setObjectName(QStringLiteral("kuvHistoryPage"));
-    auto* layout = new QVBoxLayout(this);
-    m_title = new QLabel(this);
-    QFont f = m_title->font();
-    f.setPointSizeF(f.pointSizeF() * 1.3);
-    f.setBold(true);
-    m_title->setFont(f);
-    m_hint = new QLabel(this);
-    m_hint->setWordWrap(true);
     auto* split = new QSplitter(Qt::Vertical, this);
     m_jobs = new QTreeWidget(split);
     m_jobs->setObjectName(QStringLiteral("kuvHistoryJobs"));
@@ -114,13 +104,8 @@ HistoryPage::HistoryPage(QWidget* parent) : QWidget(parent)
     split->addWidget(lower);
     split->setStretchFactor(0, 3);
     split->setStretchFactor(1, 2);
-    m_message = new QLabel(this);
-    m_message->setWordWrap(true);
-    m_message->setTextInteractionFlags(Qt::TextSelectableByMouse);
-    layout->addWidget(m_title);
-    layout->addWidget(m_hint);
-    layout->addWidget(split, 1);
-    layout->addWidget(m_message);
+    m_layout->addWidget(split, 1);
+    m_layout->addWidget(m_message);
 
     connect(m_jobs, &QTreeWidget::currentItemChanged, this, [this](QTreeWidgetItem* item) {
         if (item != nullptr) {
@@ -321,11 +306,6 @@ int HistoryPage::ignoreSelected(bool allFindings)
     return act(ACT_IGNORE, allFindings);
 }
 
-QString HistoryPage::message() const
-{
-    return m_message->text();
-}
-
 void HistoryPage::updateButtons()
 {
     bool open = false, anyOpen = false;
@@ -358,21 +338,12 @@ void HistoryPage::retranslate()
     m_quarantineAll->setText(tr("Quarantine all"));
 }
 
-void HistoryPage::changeEvent(QEvent* event)
+void HistoryPage::languageChanged()
 {
-    if (event->type() == QEvent::LanguageChange) {
-        retranslate();
-        if (m_opened > 0) {
-            openJob(m_opened);
-        }
+    retranslate();
+    if (m_opened > 0) {
+        openJob(m_opened);
     }
-    QWidget::changeEvent(event);
-}
-
-void HistoryPage::showEvent(QShowEvent* event)
-{
-    refresh();
-    QWidget::showEvent(event);
 }
 
 } // namespace shell

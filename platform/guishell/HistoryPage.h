@@ -4,21 +4,20 @@
 
 #include <cstdint>
 
-#include <QWidget>
+#include "StorePage.h"
 
-class QLabel;
 class QPushButton;
 class QTreeWidget;
 
 namespace kuv {
 namespace shell {
 
-class HistoryPage : public QWidget {
+class KUV_EXPORT HistoryPage : public StorePage {
     Q_OBJECT
 public:
     explicit HistoryPage(QWidget* parent = nullptr);
 
-    void refresh();
+    void refresh() override;
     int jobCount() const;
     // Shows the findings of job id (a history row id); false when there is no such job.
     bool openJob(int64_t id);
@@ -28,24 +27,18 @@ public:
     int quarantineSelected(bool allFindings);
     int deleteSelected(bool allFindings);
     int ignoreSelected(bool allFindings);
-    QString message() const;
 
 signals:
     // A finding was handled; the quarantine and the tray follow.
     void findingsHandled();
 
-protected:
-    void changeEvent(QEvent* event) override;
-    void showEvent(QShowEvent* event) override;
-
 private:
     enum Act { ACT_QUARANTINE, ACT_DELETE, ACT_IGNORE };
     int act(Act what, bool allFindings);
-    void retranslate();
+    void retranslate() override;
+    void languageChanged() override;
     void updateButtons();
 
-    QLabel* m_title;
-    QLabel* m_hint;
     QTreeWidget* m_jobs;
     QLabel* m_jobTitle;
     QTreeWidget* m_findings;
@@ -53,7 +46,6 @@ private:
     QPushButton* m_delete;
     QPushButton* m_ignore;
     QPushButton* m_quarantineAll;
-    QLabel* m_message;
     int64_t m_opened = 0;
     QString m_openedJobName;
 };

@@ -12,7 +12,7 @@
 #include <QApplication>
 #include <QThread>
 
-#include "CLogDebug.h"
+#include "KuvLog.h"
 #include "FileUtils.h"
 #include "MainWindow.h"
 #include "QuitSignals.h"
@@ -23,9 +23,8 @@
 
 namespace {
 
-const char* const kSource = "platform/guishell/KuvGuiInterface";
+KUV_LOG_SOURCE("platform/guishell/KuvGuiInterface");
 
-#define SH_LOG(level, ...) CLogDebug::Instance()->LogPrint(level, kSource, __func__, __LINE__, __VA_ARGS__)
 
 std::mutex g_mutex;
 // Both live until the process ends: destroying a QApplication during static destruction races Qt's
@@ -104,7 +103,7 @@ void qtMessage(QtMsgType type, const QMessageLogContext& context, const QString&
 // A start that ends here says why where the person who started it looks, not only in the log.
 void refuse(const std::string& reason)
 {
-    SH_LOG(LOG_LEVEL_ERROR, "no GUI: %s", reason.c_str());
+    KUV_LOG(kuv::LogLevel::Error, "no GUI: %s", reason.c_str());
     std::fprintf(stderr, "kuvgui: no GUI: %s\n", kuv::escapeControl(reason).c_str());
 }
 
@@ -142,7 +141,7 @@ void runFirstStartCommand(const std::vector<std::string>& args)
     if (args.size() < 2) {
         const char* hidden = std::getenv("KUV_START_HIDDEN");
         if (hidden != nullptr && std::strcmp(hidden, "1") == 0) {
-            SH_LOG(LOG_LEVEL_INFO, "started by the session (KUV_START_HIDDEN=1): the window stays hidden");
+            KUV_LOG(kuv::LogLevel::Info, "started by the session (KUV_START_HIDDEN=1): the window stays hidden");
             return;
         }
         KuvGuiInterface::ctrl(GUI_CTR_SHOW_MAIN, nullptr);
@@ -183,7 +182,7 @@ int initShell(int& argc, char** argv, sUninstallFunc uninstall, bool& firstStart
 
     std::lock_guard<std::mutex> lock(g_mutex);
     if (g_core != nullptr && g_core->isUp()) {
-        SH_LOG(LOG_LEVEL_WARN, "GUI shell already initialised");
+        KUV_LOG(kuv::LogLevel::Warn, "GUI shell already initialised");
         return 0;
     }
     // From here on SIGTERM, SIGINT and SIGHUP wait for the event loop and then quit like `kuvgui quit`.
@@ -223,7 +222,7 @@ int initShell(int& argc, char** argv, sUninstallFunc uninstall, bool& firstStart
         }
         return QMetaObject::invokeMethod(app, [launch]() { launch(); }, Qt::QueuedConnection);
     });
-    SH_LOG(LOG_LEVEL_INFO, "GUI shell initialised on platform %s",
+    KUV_LOG(kuv::LogLevel::Info, "GUI shell initialised on platform %s",
            QApplication::platformName().toStdString().c_str());
     firstStartCommand = true;
     return 0;
@@ -239,7 +238,7 @@ int KuvGuiInterface::exec()
         core = g_core;
     }
     if (core == nullptr || !core->isUp()) {
-        SH_LOG(LOG_LEVEL_ERROR, "exec without a successful init");
+        KUV_LOG(kuv::LogLevel::Error, "exec without a successful init");
         return -1;
     }
     const int rc = QApplication::exec();
@@ -252,7 +251,7 @@ int KuvGuiInterface::exec()
         std::lock_guard<std::mutex> lock(g_mutex);
         core->teardown();
     }
-    SH_LOG(LOG_LEVEL_INFO, "GUI event loop ended with %d", rc);
+    KUV_LOG(kuv::LogLevel::Info, "GUI event loop ended with %d", rc);
     return rc;
 }
 
@@ -275,7 +274,7 @@ bool KuvGuiInterface::ctrl(_GUI_CTR_TYPE type, void* arg)
                 paths.push_back(p);
                 jpaths.append(kuvscan::pathToJson(p));
                 if (!kuv::isValidUtf8(p)) {
-                    SH_LOG(LOG_LEVEL_WARN, "scan request names %s, which is not UTF-8; kept byte for byte", p.c_str());
+                    KUV_LOG(kuv::LogLevel::Warn, "scan request names %s, which is not UTF-8; kept byte for byte", p.c_str());
                 }
             }
         }
@@ -295,7 +294,7 @@ bool KuvGuiInterface::ctrl(_GUI_CTR_TYPE type, void* arg)
         return post([](kuv::shell::ShellCore* core) { core->quit(); });
     }
     kuv::shell::journal(ctrlRecord(static_cast<int>(type)));
-    SH_LOG(LOG_LEVEL_WARN, "unknown control code %d", static_cast<int>(type));
+    KUV_LOG(kuv::LogLevel::Warn, "unknown control code %d", static_cast<int>(type));
     return false;
 }
 
@@ -303,7 +302,7 @@ namespace kuv {
 namespace shell {
 
 // The main window, built now if the shell is up and has not built it yet; GUI thread. For tools and tests.
-QWidget* mainWindow()
+KUV_EXPORT QWidget* mainWindow()
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     return g_core != nullptr ? g_core->window() : nullptr;

@@ -119,9 +119,9 @@ OverviewPage::OverviewPage(QWidget* parent) : QWidget(parent)
     pluginLayout->addWidget(m_plugins);
     layout->addWidget(m_pluginBox, 2);
 
-    // The instance attributes change behind our back (bus status); poll only while visible.
-    m_refreshTimer.setInterval(2000);
-    connect(&m_refreshTimer, &QTimer::timeout, this, &OverviewPage::refresh);
+    // The instance attributes change behind our back (bus status): followed through the tag directory
+    // (inotify) while visible, without polling.
+    connect(&m_tagDir, &QFileSystemWatcher::directoryChanged, this, &OverviewPage::refresh);
     connect(CQPluginManager::singleInstance(), &CQPluginManager::sig_pluginStateChanged, this,
             &OverviewPage::refresh);
 
@@ -283,13 +283,18 @@ void OverviewPage::changeEvent(QEvent* event)
 void OverviewPage::showEvent(QShowEvent* event)
 {
     refresh();
-    m_refreshTimer.start();
+    const std::string dir = CGlobalTag::TagConfig::getUserConfig().dir;
+    if (!dir.empty()) {
+        m_tagDir.addPath(QString::fromStdString(dir));
+    }
     QWidget::showEvent(event);
 }
 
 void OverviewPage::hideEvent(QHideEvent* event)
 {
-    m_refreshTimer.stop();
+    if (!m_tagDir.directories().isEmpty()) {
+        m_tagDir.removePaths(m_tagDir.directories());
+    }
     QWidget::hideEvent(event);
 }
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <QPointer>
-#include <QTimer>
+#include <QFileSystemWatcher>
 #include <QWidget>
 
 class QGroupBox;
@@ -48,7 +48,8 @@ private:
     QTreeWidget* m_combos;
     QGroupBox* m_pluginBox;
     QTreeWidget* m_plugins;
-    QTimer m_refreshTimer;
+    // The tag directory, watched while the page is shown: the attributes are rewritten by rename.
+    QFileSystemWatcher m_tagDir;
 };
 
 } // namespace shell

@@ -1,7 +1,6 @@
 #include "QuarantinePage.h"
 
 #include <QDateTime>
-#include <QEvent>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
@@ -36,17 +35,8 @@ std::unique_ptr<kuv::store::QuarantineStore> openStore(QString& error)
 
 } // namespace
 
-QuarantinePage::QuarantinePage(QWidget* parent) : QWidget(parent)
+QuarantinePage::QuarantinePage(QWidget* parent) : StorePage(QStringLiteral("kuvQuarantinePage"), parent)
 {
-    setObjectName(QStringLiteral("kuvQuarantinePage"));
-    auto* layout = new QVBoxLayout(this);
-    m_title = new QLabel(this);
-    QFont f = m_title->font();
-    f.setPointSizeF(f.pointSizeF() * 1.3);
-    f.setBold(true);
-    m_title->setFont(f);
-    m_hint = new QLabel(this);
-    m_hint->setWordWrap(true);
     m_list = new QTreeWidget(this);
     m_list->setObjectName(QStringLiteral("kuvQuarantineList"));
     m_list->setColumnCount(COL_COUNT);
@@ -69,15 +59,10 @@ QuarantinePage::QuarantinePage(QWidget* parent) : QWidget(parent)
     buttons->addWidget(m_delete);
     buttons->addStretch(1);
     buttons->addWidget(m_refresh);
-    m_message = new QLabel(this);
     m_message->setObjectName(QStringLiteral("kuvQuarantineMessage"));
-    m_message->setWordWrap(true);
-    m_message->setTextInteractionFlags(Qt::TextSelectableByMouse);
-    layout->addWidget(m_title);
-    layout->addWidget(m_hint);
-    layout->addWidget(m_list, 1);
-    layout->addLayout(buttons);
-    layout->addWidget(m_message);
+    m_layout->addWidget(m_list, 1);
+    m_layout->addLayout(buttons);
+    m_layout->addWidget(m_message);
 
     connect(m_restore, &QPushButton::clicked, this, &QuarantinePage::onRestore);
     connect(m_delete, &QPushButton::clicked, this, &QuarantinePage::onDelete);
@@ -256,11 +241,6 @@ void QuarantinePage::onDelete()
     }
 }
 
-QString QuarantinePage::message() const
-{
-    return m_message->text();
-}
-
 void QuarantinePage::setMessage(const QString& text, bool problem)
 {
     m_notices.clear();
@@ -282,20 +262,6 @@ void QuarantinePage::retranslate()
     m_restore->setText(tr("Restore"));
     m_delete->setText(tr("Delete for good..."));
     m_refresh->setText(tr("Refresh"));
-}
-
-void QuarantinePage::changeEvent(QEvent* event)
-{
-    if (event->type() == QEvent::LanguageChange) {
-        retranslate();
-    }
-    QWidget::changeEvent(event);
-}
-
-void QuarantinePage::showEvent(QShowEvent* event)
-{
-    refresh();
-    QWidget::showEvent(event);
 }
 
 } // namespace shell

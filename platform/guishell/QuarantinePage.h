@@ -5,22 +5,21 @@
 #include <vector>
 
 #include <QStringList>
-#include <QWidget>
 
-class QLabel;
+#include "StorePage.h"
+
 class QPushButton;
 class QTreeWidget;
 
 namespace kuv {
 namespace shell {
 
-class QuarantinePage : public QWidget {
+class KUV_EXPORT QuarantinePage : public StorePage {
     Q_OBJECT
 public:
     explicit QuarantinePage(QWidget* parent = nullptr);
 
-    // Reads the entries afresh from the store.
-    void refresh();
+    void refresh() override;
     int entryCount() const;
     // Selects the entries with these ids (all when empty) in the list.
     void select(const QStringList& ids = QStringList());
@@ -29,26 +28,18 @@ public:
     int restoreSelected(bool beside);
     // Deletes the selected entries for good (the buttons ask first). Returns how many went.
     int deleteSelected();
-    QString message() const;
-
-protected:
-    void changeEvent(QEvent* event) override;
-    void showEvent(QShowEvent* event) override;
 
 private:
-    void retranslate();
+    void retranslate() override;
     void onRestore();
     void onDelete();
     QStringList selectedIds() const;
     void setMessage(const QString& text, bool problem);
 
-    QLabel* m_title;
-    QLabel* m_hint;
     QTreeWidget* m_list;
     QPushButton* m_restore;
     QPushButton* m_delete;
     QPushButton* m_refresh;
-    QLabel* m_message;
     QStringList m_notices;
 };
 

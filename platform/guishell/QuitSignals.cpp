@@ -12,7 +12,8 @@
 #include <QCoreApplication>
 #include <QSocketNotifier>
 
-#include "CLogDebug.h"
+#include "KuvLog.h"
+#include "SafeIo.h"
 #include "KuvGuiInterface.h"
 
 namespace kuv {
@@ -20,7 +21,7 @@ namespace shell {
 
 namespace {
 
-const char* const kSource = "platform/guishell/QuitSignals";
+KUV_LOG_SOURCE("platform/guishell/QuitSignals");
 // A shut-down that has not ended this long after the signal is ended with SIGKILL.
 constexpr unsigned kShutdownLimitS = 10;
 const int kQuitSignals[] = {SIGTERM, SIGINT, SIGHUP};
@@ -73,23 +74,19 @@ void drain()
 {
     unsigned char buf[64];
     for (;;) {
-        const ssize_t n = ::read(g_pipe[0], buf, sizeof(buf));
+        // Non-blocking: ends at EAGAIN once the pipe is empty.
+        const ssize_t n = kuv::retryEintr([&buf] { return ::read(g_pipe[0], buf, sizeof(buf)); });
         if (n <= 0) {
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
             return;
         }
         for (ssize_t i = 0; i < n; ++i) {
             const int sig = buf[i];
             if (g_shuttingDown) {
-                CLogDebug::Instance()->LogPrint(LOG_LEVEL_INFO, kSource, __func__, __LINE__,
-                                                "%s during shut-down: ignored", signalName(sig));
+                KUV_LOG(kuv::LogLevel::Info, "%s during shut-down: ignored", signalName(sig));
                 continue;
             }
             g_shuttingDown = true;
-            CLogDebug::Instance()->LogPrint(LOG_LEVEL_INFO, kSource, __func__, __LINE__,
-                                            "%s: quitting (shut-down limit %u s)", signalName(sig), kShutdownLimitS);
+            KUV_LOG(kuv::LogLevel::Info, "%s: quitting (shut-down limit %u s)", signalName(sig), kShutdownLimitS);
             armWatchdog();
             KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
         }
@@ -104,8 +101,7 @@ void installQuitSignals()
         return;
     }
     if (::pipe2(g_pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        CLogDebug::Instance()->LogPrint(LOG_LEVEL_ERROR, kSource, __func__, __LINE__,
-                                        "no signal pipe (%s): SIGTERM, SIGINT and SIGHUP keep their default",
+        KUV_LOG(kuv::LogLevel::Error, "no signal pipe (%s): SIGTERM, SIGINT and SIGHUP keep their default",
                                         std::strerror(errno));
         g_pipe[0] = g_pipe[1] = -1;
         return;

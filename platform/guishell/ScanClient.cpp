@@ -21,13 +21,14 @@
 #include <QSocketNotifier>
 
 #include "BusModule.h"
-#include "CLogDebug.h"
+#include "KuvLog.h"
 #include "ConstConfig.h"
 #include "CppJson.h"
 #include "FileUtils.h"
 #include "Guid.h"
 #include "IZellClientMgr.h"
 #include "KuvScanProtocol.h"
+#include "KuvScanSupport.h"
 #include "ScanPaths.h"
 #include "ShellSettings.h"
 
@@ -36,8 +37,7 @@ namespace shell {
 
 namespace {
 
-const char* const kSource = "platform/guishell/ScanClient";
-#define SC_LOG(level, ...) CLogDebug::Instance()->LogPrint(level, kSource, __func__, __LINE__, __VA_ARGS__)
+KUV_LOG_SOURCE("platform/guishell/ScanClient");
 
 // How long a send waits for the broker's verdict (on the bus worker, never the GUI thread).
 constexpr int kSendWaitMs = 3000;
@@ -50,7 +50,6 @@ constexpr int kExitGraceMs = 250;
 // Bodies from the back end beyond this are not read (a result batch is far smaller).
 constexpr int kMaxBodyBytes = 8 * 1024 * 1024;
 // The subscriber list is a few lines; anything bigger is rewritten.
-constexpr off_t kMaxSubscriberFile = kuvscan::kMaxSubscriberFileBytes;
 
 int timerScale()
 {
@@ -101,75 +100,12 @@ qint64 nowMs()
 
 QString displayPath(const std::string& bytes)
 {
-    QString out;
-    size_t i = 0;
-    while (i < bytes.size()) {
-        const auto c = static_cast<unsigned char>(bytes[i]);
-        if (c < 0x80) {
-            if (c == '\n') {
-                out += QLatin1String("\\n");
-            } else if (c == '\t') {
-                out += QLatin1String("\\t");
-            } else if (c == '\r') {
-                out += QLatin1String("\\r");
-            } else if (c < 0x20 || c == 0x7F) {
-                out += QString::asprintf("\\x%02X", c);
-            } else {
-                out += QLatin1Char(static_cast<char>(c));
-            }
-            ++i;
-            continue;
-        }
-        // The longest valid UTF-8 sequence starting here, else the byte alone.
-        size_t len = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 1;
-        if (len > 1 && i + len <= bytes.size() && kuvscan::isValidUtf8(bytes.substr(i, len))) {
-            const QString ch = QString::fromUtf8(bytes.data() + i, static_cast<int>(len));
-            const uint cp = ch.toUcs4().value(0);
-            if ((cp >= 0x80 && cp < 0xA0) || cp == 0x2028 || cp == 0x2029) {
-                out += QString::asprintf("\\u%04X", cp);
-            } else {
-                out += ch;
-            }
-            i += len;
-        } else {
-            out += QString::asprintf("\\x%02X", c);
-            ++i;
-        }
-    }
-    return out;
+    return kuvsdk::displayBytes(QByteArray::fromStdString(bytes));
 }
 
 bool addScanSubscriber(const std::string& guid)
 {
-    std::string error;
-    const std::string dir = kuv::runtimeDir(&error);
-    if (dir.empty()) {
-        return false;
-    }
-    const std::string path = dir + kuvscan::kSubscribersFile;
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        return false;
-    }
-    struct stat st {};
-    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::getuid();
-    std::string content;
-    if (ok && st.st_size <= kMaxSubscriberFile) {
-        content.resize(static_cast<size_t>(st.st_size));
-        ok = ::pread(fd, &content[0], content.size(), 0) == static_cast<ssize_t>(content.size());
-    }
-    if (ok) {
-        const std::string line = guid + "\n";
-        if (content.find(line) == std::string::npos) {
-            if (st.st_size > kMaxSubscriberFile) {
-                ok = ::ftruncate(fd, 0) == 0;
-            }
-            ok = ok && ::lseek(fd, 0, SEEK_END) >= 0 &&
-                 ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-        }
-    }
-    ::close(fd);
-    return ok;
+    return kuvsdk::addScanSubscriberIn(kuv::runtimeDir(), QString::fromStdString(guid));
 }
 
 // The bus side of the client: one worker thread makes every call that can wait (joining, sends with
@@ -283,7 +219,7 @@ public:
         }
         Json::Value body;
         if (!CppJson::LoadJsonString(std::string(content, static_cast<size_t>(length)), body) || !body.isObject()) {
-            SC_LOG(LOG_LEVEL_WARN, "unreadable message of type %lld from the back end", static_cast<long long>(msgType));
+            KUV_LOG(kuv::LogLevel::Warn, "unreadable message of type %lld from the back end", static_cast<long long>(msgType));
             return;
         }
         m_onMessage(msgType, body);
@@ -369,7 +305,7 @@ void ScanClient::watchBackend(int64_t pid)
 void ScanClient::onBackendExit()
 {
     const int64_t pid = m_watchedPid;
-    SC_LOG(LOG_LEVEL_WARN, "the back end (pid %lld) ended", static_cast<long long>(pid));
+    KUV_LOG(kuv::LogLevel::Warn, "the back end (pid %lld) ended", static_cast<long long>(pid));
     watchBackend(0);
     // What it sent before it ended may still be on its way through the broker: a moment's grace.
     QTimer::singleShot(scaled(kExitGraceMs), this, [this, pid]() {
@@ -431,7 +367,7 @@ void ScanClient::onConnected(int result, const QString& error)
     if (result == 0) {
         return; // the subscription's answer tells the rest
     }
-    SC_LOG(LOG_LEVEL_WARN, "scan client not on the bus: %s", kuv::escapeControl(error.toStdString()).c_str());
+    KUV_LOG(kuv::LogLevel::Warn, "scan client not on the bus: %s", kuv::escapeControl(error.toStdString()).c_str());
     if (result < 0) {
         setBackend(BACKEND_NO_BUS, error);
     }
@@ -472,7 +408,7 @@ QString ScanClient::startJob(const std::vector<std::string>& paths, bool reportC
     job.paths = paths;
     job.reportClean = reportClean;
     m_jobs[id] = job;
-    SC_LOG(LOG_LEVEL_INFO, "scan job %s (%s): %d path(s)", id.toStdString().c_str(), origin,
+    KUV_LOG(kuv::LogLevel::Info, "scan job %s (%s): %d path(s)", id.toStdString().c_str(), origin,
            static_cast<int>(paths.size()));
     emit jobCreated(id, static_cast<int>(paths.size()));
 
@@ -549,7 +485,7 @@ void ScanClient::cancel(const QString& job)
             },
             Qt::QueuedConnection);
     });
-    SC_LOG(LOG_LEVEL_INFO, "cancel requested for scan job %s", job.toStdString().c_str());
+    KUV_LOG(kuv::LogLevel::Info, "cancel requested for scan job %s", job.toStdString().c_str());
 }
 
 void ScanClient::armWatchdog()
@@ -576,7 +512,7 @@ void ScanClient::onWatchdog()
             [this, rc]() {
                 m_probing = false;
                 if (rc == ZELL_SEND_UNKNOWN_DEST || rc == ZELL_SEND_NO_BROKER) {
-                    SC_LOG(LOG_LEVEL_WARN, "the back end left the bus during a scan (%d)", rc);
+                    KUV_LOG(kuv::LogLevel::Warn, "the back end left the bus during a scan (%d)", rc);
                     setBackend(rc == ZELL_SEND_UNKNOWN_DEST ? BACKEND_NOT_RUNNING : BACKEND_NO_BUS);
                     failAll(QStringLiteral("back end stopped during the scan"));
                 } else {
@@ -598,7 +534,7 @@ void ScanClient::failJob(const QString& job, const QString& reason, bool backend
     end.state = QStringLiteral("failed");
     end.reason = reason;
     end.backendGone = backendGone;
-    SC_LOG(LOG_LEVEL_WARN, "scan job %s failed: %s", job.toStdString().c_str(),
+    KUV_LOG(kuv::LogLevel::Warn, "scan job %s failed: %s", job.toStdString().c_str(),
            kuv::escapeControl(reason.toStdString()).c_str());
     emit jobEnded(job, end);
     Json::Value rec(Json::objectValue);
@@ -636,7 +572,7 @@ void ScanClient::onMessage(int64_t type, const Json::Value& body)
     auto it = m_jobs.find(job);
     if (it == m_jobs.end()) {
         if (type == kuvscan::KUV_SCAN_MSG_ERROR) {
-            SC_LOG(LOG_LEVEL_WARN, "back end error for request type %lld: %s",
+            KUV_LOG(kuv::LogLevel::Warn, "back end error for request type %lld: %s",
                    static_cast<long long>(num(body, "request_type")),
                    kuv::escapeControl(compact(body)).c_str());
         }
@@ -710,7 +646,7 @@ void ScanClient::onMessage(int64_t type, const Json::Value& body)
         end.partial = num(body, "partial");
         end.durationMs = num(body, "duration_ms");
         m_jobs.erase(it);
-        SC_LOG(LOG_LEVEL_INFO, "scan job %s ended %s: %lld file(s), %lld infected", job.toStdString().c_str(),
+        KUV_LOG(kuv::LogLevel::Info, "scan job %s ended %s: %lld file(s), %lld infected", job.toStdString().c_str(),
                kuv::escapeControl(end.state.toStdString()).c_str(), static_cast<long long>(end.files),
                static_cast<long long>(end.infected));
         emit jobEnded(job, end);
@@ -798,10 +734,10 @@ void ScanClient::startBackend()
             [this, proc](int code, QProcess::ExitStatus status) {
                 proc->deleteLater();
                 if (status == QProcess::NormalExit && code == 0) {
-                    SC_LOG(LOG_LEVEL_INFO, "back end started by the user's service manager");
+                    KUV_LOG(kuv::LogLevel::Info, "back end started by the user's service manager");
                     probeAfterStart(0);
                 } else {
-                    SC_LOG(LOG_LEVEL_WARN, "systemctl --user start kuv-scand failed (%d); starting it directly", code);
+                    KUV_LOG(kuv::LogLevel::Warn, "systemctl --user start kuv-scand failed (%d); starting it directly", code);
                     startDirect();
                 }
             });
@@ -830,7 +766,7 @@ void ScanClient::startDirect()
         m_retryArmed = false;
         return;
     }
-    SC_LOG(LOG_LEVEL_INFO, "started the back end %s (pid %lld)", kuv::escapeControl(program.toStdString()).c_str(),
+    KUV_LOG(kuv::LogLevel::Info, "started the back end %s (pid %lld)", kuv::escapeControl(program.toStdString()).c_str(),
            static_cast<long long>(pid));
     probeAfterStart(0);
 }

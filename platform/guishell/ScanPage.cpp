@@ -1,5 +1,7 @@
 #include "ScanPage.h"
 
+#include "KuvPluginSupport.h"
+
 #include <QDateTime>
 #include <QDir>
 #include <QDragEnterEvent>
@@ -53,11 +55,7 @@ ScanPage::ScanPage(QWidget* parent) : QWidget(parent)
     setObjectName(QStringLiteral("kuvScanPage"));
     setAcceptDrops(true);
     auto* layout = new QVBoxLayout(this);
-    m_title = new QLabel(this);
-    QFont big = m_title->font();
-    big.setPointSizeF(big.pointSizeF() * 1.3);
-    big.setBold(true);
-    m_title->setFont(big);
+    m_title = kuvsdk::headingLabel(this);
     layout->addWidget(m_title);
 
     m_backendBox = new QFrame(this);

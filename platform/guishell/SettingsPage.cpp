@@ -35,6 +35,10 @@ SettingsPage::SettingsPage(QWidget* parent) : QWidget(parent)
     m_languageCaption = new QLabel(m_languageBox);
     m_language = new QComboBox(m_languageBox);
     m_language->setObjectName(QStringLiteral("kuvLanguage"));
+    // Sized without measuring its items: measuring "简体中文" would load a CJK font (megabytes) into
+    // every English session as soon as the window is laid out; now only opening the list does.
+    m_language->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
+    m_language->setMinimumContentsLength(24);
     // Each language is named in itself, so it can be found whatever language is shown.
     m_language->addItem(QStringLiteral("English"), QStringLiteral("en"));
     m_language->addItem(QStringLiteral("简体中文"), QStringLiteral("zh-CN"));

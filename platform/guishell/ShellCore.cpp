@@ -11,7 +11,7 @@
 #include <QTranslator>
 
 #include "AppIcon.h"
-#include "CLogDebug.h"
+#include "KuvLog.h"
 #include "CQPluginManager.h"
 #include "FileUtils.h"
 #include "DesktopNotifier.h"
@@ -28,13 +28,12 @@ namespace shell {
 
 namespace {
 
-const char* const kSource = "platform/guishell/ShellCore";
+KUV_LOG_SOURCE("platform/guishell/ShellCore");
 // A scan that took at least this long gets a notification even when it found nothing.
 constexpr qint64 kLongScanMs = 60000;
 // How long quitting waits for the plugin loader to report the unloads it was asked for.
 constexpr int kQuitWaitMs = 5000;
 
-#define SH_LOG(level, ...) CLogDebug::Instance()->LogPrint(level, kSource, __func__, __LINE__, __VA_ARGS__)
 
 // "zh-CN" -> "zh_CN"; the catalogs are named after the locale.
 QString catalogSuffix(const std::string& language)
@@ -106,13 +105,13 @@ void ShellCore::build(sUninstallFunc uninstall)
     connect(m_tray.get(), &TrayController::scanFolderRequested, this,
             [this](const QString& folder) { scan(FolderArg{folder}); });
     if (m_tray->shown()) {
-        SH_LOG(LOG_LEVEL_INFO, "tray icon shown");
+        KUV_LOG(kuv::LogLevel::Info, "tray icon shown");
     } else {
         // Without a tray the window is reached through control code 0 (a second start of kuvgui).
-        SH_LOG(LOG_LEVEL_INFO, "no system tray; the main window is shown on request");
+        KUV_LOG(kuv::LogLevel::Info, "no system tray; the main window is shown on request");
     }
     connect(m_tray.get(), &TrayController::stateChanged, this, [](TrayController::State state) {
-        SH_LOG(LOG_LEVEL_INFO, "tray state: %s",
+        KUV_LOG(kuv::LogLevel::Info, "tray state: %s",
                state == TrayController::STATE_ATTENTION  ? "attention"
                : state == TrayController::STATE_SCANNING ? "scanning"
                                                          : "protected");
@@ -120,7 +119,7 @@ void ShellCore::build(sUninstallFunc uninstall)
 
     m_notifier = std::make_unique<DesktopNotifier>();
     connect(m_notifier.get(), &DesktopNotifier::openResults, this, [this](qint64 job) {
-        SH_LOG(LOG_LEVEL_INFO, "notification action: opening the results of history job %lld",
+        KUV_LOG(kuv::LogLevel::Info, "notification action: opening the results of history job %lld",
                static_cast<long long>(job));
         if (window() != nullptr) {
             m_window->showHistoryJob(job);
@@ -191,7 +190,7 @@ MainWindow* ShellCore::window()
         connect(m_tray.get(), &TrayController::stateChanged, stateLabel,
                 [this, stateLabel]() { stateLabel->setText(m_tray->stateText()); });
         stateLabel->setText(m_tray->stateText());
-        SH_LOG(LOG_LEVEL_INFO, "main window built");
+        KUV_LOG(kuv::LogLevel::Info, "main window built");
     }
     return m_window.get();
 }
@@ -212,7 +211,7 @@ void ShellCore::scan(const std::vector<std::string>& paths)
     if (window() == nullptr) {
         return;
     }
-    SH_LOG(LOG_LEVEL_INFO, "context-menu scan of %d path(s)", static_cast<int>(paths.size()));
+    KUV_LOG(kuv::LogLevel::Info, "context-menu scan of %d path(s)", static_cast<int>(paths.size()));
     m_window->showScanRequest(paths);
     showMain();
 }
@@ -223,13 +222,13 @@ void ShellCore::quit()
         return;
     }
     m_quitting = true;
-    SH_LOG(LOG_LEVEL_INFO, "quit requested");
+    KUV_LOG(kuv::LogLevel::Info, "quit requested");
     if (m_uninstall.pfnUninstall != nullptr) {
         try {
             const int rc = m_uninstall.pfnUninstall(m_uninstall.pContext);
-            SH_LOG(LOG_LEVEL_INFO, "uninstall function returned %d", rc);
+            KUV_LOG(kuv::LogLevel::Info, "uninstall function returned %d", rc);
         } catch (...) {
-            SH_LOG(LOG_LEVEL_ERROR, "uninstall function threw; quitting anyway");
+            KUV_LOG(kuv::LogLevel::Error, "uninstall function threw; quitting anyway");
         }
     }
     CQPluginManager* loader = CQPluginManager::singleInstance();
@@ -254,7 +253,7 @@ void ShellCore::finishQuit(bool timedOut)
     disconnect(m_unloadConnection);
     m_quitTimer.stop();
     if (timedOut) {
-        SH_LOG(LOG_LEVEL_WARN, "%d plugin unload(s) still pending after %d ms; quitting anyway",
+        KUV_LOG(kuv::LogLevel::Warn, "%d plugin unload(s) still pending after %d ms; quitting anyway",
                CQPluginManager::singleInstance()->pendingUnloads(), kQuitWaitMs);
     }
     if (m_window) {
@@ -273,7 +272,7 @@ void ShellCore::updateAttention()
 
 void ShellCore::onJobRecorded(qint64 id, const QString& state, qint64 files, qint64 infected, qint64 durationMs)
 {
-    SH_LOG(LOG_LEVEL_INFO, "scan recorded: history job %lld, %s, %lld file(s), %lld found, %lld ms",
+    KUV_LOG(kuv::LogLevel::Info, "scan recorded: history job %lld, %s, %lld file(s), %lld found, %lld ms",
            static_cast<long long>(id), state.toStdString().c_str(), static_cast<long long>(files),
            static_cast<long long>(infected), static_cast<long long>(durationMs));
     updateAttention();
@@ -309,7 +308,7 @@ void ShellCore::applyLanguage()
             QCoreApplication::installTranslator(translator.get());
             m_translators.push_back(std::move(translator));
         } else {
-            SH_LOG(LOG_LEVEL_WARN, "cannot load catalog %s", path.toStdString().c_str());
+            KUV_LOG(kuv::LogLevel::Warn, "cannot load catalog %s", path.toStdString().c_str());
         }
     }
     if (m_tray) {
@@ -318,7 +317,7 @@ void ShellCore::applyLanguage()
             state->setText(m_tray->stateText());
         }
     }
-    SH_LOG(LOG_LEVEL_INFO, "interface language %s, %d catalog(s)", language.c_str(),
+    KUV_LOG(kuv::LogLevel::Info, "interface language %s, %d catalog(s)", language.c_str(),
            static_cast<int>(m_translators.size()));
 }
 

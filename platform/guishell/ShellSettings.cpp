@@ -12,7 +12,7 @@
 #include <QLocale>
 #include <QString>
 
-#include "CLogDebug.h"
+#include "KuvLog.h"
 #include "ConfigModule.h"
 #include "ConstConfig.h"
 #include "CppJson.h"
@@ -20,7 +20,7 @@
 
 namespace {
 
-const char* const kSource = "platform/guishell/ShellSettings";
+KUV_LOG_SOURCE("platform/guishell/ShellSettings");
 
 // ConfigModule is shared with the service; the shell serialises its own reads and writes.
 std::mutex g_settingsMutex;
@@ -143,8 +143,7 @@ bool setStopBackendOnQuit(bool stop)
     std::lock_guard<std::mutex> lock(g_settingsMutex);
     const bool ok = saveSetting(kStopBackendKey, Json::Value(stop));
     if (!ok) {
-        CLogDebug::Instance()->LogPrint(LOG_LEVEL_ERROR, kSource, __func__, __LINE__,
-                                        "cannot save %s in %s", kStopBackendKey, kShellConfFile);
+        KUV_LOG(kuv::LogLevel::Error, "cannot save %s in %s", kStopBackendKey, kShellConfFile);
     }
     return ok;
 }
@@ -215,8 +214,7 @@ bool setLanguageSetting(const std::string& language)
     std::lock_guard<std::mutex> lock(g_settingsMutex);
     const bool ok = saveSetting(kLanguageKey, language.empty() ? Json::Value() : Json::Value(language));
     if (!ok) {
-        CLogDebug::Instance()->LogPrint(LOG_LEVEL_ERROR, kSource, __func__, __LINE__,
-                                        "cannot save %s in %s", kLanguageKey, kShellConfFile);
+        KUV_LOG(kuv::LogLevel::Error, "cannot save %s in %s", kLanguageKey, kShellConfFile);
     }
     return ok;
 }
@@ -279,7 +277,7 @@ void journal(const Json::Value& record)
     std::lock_guard<std::mutex> lock(g_journalMutex);
     std::ofstream out(path, std::ios::out | std::ios::app | std::ios::binary);
     if (!out) {
-        CLogDebug::Instance()->LogPrint(LOG_LEVEL_WARN, kSource, __func__, __LINE__, "cannot open journal %s",
+        KUV_LOG(kuv::LogLevel::Warn, "cannot open journal %s",
                                         path);
         return;
     }

@@ -1,6 +1,8 @@
 // Local command channel: framed messages over a per-user Unix domain socket.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -8,7 +10,7 @@
 #include "UniqueFd.h"
 
 // Received bytes of one message, followed by a NUL byte that length() does not count.
-class CCharVector {
+class KUV_EXPORT CCharVector {
 public:
     CCharVector() = default;
     CCharVector(const char* data, size_t size);
@@ -39,7 +41,7 @@ struct sPipeFrameHead {
 };
 static_assert(sizeof(sPipeFrameHead) == 16, "frame header is 16 bytes");
 
-class CAfxPipeServer {
+class KUV_EXPORT CAfxPipeServer {
 public:
     // Messages whose header announces more than this are refused and their connection dropped.
     static constexpr unsigned long kMaxMessage = 16ul * 1024 * 1024;
@@ -62,7 +64,7 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
-class CAfxPipeClient {
+class KUV_EXPORT CAfxPipeClient {
 public:
     explicit CAfxPipeClient(std::string name);
     ~CAfxPipeClient();

@@ -1,10 +1,12 @@
 // The timer service: named repeating timers run by the service's own thread.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <string>
 #include <functional>
 
-class CCronTimer {
+class KUV_EXPORT CCronTimer {
 public:
     enum TimerExecMode {
         TIMER_EXEC_WORKER = 0, // the callback runs on a short-lived worker thread
@@ -12,7 +14,7 @@ public:
     };
 };
 
-class CCronTimerInterface {
+class KUV_EXPORT CCronTimerInterface {
 public:
     // Callbacks take the timer's data pointer.
     typedef std::function<void(void*)> TimerFunc;

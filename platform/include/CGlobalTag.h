@@ -1,11 +1,13 @@
 // A named per-user instance tag: a kernel-held lock plus published attributes.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <map>
 #include <memory>
 #include <string>
 
-class CGlobalTag {
+class KUV_EXPORT CGlobalTag {
 public:
     // Where tags of one scope live; getUserConfig() is the calling user's runtime directory.
     class TagConfig {

@@ -1,6 +1,8 @@
 // The log service: leveled, rotating log files; never throws into the caller.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <cstdarg>
 #include <memory>
 #include <string>
@@ -21,7 +23,7 @@ enum _LOG_PROPERTY {
     LOG_PROPERTY_BACKUP = 16 // number of backups kept, decimal text
 };
 
-class CLogDebug {
+class KUV_EXPORT CLogDebug {
 public:
     // The process log.
     static CLogDebug* Instance();
@@ -55,7 +57,7 @@ private:
 };
 
 // Independent logs besides the process log (the bus log is one).
-CLogDebug* LogInit(const char* name);
-void LogUninit(CLogDebug* log);
-int LogPrintStrEx(CLogDebug* log, _LOG_LEVEL level, const char* file, const char* function, unsigned int line,
+KUV_EXPORT CLogDebug* LogInit(const char* name);
+KUV_EXPORT void LogUninit(CLogDebug* log);
+KUV_EXPORT int LogPrintStrEx(CLogDebug* log, _LOG_LEVEL level, const char* file, const char* function, unsigned int line,
                   const char* text);

@@ -3,6 +3,8 @@
 
 #include <memory>
 
+#include "KuvExport.h"
+
 #include <QList>
 #include <QObject>
 #include <QPointer>
@@ -52,7 +54,7 @@ inline const char* pluginLoadReasonName(PluginLoadReason reason)
 
 } // namespace kuv
 
-class CQPluginManager : public QObject {
+class KUV_EXPORT CQPluginManager : public QObject {
     Q_OBJECT
 public:
     enum PluginState { PLUGIN_KNOWN = 0, PLUGIN_LOADING, PLUGIN_LOADED, PLUGIN_FAILED, PLUGIN_UNLOADED };

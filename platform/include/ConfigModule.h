@@ -1,10 +1,12 @@
 // Process-wide settings store: one JSON object per file in the configuration directory.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <memory>
 #include <string>
 
-class ConfigModule {
+class KUV_EXPORT ConfigModule {
 public:
     static ConfigModule* Instance();
     static void UninitInstance();

@@ -1,9 +1,11 @@
 // Installation facts: installation and configuration directories, client version.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <string>
 
-class ConstConfig {
+class KUV_EXPORT ConstConfig {
 public:
     static ConstConfig* singleInstance();
     static void UninitInstance();

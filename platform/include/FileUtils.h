@@ -1,6 +1,8 @@
 // File, directory, string and process utilities.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <cstddef>
 #include <fstream>
 #include <list>
@@ -11,7 +13,7 @@
 
 struct stat;
 
-class CFile {
+class KUV_EXPORT CFile {
 public:
     // Paths in an installation's per-user areas are mapped as kuv::userStatePath() does.
     explicit CFile(const std::string& path);
@@ -45,7 +47,7 @@ private:
     kuv::UniqueFd m_fd;
 };
 
-class CFileInfo {
+class KUV_EXPORT CFileInfo {
 public:
     CFileInfo() = default;
     explicit CFileInfo(const std::string& path);
@@ -64,7 +66,7 @@ private:
     bool m_bFile = false;
 };
 
-class CDir {
+class KUV_EXPORT CDir {
 public:
     // Directory of the running executable, without a final "/".
     static std::string currentDir();
@@ -75,7 +77,7 @@ public:
     static bool mkpath(const std::string& dir, unsigned int mode = 0755);
 };
 
-class CStr {
+class KUV_EXPORT CStr {
 public:
     // ASCII lower case, in place.
     static void toLower(std::string& text);
@@ -83,7 +85,7 @@ public:
     static std::string trim(const std::string& text);
 };
 
-class CProcess {
+class KUV_EXPORT CProcess {
 public:
     CProcess();
     // Starts program with arguments split on blanks, without a shell, detached from this process,
@@ -98,47 +100,47 @@ namespace kuv {
 // with lstat (a real directory, ours, mode 0700). Returns it with a final "/", or empty and sets error.
 // When /tmp/kuv-<uid> belongs to another user, ~/.cache/kuv/runtime/ is used instead (and from then
 // on by every process of the user), and the owner is named on stderr and in runtimeDirNotice().
-std::string runtimeDir(std::string* error = nullptr);
+KUV_EXPORT std::string runtimeDir(std::string* error = nullptr);
 // What the runtime directory had to avoid (empty when nothing), for the caller's log.
-std::string runtimeDirNotice();
+KUV_EXPORT std::string runtimeDirNotice();
 // A logical name such as "/tmp/kuv-gui" or "./kuv_zell" resolved into the runtime directory
 // (its last path component). Empty when the runtime directory is refused.
-std::string runtimePath(const std::string& logicalName, std::string* error = nullptr);
+KUV_EXPORT std::string runtimePath(const std::string& logicalName, std::string* error = nullptr);
 // The installation directory: $KUV_INSTALL_DIR, else the parent of the executable's directory; with a
 // final "/" (empty when unknown).
-std::string installDir();
+KUV_EXPORT std::string installDir();
 // Whether the user owns the installation (owner and writable): then the user's files stay in it.
-bool ownInstallation(const std::string& dir);
+KUV_EXPORT bool ownInstallation(const std::string& dir);
 // The user's state directory $XDG_STATE_HOME/kuv/ (default ~/.local/state/kuv/), created 0700 and
 // checked to be a real directory of the user. Empty (and error) when unusable.
-std::string userStateDir(std::string* error = nullptr);
+KUV_EXPORT std::string userStateDir(std::string* error = nullptr);
 // The per-user place of a path in an installation's per-user areas (DIR/log..., DIR/data/pubcfg...):
 // the path itself in an installation the user owns, else the same place under userStateDir(), so that
 // users of a shared installation never share a file. Any other path is returned unchanged.
-std::string userStatePath(const std::string& path);
+KUV_EXPORT std::string userStatePath(const std::string& path);
 // Opens path for the open(2) flags given, never through a final symbolic link and never blocking on a
 // FIFO or device, and keeps it only when it is a regular file (else EINVAL). New files get mode. The
 // descriptor is close-on-exec and blocking unless flags ask for O_NONBLOCK; info, when given, receives
 // the file's status. An invalid descriptor with errno set on failure.
-UniqueFd openNoFollow(const std::string& path, int flags, unsigned int mode = 0600, struct stat* info = nullptr);
+KUV_EXPORT UniqueFd openNoFollow(const std::string& path, int flags, unsigned int mode = 0600, struct stat* info = nullptr);
 // Writes content to path through a temporary file in the same directory and rename(). true on success.
-bool writeFileAtomic(const std::string& path, const std::string& content, unsigned int mode = 0644);
+KUV_EXPORT bool writeFileAtomic(const std::string& path, const std::string& content, unsigned int mode = 0644);
 // The escaping rule of every log writer: C0 controls, DEL and the backslash as \n \r \t \\ \xHH,
 // C1 controls and U+2028/U+2029 as \uHHHH, every byte that is not well-formed UTF-8 as \xHH.
 // escapeBackslash=false leaves backslashes alone (text that is already escaped, such as log lines).
-std::string escapeControl(const std::string& text, bool escapeBackslash = true);
+KUV_EXPORT std::string escapeControl(const std::string& text, bool escapeBackslash = true);
 // Longest message a record carries, in escaped bytes.
 constexpr size_t kMaxLogMessage = 16 * 1024;
 // A message as a record carries it: one final line feed dropped, escaped, and cut to limit bytes with
 // a marker " [... N bytes cut]" (N counted in the message's own bytes; alreadyCut is added for text
 // that the caller cut before).
-std::string logMessage(const std::string& text, size_t limit = kMaxLogMessage, size_t alreadyCut = 0);
+KUV_EXPORT std::string logMessage(const std::string& text, size_t limit = kMaxLogMessage, size_t alreadyCut = 0);
 
 // A deferral takes a program launch and either keeps it to run later (true) or declines (false: the
 // launch runs now). The GUI shell installs one so that launches asked for during start-up run once its
 // event loop is up; CProcess::execute then reports only whether the program can be run.
 using LaunchDeferral = std::function<bool(std::function<void()>)>;
-void setLaunchDeferral(LaunchDeferral deferral);
-bool deferLaunch(std::function<void()> launch);
+KUV_EXPORT void setLaunchDeferral(LaunchDeferral deferral);
+KUV_EXPORT bool deferLaunch(std::function<void()> launch);
 
 } // namespace kuv

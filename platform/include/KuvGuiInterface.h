@@ -1,6 +1,8 @@
 // The GUI shell as the service drives it: build the GUI, run its loop, and control requests.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <string>
 
 // Control codes of KuvGuiInterface::ctrl.
@@ -19,7 +21,7 @@ struct sUninstallFunc {
     void* pContext;
 };
 
-class KuvGuiInterface {
+class KUV_EXPORT KuvGuiInterface {
 public:
     // Creates the application object (Qt consumes its own arguments), the main window and tray icon.
     // 0 on success, non-zero when no GUI can be made.
@@ -31,7 +33,7 @@ public:
 };
 
 namespace basegui {
-class Common {
+class KUV_EXPORT Common {
 public:
     // Interface language ("zh-CN", "en"); applied when the shell builds its GUI.
     static void setLan(const std::string& language);

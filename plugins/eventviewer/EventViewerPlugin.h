@@ -2,17 +2,17 @@
 // event messages (type 3001) that reach its bus endpoint.
 #pragma once
 
-#include <memory>
+#include <deque>
 
+#include <QColor>
+#include <QJsonObject>
 #include <QObject>
-#include <QPointer>
-#include <QWidget>
+#include <QStringList>
 
 #include "IKuvGuiPlugin.h"
 #include "KuvPluginSupport.h"
 #include "KuvScanSupport.h"
 
-class QLabel;
 class QPushButton;
 class QTableWidget;
 
@@ -21,51 +21,67 @@ namespace kuvplugin {
 constexpr int64_t kEventMessageType = 3001;
 constexpr const char* kEventViewerGuid = "3C9D2B7A-6E41-4F0B-9A52-1D8E7C6B5A41";
 
-class EventViewerPage : public QWidget {
+// One received event: time, type, sender and message; for an event of the back end, its kind and message
+// cells are left to the page (they follow the language) and event holds it.
+struct EventRow {
+    QStringList cells;
+    QColor color;
+    QJsonObject event;
+};
+
+// The events received, newest first, kept without widgets so that the page can be built late.
+class EventLog : public QObject {
     Q_OBJECT
 public:
-    explicit EventViewerPage(QWidget* parent = nullptr);
-    void setBus(kuvsdk::PluginEndpoint::State state, const QString& guid, int error);
+    void setBus(const kuvsdk::BusInfo& bus);
     // Follows the back end through the plugin's endpoint (its events, also after a later start).
     void followBackend(kuvsdk::PluginEndpoint* bus);
     void addMessage(const kuvsdk::BusMessage& message);
-    int rowCount() const;
+    void clear();
 
-protected:
-    void changeEvent(QEvent* event) override;
+    const kuvsdk::BusInfo& bus() const { return m_bus; }
+    const std::deque<EventRow>& rows() const { return m_rows; }
+    int total() const { return m_total; }
+
+signals:
+    void rowAdded();
+    void cleared();
+    void busChanged();
 
 private:
-    void retranslate();
-    // event: the back end's event the row shows (its text follows the language), or empty.
-    void addRow(const QStringList& cells, const QColor& color, const QJsonObject& event = QJsonObject());
-    QString kindText(const QString& kind) const;
-    QString eventText(const QJsonObject& event) const;
+    void add(EventRow row);
 
-    QLabel* m_heading;
-    QLabel* m_busState;
-    QTableWidget* m_table;
-    QLabel* m_count;
-    QPushButton* m_clear;
-    kuvsdk::PluginEndpoint::State m_state = kuvsdk::PluginEndpoint::NO_ENDPOINT;
-    QString m_guid;
-    int m_error = 0;
+    kuvsdk::BusInfo m_bus;
+    std::deque<EventRow> m_rows;
     int m_total = 0;
     kuvsdk::ScanSubscription m_subscription;
 };
 
-class EventViewerPlugin : public QObject, public IKuvGuiPlugin {
+class EventViewerPage : public kuvsdk::PluginPage {
+    Q_OBJECT
+public:
+    EventViewerPage(EventLog* log, QWidget* parent);
+    int rowCount() const;
+
+private:
+    void retranslate() override;
+    void showRow(int row, const EventRow& event);
+    QString kindText(const QString& kind) const;
+    QString eventText(const QJsonObject& event) const;
+
+    EventLog* m_log;
+    QTableWidget* m_table;
+    QLabel* m_count;
+    QPushButton* m_clear;
+};
+
+class EventViewerPlugin : public QObject, public kuvsdk::PageOnBusPlugin<EventLog, EventViewerPage> {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID KUV_GUI_PLUGIN_IID)
     Q_INTERFACES(IKuvGuiPlugin)
 public:
-    ~EventViewerPlugin() override;
     int init(const QVariant& paras) override;
-    void uninit() override;
-    QWidget* page() override { return m_plugin.page(); }
     QString title() const override;
-
-private:
-    kuvsdk::PageOnBus<EventViewerPage> m_plugin;
 };
 
 } // namespace kuvplugin

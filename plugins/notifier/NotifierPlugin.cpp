@@ -1,7 +1,7 @@
 #include "NotifierPlugin.h"
 
 #include <QDateTime>
-#include <QEvent>
+#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QJsonDocument>
@@ -11,7 +11,6 @@
 #include <QPushButton>
 #include <QSystemTrayIcon>
 #include <QTableWidget>
-#include <QVBoxLayout>
 
 #ifdef KUV_HAVE_QTDBUS
 #include <QDBusConnection>
@@ -23,7 +22,7 @@
 namespace kuvplugin {
 
 namespace {
-constexpr int kMaxRows = 200;
+constexpr size_t kMaxRows = 200;
 constexpr int kMaxTitleChars = 120;
 constexpr int kMaxBodyChars = 1000;
 constexpr int kShowMs = 8000;
@@ -48,108 +47,26 @@ Alert parseAlert(const QByteArray& message)
     return a;
 }
 
-NotifierPage::NotifierPage(QWidget* parent) : QWidget(parent)
+AlertLog::AlertLog() = default;
+AlertLog::~AlertLog() = default;
+
+void AlertLog::setBus(const kuvsdk::BusInfo& bus)
 {
-    setObjectName(QStringLiteral("kuvNotifierPage"));
-    auto* layout = new QVBoxLayout(this);
-    m_heading = new QLabel(this);
-    QFont big = m_heading->font();
-    big.setPointSizeF(big.pointSizeF() * 1.3);
-    big.setBold(true);
-    m_heading->setFont(big);
-    layout->addWidget(m_heading);
-    m_busState = new QLabel(this);
-    m_busState->setWordWrap(true);
-    layout->addWidget(m_busState);
-    m_table = new QTableWidget(0, 4, this);
-    m_table->setObjectName(QStringLiteral("kuvNotifierTable"));
-    m_table->setEditTriggers(QAbstractItemView::NoEditTriggers);
-    m_table->verticalHeader()->setVisible(false);
-    // The alert text gets the room; time, title and delivery are sized to what they hold.
-    m_table->horizontalHeader()->setStretchLastSection(false);
-    m_table->horizontalHeader()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
-    m_table->horizontalHeader()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
-    m_table->horizontalHeader()->setSectionResizeMode(2, QHeaderView::Stretch);
-    m_table->horizontalHeader()->setSectionResizeMode(3, QHeaderView::ResizeToContents);
-    layout->addWidget(m_table, 1);
-    auto* bottom = new QHBoxLayout();
-    m_count = new QLabel(this);
-    m_test = new QPushButton(this);
-    m_test->setObjectName(QStringLiteral("kuvNotifierTest"));
-    bottom->addWidget(m_count, 1);
-    bottom->addWidget(m_test);
-    layout->addLayout(bottom);
-    connect(m_test, &QPushButton::clicked, this, [this]() {
-        raiseAlert(Alert{tr("Test notification"), tr("Desktop notifications from kuvgui work.")});
-    });
-    retranslate();
+    m_bus = bus;
+    emit busChanged();
 }
 
-NotifierPage::~NotifierPage() = default;
-
-void NotifierPage::setBus(kuvsdk::PluginEndpoint::State state, const QString& guid, int error)
-{
-    m_state = state;
-    m_guid = guid;
-    m_error = error;
-    retranslate();
-}
-
-int NotifierPage::addRow(const Alert& alert)
+void AlertLog::raiseAlert(const Alert& alert)
 {
     const int serial = m_nextSerial++;
     ++m_total;
-    m_table->insertRow(0);
-    const QStringList cells{QLocale().toString(QDateTime::currentDateTime(), QStringLiteral("yyyy-MM-dd HH:mm:ss")),
-                            alert.title, alert.body, deliveryText(DELIVERY_PENDING, QString())};
-    for (int c = 0; c < cells.size(); ++c) {
-        auto* item = new QTableWidgetItem(cells[c]);
-        item->setToolTip(cells[c]);
-        item->setData(Qt::UserRole, serial);
-        item->setData(Qt::UserRole + 1, static_cast<int>(DELIVERY_PENDING));
-        m_table->setItem(0, c, item);
+    m_rows.push_front(AlertRow{serial, QLocale().toString(QDateTime::currentDateTime(), QStringLiteral("yyyy-MM-dd HH:mm:ss")),
+                               alert, DELIVERY_PENDING, QString()});
+    while (m_rows.size() > kMaxRows) {
+        m_rows.pop_back();
     }
-    while (m_table->rowCount() > kMaxRows) {
-        m_table->removeRow(m_table->rowCount() - 1);
-    }
-    m_count->setText(tr("%n alert(s) received", nullptr, m_total));
-    return serial;
-}
-
-void NotifierPage::setDelivery(int serial, Delivery delivery, const QString& detail)
-{
-    for (int r = 0; r < m_table->rowCount(); ++r) {
-        QTableWidgetItem* item = m_table->item(r, 3);
-        if (item != nullptr && item->data(Qt::UserRole).toInt() == serial) {
-            item->setData(Qt::UserRole + 1, static_cast<int>(delivery));
-            item->setData(Qt::UserRole + 2, detail);
-            item->setText(deliveryText(delivery, detail));
-            item->setToolTip(item->text());
-            return;
-        }
-    }
-}
-
-QString NotifierPage::deliveryText(Delivery delivery, const QString& rawDetail) const
-{
-    const QString detail = rawDetail == QLatin1String(kNoSessionBus) ? tr("no session bus") : rawDetail;
-    switch (delivery) {
-    case DELIVERY_PENDING:
-        return tr("Sending...");
-    case DELIVERY_DESKTOP:
-        return tr("Desktop notification");
-    case DELIVERY_TRAY:
-        return detail.isEmpty() ? tr("Tray message") : tr("Tray message (%1)").arg(detail);
-    case DELIVERY_PAGE_ONLY:
-        return detail.isEmpty() ? tr("Shown here only") : tr("Shown here only (%1)").arg(detail);
-    }
-    return QString();
-}
-
-void NotifierPage::raiseAlert(const Alert& alert)
-{
-    const int serial = addRow(alert);
-    const QString title = alert.title.isEmpty() ? tr("kuvgui alert") : alert.title;
+    emit rowAdded();
+    const QString title = alert.title.isEmpty() ? NotifierPage::tr("kuvgui alert") : alert.title;
 #ifdef KUV_HAVE_QTDBUS
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (bus.isConnected()) {
@@ -177,12 +94,12 @@ void NotifierPage::raiseAlert(const Alert& alert)
 #endif
 }
 
-void NotifierPage::fallBack(int serial, const Alert& alert, const QString& why)
+void AlertLog::fallBack(int serial, const Alert& alert, const QString& why)
 {
     if (QSystemTrayIcon::isSystemTrayAvailable() && QSystemTrayIcon::supportsMessages()) {
         if (!m_tray) {
-            m_tray = std::make_unique<QSystemTrayIcon>(windowIcon());
-            m_tray->setToolTip(tr("kuvgui alerts"));
+            m_tray = std::make_unique<QSystemTrayIcon>(QGuiApplication::windowIcon());
+            m_tray->setToolTip(NotifierPage::tr("kuvgui alerts"));
         }
         m_tray->show();
         m_tray->showMessage(alert.title, alert.body, QSystemTrayIcon::Warning, kShowMs);
@@ -190,6 +107,94 @@ void NotifierPage::fallBack(int serial, const Alert& alert, const QString& why)
         return;
     }
     setDelivery(serial, DELIVERY_PAGE_ONLY, why);
+}
+
+void AlertLog::setDelivery(int serial, Delivery delivery, const QString& detail)
+{
+    for (AlertRow& row : m_rows) {
+        if (row.serial == serial) {
+            row.delivery = delivery;
+            row.detail = detail;
+            emit deliveryChanged(serial);
+            return;
+        }
+    }
+}
+
+NotifierPage::NotifierPage(AlertLog* log, QWidget* parent) : kuvsdk::PluginPage(parent), m_log(log)
+{
+    setObjectName(QStringLiteral("kuvNotifierView"));
+    m_table = new QTableWidget(0, 4, this);
+    m_table->setObjectName(QStringLiteral("kuvNotifierTable"));
+    m_table->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    m_table->verticalHeader()->setVisible(false);
+    // The alert text gets the room; time, title and delivery are sized to what they hold.
+    m_table->horizontalHeader()->setStretchLastSection(false);
+    m_table->horizontalHeader()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
+    m_table->horizontalHeader()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
+    m_table->horizontalHeader()->setSectionResizeMode(2, QHeaderView::Stretch);
+    m_table->horizontalHeader()->setSectionResizeMode(3, QHeaderView::ResizeToContents);
+    m_layout->addWidget(m_table, 1);
+    auto* bottom = new QHBoxLayout();
+    m_count = new QLabel(this);
+    m_test = new QPushButton(this);
+    m_test->setObjectName(QStringLiteral("kuvNotifierTest"));
+    bottom->addWidget(m_count, 1);
+    bottom->addWidget(m_test);
+    m_layout->addLayout(bottom);
+    connect(m_test, &QPushButton::clicked, this, [this]() {
+        m_log->raiseAlert(Alert{tr("Test notification"), tr("Desktop notifications from kuvgui work.")});
+    });
+
+    const auto& rows = log->rows();
+    m_table->setRowCount(static_cast<int>(rows.size()));
+    for (size_t r = 0; r < rows.size(); ++r) {
+        showRow(static_cast<int>(r), rows[r]);
+    }
+    connect(log, &AlertLog::rowAdded, this, [this]() {
+        m_table->insertRow(0);
+        showRow(0, m_log->rows().front());
+        while (m_table->rowCount() > static_cast<int>(kMaxRows)) {
+            m_table->removeRow(m_table->rowCount() - 1);
+        }
+        m_count->setText(tr("%n alert(s) received", nullptr, m_log->total()));
+    });
+    connect(log, &AlertLog::deliveryChanged, this, [this](int serial) {
+        for (size_t r = 0; r < m_log->rows().size() && static_cast<int>(r) < m_table->rowCount(); ++r) {
+            if (m_log->rows()[r].serial == serial) {
+                showRow(static_cast<int>(r), m_log->rows()[r]);
+                return;
+            }
+        }
+    });
+    connect(log, &AlertLog::busChanged, this, &NotifierPage::retranslate);
+    retranslate();
+}
+
+void NotifierPage::showRow(int row, const AlertRow& alert)
+{
+    const QStringList cells{alert.time, alert.alert.title, alert.alert.body, deliveryText(alert.delivery, alert.detail)};
+    for (int c = 0; c < cells.size(); ++c) {
+        auto* item = new QTableWidgetItem(cells[c]);
+        item->setToolTip(cells[c]);
+        m_table->setItem(row, c, item);
+    }
+}
+
+QString NotifierPage::deliveryText(Delivery delivery, const QString& rawDetail) const
+{
+    const QString detail = rawDetail == QLatin1String(kNoSessionBus) ? tr("no session bus") : rawDetail;
+    switch (delivery) {
+    case DELIVERY_PENDING:
+        return tr("Sending...");
+    case DELIVERY_DESKTOP:
+        return tr("Desktop notification");
+    case DELIVERY_TRAY:
+        return detail.isEmpty() ? tr("Tray message") : tr("Tray message (%1)").arg(detail);
+    case DELIVERY_PAGE_ONLY:
+        return detail.isEmpty() ? tr("Shown here only") : tr("Shown here only (%1)").arg(detail);
+    }
+    return QString();
 }
 
 int NotifierPage::rowCount() const
@@ -201,56 +206,27 @@ void NotifierPage::retranslate()
 {
     setWindowTitle(tr("Alerts"));
     m_heading->setText(tr("Alerts"));
-    switch (m_state) {
-    case kuvsdk::PluginEndpoint::ON_BUS:
-        m_busState->setText(tr("Listening on the message bus as %1 for alert messages (type %2); each one "
-                               "raises a desktop notification.")
-                                .arg(m_guid)
-                                .arg(kAlertMessageType));
-        break;
-    case kuvsdk::PluginEndpoint::NAME_REFUSED:
-        m_busState->setText(tr("The bus refused the address %1 (error %2); no alerts can arrive.")
-                                .arg(m_guid)
-                                .arg(m_error));
-        break;
-    case kuvsdk::PluginEndpoint::NO_ENDPOINT:
-        m_busState->setText(tr("Not connected to the message bus; no alerts can arrive."));
-        break;
-    }
+    m_busLine->setText(kuvsdk::busLine(m_log->bus(),
+                                       tr("Listening on the message bus as %1 for alert messages (type %2); each one "
+                                          "raises a desktop notification."),
+                                       {QString::number(kAlertMessageType)},
+                                       tr("The bus refused the address %1 (error %2); no alerts can arrive."),
+                                       tr("Not connected to the message bus; no alerts can arrive.")));
     m_table->setHorizontalHeaderLabels({tr("Time"), tr("Title"), tr("Text"), tr("Delivered as")});
-    for (int r = 0; r < m_table->rowCount(); ++r) {
-        QTableWidgetItem* item = m_table->item(r, 3);
-        if (item != nullptr) {
-            item->setText(deliveryText(static_cast<Delivery>(item->data(Qt::UserRole + 1).toInt()),
-                                       item->data(Qt::UserRole + 2).toString()));
-        }
+    for (int r = 0; r < m_table->rowCount() && r < static_cast<int>(m_log->rows().size()); ++r) {
+        const AlertRow& row = m_log->rows()[static_cast<size_t>(r)];
+        m_table->item(r, 3)->setText(deliveryText(row.delivery, row.detail));
     }
-    m_count->setText(tr("%n alert(s) received", nullptr, m_total));
+    m_count->setText(tr("%n alert(s) received", nullptr, m_log->total()));
     m_test->setText(tr("Send a test notification"));
-}
-
-void NotifierPage::changeEvent(QEvent* event)
-{
-    if (event->type() == QEvent::LanguageChange) {
-        retranslate();
-    }
-    QWidget::changeEvent(event);
-}
-
-NotifierPlugin::~NotifierPlugin()
-{
-    uninit();
 }
 
 int NotifierPlugin::init(const QVariant& paras)
 {
-    return m_plugin.open(paras, kNotifierGuid, kAlertMessageType,
-                         [](NotifierPage* page, const kuvsdk::BusMessage& m) { page->raiseAlert(parseAlert(m.body)); }, "notifier");
-}
-
-void NotifierPlugin::uninit()
-{
-    m_plugin.close();
+    return m_plugin.open(
+        paras, kNotifierGuid, kAlertMessageType,
+        [](AlertLog* log, const kuvsdk::BusMessage& m) { log->raiseAlert(parseAlert(m.body)); }, "notifier",
+        "kuvNotifierPage", [] { return NotifierPage::tr("Alerts"); });
 }
 
 QString NotifierPlugin::title() const

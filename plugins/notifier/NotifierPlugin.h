@@ -1,16 +1,15 @@
 // Notifier plugin: raises a desktop notification for each alert message (type 3002).
 #pragma once
 
+#include <deque>
 #include <memory>
 
 #include <QObject>
-#include <QPointer>
-#include <QWidget>
+#include <QString>
 
 #include "IKuvGuiPlugin.h"
 #include "KuvPluginSupport.h"
 
-class QLabel;
 class QPushButton;
 class QSystemTrayIcon;
 class QTableWidget;
@@ -27,53 +26,71 @@ struct Alert {
 };
 Alert parseAlert(const QByteArray& message);
 
-class NotifierPage : public QWidget {
+enum Delivery { DELIVERY_PENDING, DELIVERY_DESKTOP, DELIVERY_TRAY, DELIVERY_PAGE_ONLY };
+
+struct AlertRow {
+    int serial = 0;
+    QString time;
+    Alert alert;
+    Delivery delivery = DELIVERY_PENDING;
+    QString detail; // why it fell back, or kNoSessionBus
+};
+
+// Raises the alerts (desktop notification, else a tray message) and keeps them, newest first, without
+// widgets: the page is built from them when first shown.
+class AlertLog : public QObject {
     Q_OBJECT
 public:
-    explicit NotifierPage(QWidget* parent = nullptr);
-    ~NotifierPage() override;
-    void setBus(kuvsdk::PluginEndpoint::State state, const QString& guid, int error);
+    AlertLog();
+    ~AlertLog() override;
+    void setBus(const kuvsdk::BusInfo& bus);
     void raiseAlert(const Alert& alert);
-    int rowCount() const;
 
-protected:
-    void changeEvent(QEvent* event) override;
+    const kuvsdk::BusInfo& bus() const { return m_bus; }
+    const std::deque<AlertRow>& rows() const { return m_rows; }
+    int total() const { return m_total; }
+
+signals:
+    void rowAdded();
+    void deliveryChanged(int serial);
+    void busChanged();
 
 private:
-    enum Delivery { DELIVERY_PENDING, DELIVERY_DESKTOP, DELIVERY_TRAY, DELIVERY_PAGE_ONLY };
-    void retranslate();
-    int addRow(const Alert& alert);
     void setDelivery(int serial, Delivery delivery, const QString& detail = QString());
     // Tray balloon, or the page alone when the desktop has no tray.
     void fallBack(int serial, const Alert& alert, const QString& why);
-    QString deliveryText(Delivery delivery, const QString& detail) const;
 
-    QLabel* m_heading;
-    QLabel* m_busState;
-    QTableWidget* m_table;
-    QLabel* m_count;
-    QPushButton* m_test;
+    kuvsdk::BusInfo m_bus;
+    std::deque<AlertRow> m_rows;
     std::unique_ptr<QSystemTrayIcon> m_tray;
-    kuvsdk::PluginEndpoint::State m_state = kuvsdk::PluginEndpoint::NO_ENDPOINT;
-    QString m_guid;
-    int m_error = 0;
     int m_total = 0;
     int m_nextSerial = 1;
 };
 
-class NotifierPlugin : public QObject, public IKuvGuiPlugin {
+class NotifierPage : public kuvsdk::PluginPage {
+    Q_OBJECT
+public:
+    NotifierPage(AlertLog* log, QWidget* parent);
+    int rowCount() const;
+
+private:
+    void retranslate() override;
+    void showRow(int row, const AlertRow& alert);
+    QString deliveryText(Delivery delivery, const QString& detail) const;
+
+    AlertLog* m_log;
+    QTableWidget* m_table;
+    QLabel* m_count;
+    QPushButton* m_test;
+};
+
+class NotifierPlugin : public QObject, public kuvsdk::PageOnBusPlugin<AlertLog, NotifierPage> {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID KUV_GUI_PLUGIN_IID)
     Q_INTERFACES(IKuvGuiPlugin)
 public:
-    ~NotifierPlugin() override;
     int init(const QVariant& paras) override;
-    void uninit() override;
-    QWidget* page() override { return m_plugin.page(); }
     QString title() const override;
-
-private:
-    kuvsdk::PageOnBus<NotifierPage> m_plugin;
 };
 
 } // namespace kuvplugin

@@ -1,7 +1,8 @@
 #include "ProtectionStatusPlugin.h"
 
+#include <algorithm>
+
 #include <QDateTime>
-#include <QEvent>
 #include <QFormLayout>
 #include <QGroupBox>
 #include <QHeaderView>
@@ -10,7 +11,6 @@
 #include <QLabel>
 #include <QLocale>
 #include <QTableWidget>
-#include <QVBoxLayout>
 
 namespace kuvplugin {
 
@@ -38,20 +38,65 @@ bool parseStatus(const QByteArray& message, ModuleStatus& out)
     return !out.module.isEmpty();
 }
 
-ProtectionStatusPage::ProtectionStatusPage(QWidget* parent) : QWidget(parent)
+void ProtectionModel::setBus(const kuvsdk::BusInfo& bus)
 {
-    setObjectName(QStringLiteral("kuvProtectionStatusPage"));
-    auto* layout = new QVBoxLayout(this);
-    m_heading = new QLabel(this);
-    QFont big = m_heading->font();
-    big.setPointSizeF(big.pointSizeF() * 1.3);
-    big.setBold(true);
-    m_heading->setFont(big);
-    layout->addWidget(m_heading);
-    m_busState = new QLabel(this);
-    m_busState->setWordWrap(true);
-    layout->addWidget(m_busState);
+    m_bus = bus;
+    emit changed();
+}
 
+void ProtectionModel::followBackend(kuvsdk::PluginEndpoint* bus)
+{
+    m_subscription.setOnExit([this]() {
+        // Its last report stays, marked: the process behind it has ended.
+        m_backend.insert(QStringLiteral("state"), QStringLiteral("ended"));
+        m_backend.insert(QStringLiteral("jobs_running"), 0);
+        m_backend.insert(QStringLiteral("jobs_queued"), 0);
+        m_backendTime = QDateTime::currentDateTime();
+        emit changed();
+    });
+    m_subscription.start(this, bus);
+}
+
+void ProtectionModel::apply(const kuvsdk::BusMessage& message)
+{
+    if (message.type == kuvscan::KUV_SCAN_MSG_STATUS) {
+        const QJsonObject status = kuvsdk::scanBody(message);
+        if (status.isEmpty()) {
+            ++m_badMessages;
+        } else {
+            m_backend = status;
+            m_backendTime = message.received;
+            m_subscription.onStatus(static_cast<qint64>(status.value(QStringLiteral("pid")).toDouble()));
+        }
+        emit changed();
+    } else if (message.type == kStatusMessageType) {
+        applyModule(message);
+        emit changed();
+    }
+}
+
+void ProtectionModel::applyModule(const kuvsdk::BusMessage& message)
+{
+    ModuleStatus s;
+    if (!parseStatus(message.body, s)) {
+        ++m_badMessages;
+        return;
+    }
+    const auto known = std::find_if(m_modules.begin(), m_modules.end(),
+                                    [&s](const ModuleRow& m) { return m.status.module == s.module; });
+    if (known != m_modules.end()) {
+        *known = ModuleRow{s, message.received};
+    } else if (static_cast<int>(m_modules.size()) >= kMaxModules) {
+        ++m_badMessages;
+    } else {
+        m_modules.push_back(ModuleRow{s, message.received});
+    }
+}
+
+ProtectionStatusPage::ProtectionStatusPage(ProtectionModel* model, QWidget* parent)
+    : kuvsdk::PluginPage(parent), m_model(model)
+{
+    setObjectName(QStringLiteral("kuvProtectionStatusView"));
     m_backendBox = new QGroupBox(this);
     m_backendBox->setObjectName(QStringLiteral("kuvProtectionBackend"));
     auto* form = new QFormLayout(m_backendBox);
@@ -75,103 +120,55 @@ ProtectionStatusPage::ProtectionStatusPage(QWidget* parent) : QWidget(parent)
     m_databaseWarning->setStyleSheet(QStringLiteral(
         "QLabel { background: #fff4d6; border: 1px solid #d9a400; border-radius: 4px; padding: 6px; }"));
     form->addRow(m_databaseWarning);
-    layout->addWidget(m_backendBox);
+    m_layout->addWidget(m_backendBox);
 
     m_modulesHeading = new QLabel(this);
     QFont bold = m_modulesHeading->font();
     bold.setBold(true);
     m_modulesHeading->setFont(bold);
-    layout->addWidget(m_modulesHeading);
+    m_layout->addWidget(m_modulesHeading);
     m_summary = new QLabel(this);
     m_summary->setObjectName(QStringLiteral("kuvProtectionSummary"));
-    layout->addWidget(m_summary);
+    m_layout->addWidget(m_summary);
     m_table = new QTableWidget(0, 4, this);
     m_table->setObjectName(QStringLiteral("kuvProtectionTable"));
     m_table->setEditTriggers(QAbstractItemView::NoEditTriggers);
     m_table->verticalHeader()->setVisible(false);
     m_table->horizontalHeader()->setStretchLastSection(true);
-    layout->addWidget(m_table, 1);
+    m_layout->addWidget(m_table, 1);
     m_unreadable = new QLabel(this);
-    layout->addWidget(m_unreadable);
-    retranslate();
-}
-
-void ProtectionStatusPage::setBus(kuvsdk::PluginEndpoint::State state, const QString& guid, int error)
-{
-    m_state = state;
-    m_guid = guid;
-    m_error = error;
-    retranslate();
-}
-
-void ProtectionStatusPage::followBackend(kuvsdk::PluginEndpoint* bus)
-{
-    m_subscription.setOnExit([this]() {
-        // Its last report stays, marked: the process behind it has ended.
-        m_backend.insert(QStringLiteral("state"), QStringLiteral("ended"));
-        m_backend.insert(QStringLiteral("jobs_running"), 0);
-        m_backend.insert(QStringLiteral("jobs_queued"), 0);
-        m_backendTime = QDateTime::currentDateTime();
-        showBackend();
-    });
-    m_subscription.start(this, bus);
-}
-
-void ProtectionStatusPage::apply(const kuvsdk::BusMessage& message)
-{
-    if (message.type == kuvscan::KUV_SCAN_MSG_STATUS) {
-        const QJsonObject status = kuvsdk::scanBody(message);
-        if (status.isEmpty()) {
-            ++m_badMessages;
-            retranslate();
-            return;
-        }
-        m_backend = status;
-        m_backendTime = message.received;
-        m_subscription.onStatus(static_cast<qint64>(status.value(QStringLiteral("pid")).toDouble()));
-        showBackend();
-        return;
-    }
-    if (message.type != kStatusMessageType) {
-        return;
-    }
-    ModuleStatus s;
-    if (!parseStatus(message.body, s)) {
-        ++m_badMessages;
-        retranslate();
-        return;
-    }
-    int row = -1;
-    for (int r = 0; r < m_table->rowCount(); ++r) {
-        if (m_table->item(r, 0)->data(Qt::UserRole).toString() == s.module) {
-            row = r;
-            break;
-        }
-    }
-    if (row < 0) {
-        if (m_table->rowCount() >= kMaxModules) {
-            ++m_badMessages;
-            retranslate();
-            return;
-        }
-        row = m_table->rowCount();
-        m_table->insertRow(row);
-        for (int c = 0; c < 4; ++c) {
-            m_table->setItem(row, c, new QTableWidgetItem());
-        }
-        m_table->item(row, 0)->setData(Qt::UserRole, s.module);
-        m_table->item(row, 0)->setText(s.module);
-    }
-    m_table->item(row, 1)->setData(Qt::UserRole, s.state);
-    m_table->item(row, 2)->setText(s.detail);
-    m_table->item(row, 3)->setText(
-        QLocale().toString(message.received, QStringLiteral("yyyy-MM-dd HH:mm:ss")));
+    m_layout->addWidget(m_unreadable);
+    connect(model, &ProtectionModel::changed, this, &ProtectionStatusPage::retranslate);
     retranslate();
 }
 
 int ProtectionStatusPage::moduleCount() const
 {
     return m_table->rowCount();
+}
+
+void ProtectionStatusPage::showModules()
+{
+    const std::vector<ModuleRow>& modules = m_model->modules();
+    m_table->setRowCount(static_cast<int>(modules.size()));
+    for (size_t i = 0; i < modules.size(); ++i) {
+        const int r = static_cast<int>(i);
+        const ModuleStatus& s = modules[i].status;
+        const QStringList cells{s.module, stateText(s.state), s.detail,
+                                QLocale().toString(modules[i].updated, QStringLiteral("yyyy-MM-dd HH:mm:ss"))};
+        for (int c = 0; c < cells.size(); ++c) {
+            QTableWidgetItem* item = m_table->item(r, c);
+            if (item == nullptr) {
+                item = new QTableWidgetItem();
+                m_table->setItem(r, c, item);
+            }
+            item->setText(cells[c]);
+        }
+        m_table->item(r, 1)->setForeground(s.state == QLatin1String("on") ? QColor(0x1b, 0x7f, 0x3b)
+                                                                           : QColor(0xb0, 0x20, 0x20));
+    }
+    m_table->resizeColumnToContents(0);
+    m_table->resizeColumnToContents(1);
 }
 
 QString ProtectionStatusPage::stateText(const QString& state) const
@@ -196,7 +193,7 @@ void ProtectionStatusPage::showBackend()
     m_signaturesCaption->setText(tr("Signatures:"));
     m_databaseCaption->setText(tr("Signature database:"));
     m_lastScanCaption->setText(tr("Last scan:"));
-    const QJsonObject& b = m_backend;
+    const QJsonObject& b = m_model->backend();
     if (b.isEmpty()) {
         m_backendState->setText(tr("No report from the scan back end (kuv-scand) yet. It may not be running."));
         for (QLabel* l : {m_engine, m_signatures, m_database, m_lastScan}) {
@@ -230,7 +227,7 @@ void ProtectionStatusPage::showBackend()
     if (running + queued > 0) {
         stateShown += QStringLiteral(", ") + tr("%n scan(s) running or waiting", nullptr, static_cast<int>(running + queued));
     }
-    stateShown += QStringLiteral(" - ") + tr("reported %1").arg(QLocale().toString(m_backendTime, QStringLiteral("HH:mm:ss")));
+    stateShown += QStringLiteral(" - ") + tr("reported %1").arg(QLocale().toString(m_model->backendTime(), QStringLiteral("HH:mm:ss")));
     m_backendState->setText(stateShown);
     m_backendState->setStyleSheet(state == QLatin1String("error") || state == QLatin1String("stopping") ||
                                           state == QLatin1String("ended")
@@ -288,77 +285,40 @@ void ProtectionStatusPage::retranslate()
     m_heading->setText(tr("Protection status"));
     showBackend();
     m_modulesHeading->setText(tr("Protection modules"));
-    switch (m_state) {
-    case kuvsdk::PluginEndpoint::ON_BUS:
-        m_busState->setText(tr("Listening on the message bus as %1 for status reports (types %2 and %3).")
-                                .arg(m_guid)
-                                .arg(kStatusMessageType)
-                                .arg(static_cast<int>(kuvscan::KUV_SCAN_MSG_STATUS)));
-        break;
-    case kuvsdk::PluginEndpoint::NAME_REFUSED:
-        m_busState->setText(
-            tr("The bus refused the address %1 (error %2); no status can arrive.").arg(m_guid).arg(m_error));
-        break;
-    case kuvsdk::PluginEndpoint::NO_ENDPOINT:
-        m_busState->setText(tr("Not connected to the message bus; no status can arrive."));
-        break;
-    }
+    m_busLine->setText(kuvsdk::busLine(
+        m_model->bus(), tr("Listening on the message bus as %1 for status reports (types %2 and %3)."),
+        {QString::number(kStatusMessageType), QString::number(static_cast<int>(kuvscan::KUV_SCAN_MSG_STATUS))},
+        tr("The bus refused the address %1 (error %2); no status can arrive."),
+        tr("Not connected to the message bus; no status can arrive.")));
     m_table->setHorizontalHeaderLabels({tr("Module"), tr("State"), tr("Detail"), tr("Updated")});
-    int on = 0;
-    int problems = 0;
-    for (int r = 0; r < m_table->rowCount(); ++r) {
-        QTableWidgetItem* item = m_table->item(r, 1);
-        const QString state = item->data(Qt::UserRole).toString();
-        item->setText(stateText(state));
-        if (state == QLatin1String("on")) {
-            ++on;
-            item->setForeground(QColor(0x1b, 0x7f, 0x3b));
-        } else {
-            ++problems;
-            item->setForeground(QColor(0xb0, 0x20, 0x20));
-        }
-    }
-    m_table->resizeColumnToContents(0);
-    m_table->resizeColumnToContents(1);
-    if (m_table->rowCount() == 0) {
+    showModules();
+    const auto& modules = m_model->modules();
+    const int on = static_cast<int>(std::count_if(modules.begin(), modules.end(), [](const ModuleRow& m) {
+        return m.status.state == QLatin1String("on");
+    }));
+    const int problems = static_cast<int>(modules.size()) - on;
+    if (modules.empty()) {
         m_summary->setText(tr("No status reported yet."));
     } else if (problems == 0) {
         m_summary->setText(tr("All %n module(s) protected.", nullptr, on));
     } else {
         m_summary->setText(tr("%n module(s) need attention.", nullptr, problems));
     }
-    m_unreadable->setText(m_badMessages == 0 ? QString()
-                                             : tr("%n unreadable status message(s) ignored.", nullptr, m_badMessages));
-}
-
-void ProtectionStatusPage::changeEvent(QEvent* event)
-{
-    if (event->type() == QEvent::LanguageChange) {
-        retranslate();
-    }
-    QWidget::changeEvent(event);
-}
-
-ProtectionStatusPlugin::~ProtectionStatusPlugin()
-{
-    uninit();
+    const int bad = m_model->badMessages();
+    m_unreadable->setText(bad == 0 ? QString() : tr("%n unreadable status message(s) ignored.", nullptr, bad));
 }
 
 int ProtectionStatusPlugin::init(const QVariant& paras)
 {
-    const int rc = m_plugin.open(paras, kProtectionStatusGuid, kStatusMessageType,
-                                 [](ProtectionStatusPage* page, const kuvsdk::BusMessage& m) { page->apply(m); },
-                                 "protectionstatus");
+    const int rc = m_plugin.open(
+        paras, kProtectionStatusGuid, kStatusMessageType,
+        [](ProtectionModel* model, const kuvsdk::BusMessage& m) { model->apply(m); }, "protectionstatus",
+        "kuvProtectionStatusPage", [] { return ProtectionStatusPage::tr("Protection status"); });
     if (m_plugin.bus().state() == kuvsdk::PluginEndpoint::ON_BUS) {
         m_plugin.alsoListen(kuvscan::KUV_SCAN_MSG_STATUS);
-        m_plugin.page()->followBackend(&m_plugin.bus());
+        m_plugin.model()->followBackend(&m_plugin.bus());
     }
     return rc;
-}
-
-void ProtectionStatusPlugin::uninit()
-{
-    m_plugin.close();
 }
 
 QString ProtectionStatusPlugin::title() const

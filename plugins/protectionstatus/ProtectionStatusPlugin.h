@@ -2,14 +2,11 @@
 // one row per protection module, updated by status messages (type 3003).
 #pragma once
 
-#include <memory>
+#include <vector>
 
-#include <QObject>
 #include <QDateTime>
-#include <QPointer>
-#include <QWidget>
-
 #include <QJsonObject>
+#include <QObject>
 
 #include "IKuvGuiPlugin.h"
 #include "KuvPluginSupport.h"
@@ -34,27 +31,55 @@ struct ModuleStatus {
 };
 bool parseStatus(const QByteArray& message, ModuleStatus& out);
 
-class ProtectionStatusPage : public QWidget {
+// One protection module as last reported.
+struct ModuleRow {
+    ModuleStatus status;
+    QDateTime updated;
+};
+
+// What the plugin knows, kept without widgets: the back end's last report, the modules in the order
+// they first reported, and how many messages could not be read. changed() after every change.
+class ProtectionModel : public QObject {
     Q_OBJECT
 public:
-    explicit ProtectionStatusPage(QWidget* parent = nullptr);
-    void setBus(kuvsdk::PluginEndpoint::State state, const QString& guid, int error);
+    void setBus(const kuvsdk::BusInfo& bus);
     // Follows the back end through the plugin's endpoint (status reports, also after a later start).
     void followBackend(kuvsdk::PluginEndpoint* bus);
     void apply(const kuvsdk::BusMessage& message);
-    int moduleCount() const;
-    bool hasBackendStatus() const { return !m_backend.isEmpty(); }
 
-protected:
-    void changeEvent(QEvent* event) override;
+    const kuvsdk::BusInfo& bus() const { return m_bus; }
+    const QJsonObject& backend() const { return m_backend; }
+    const QDateTime& backendTime() const { return m_backendTime; }
+    const std::vector<ModuleRow>& modules() const { return m_modules; }
+    int badMessages() const { return m_badMessages; }
+
+signals:
+    void changed();
 
 private:
-    void retranslate();
+    void applyModule(const kuvsdk::BusMessage& message);
+
+    kuvsdk::BusInfo m_bus;
+    QJsonObject m_backend;
+    QDateTime m_backendTime;
+    std::vector<ModuleRow> m_modules;
+    int m_badMessages = 0;
+    kuvsdk::ScanSubscription m_subscription;
+};
+
+class ProtectionStatusPage : public kuvsdk::PluginPage {
+    Q_OBJECT
+public:
+    ProtectionStatusPage(ProtectionModel* model, QWidget* parent);
+    int moduleCount() const;
+
+private:
+    void retranslate() override;
     void showBackend();
+    void showModules();
     QString stateText(const QString& state) const;
 
-    QLabel* m_heading;
-    QLabel* m_busState;
+    ProtectionModel* m_model;
     QLabel* m_summary;
     QGroupBox* m_backendBox;
     QLabel* m_backendStateCaption;
@@ -69,30 +94,17 @@ private:
     QLabel* m_lastScan;
     QLabel* m_databaseWarning;
     QLabel* m_modulesHeading;
-    QJsonObject m_backend;
-    QDateTime m_backendTime;
-    kuvsdk::ScanSubscription m_subscription;
     QTableWidget* m_table;
     QLabel* m_unreadable;
-    kuvsdk::PluginEndpoint::State m_state = kuvsdk::PluginEndpoint::NO_ENDPOINT;
-    QString m_guid;
-    int m_error = 0;
-    int m_badMessages = 0;
 };
 
-class ProtectionStatusPlugin : public QObject, public IKuvGuiPlugin {
+class ProtectionStatusPlugin : public QObject, public kuvsdk::PageOnBusPlugin<ProtectionModel, ProtectionStatusPage> {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID KUV_GUI_PLUGIN_IID)
     Q_INTERFACES(IKuvGuiPlugin)
 public:
-    ~ProtectionStatusPlugin() override;
     int init(const QVariant& paras) override;
-    void uninit() override;
-    QWidget* page() override { return m_plugin.page(); }
     QString title() const override;
-
-private:
-    kuvsdk::PageOnBus<ProtectionStatusPage> m_plugin;
 };
 
 } // namespace kuvplugin

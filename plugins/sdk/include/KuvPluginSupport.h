@@ -1,24 +1,32 @@
-// Helpers for kuvgui GUI plugins: the plugin's bus endpoint and receivers that hand bus messages to
-// the GUI thread. Header-only; needs Qt 5 Core and the SDK headers beside it.
+// Helpers for kuvgui GUI plugins: the plugin's bus endpoint, receivers that hand bus messages to the GUI
+// thread, and pages built when first shown. Header-only; needs Qt 5 Widgets and the SDK headers beside it.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <utility>
 #include <vector>
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QEvent>
+#include <QFont>
+#include <QLabel>
 #include <QMetaObject>
 #include <QPointer>
 #include <QObject>
 #include <QRegularExpression>
+#include <QShowEvent>
 #include <QString>
 #include <QVariant>
+#include <QVBoxLayout>
+#include <QWidget>
 
 #include "Guid.h"
+#include "IKuvGuiPlugin.h"
 #include "IZellClientMgr.h"
 #include "PluginInitParas.h"
 
@@ -221,41 +229,170 @@ private:
     std::vector<int64_t> m_types;
 };
 
-// The usual shape of a GUI plugin: one page, the plugin's own endpoint, and one message type whose
-// messages are handed to the page on its thread. Page needs a default constructor and
-// setBus(PluginEndpoint::State, const QString& guid, int error).
-template <typename Page>
+// What a plugin knows about its endpoint, for its page to show.
+struct BusInfo {
+    PluginEndpoint::State state = PluginEndpoint::NO_ENDPOINT;
+    QString guid;
+    int error = 0;
+};
+
+// The page's line about its endpoint. onBus has the GUID as %1 and then extra as %2, %3...; refused has
+// the GUID as %1 and the error as %2.
+inline QString busLine(const BusInfo& bus, const QString& onBus, std::initializer_list<QString> extra,
+                       const QString& refused, const QString& none)
+{
+    switch (bus.state) {
+    case PluginEndpoint::ON_BUS: {
+        QString text = onBus.arg(bus.guid);
+        for (const QString& e : extra) {
+            text = text.arg(e);
+        }
+        return text;
+    }
+    case PluginEndpoint::NAME_REFUSED:
+        return refused.arg(bus.guid).arg(bus.error);
+    case PluginEndpoint::NO_ENDPOINT:
+        break;
+    }
+    return none;
+}
+
+// Where a plugin's page goes in the shell: an empty widget that builds the page inside itself the first
+// time it is shown, so that fonts, item views and their memory cost nothing until someone looks. Its
+// window title, which names it in the shell's navigation, comes from title and follows the language.
+class LazyPage final : public QWidget {
+public:
+    using Build = std::function<QWidget*(QWidget* parent)>;
+    using Title = std::function<QString()>;
+
+    LazyPage(const QString& name, Build build, Title title) : m_build(std::move(build)), m_title(std::move(title))
+    {
+        setObjectName(name);
+        setWindowTitle(m_title());
+    }
+
+    // The page, or null before it was first shown.
+    QWidget* content() const { return m_content; }
+
+    // Builds the page unless it was built already; returns it.
+    QWidget* ensureBuilt()
+    {
+        if (m_content == nullptr && m_build) {
+            auto* layout = new QVBoxLayout(this);
+            layout->setContentsMargins(0, 0, 0, 0);
+            m_content = m_build(this);
+            layout->addWidget(m_content);
+            m_build = nullptr;
+        }
+        return m_content;
+    }
+
+protected:
+    void showEvent(QShowEvent* event) override
+    {
+        if (m_content == nullptr && ensureBuilt() != nullptr) {
+            // Children made while the parent is being shown are not shown with it.
+            m_content->show();
+        }
+        QWidget::showEvent(event);
+    }
+
+    void changeEvent(QEvent* event) override
+    {
+        if (event->type() == QEvent::LanguageChange) {
+            setWindowTitle(m_title());
+        }
+        QWidget::changeEvent(event);
+    }
+
+private:
+    Build m_build;
+    const Title m_title;
+    QWidget* m_content = nullptr;
+};
+
+// A page's heading: a label in a larger bold font.
+inline QLabel* headingLabel(QWidget* parent)
+{
+    auto* label = new QLabel(parent);
+    QFont big = label->font();
+    big.setPointSizeF(big.pointSizeF() * 1.3);
+    big.setBold(true);
+    label->setFont(big);
+    return label;
+}
+
+// Base of a plugin's page: a large heading, the line about the endpoint, and retranslate() on every
+// language change (and once the derived page has called it from its constructor).
+class PluginPage : public QWidget {
+public:
+    explicit PluginPage(QWidget* parent) : QWidget(parent), m_layout(new QVBoxLayout(this))
+    {
+        m_heading = headingLabel(this);
+        m_layout->addWidget(m_heading);
+        m_busLine = new QLabel(this);
+        m_busLine->setWordWrap(true);
+        m_layout->addWidget(m_busLine);
+    }
+
+protected:
+    virtual void retranslate() = 0;
+
+    void changeEvent(QEvent* event) override
+    {
+        if (event->type() == QEvent::LanguageChange) {
+            retranslate();
+        }
+        QWidget::changeEvent(event);
+    }
+
+    QVBoxLayout* m_layout;
+    QLabel* m_heading;
+    QLabel* m_busLine;
+};
+
+// The usual shape of a GUI plugin: its state (Model, a QObject without widgets) on the plugin's own
+// endpoint, messages of one type handed to the model on its thread, and its page (Page) built from the
+// model the first time the shell shows it. Model needs a default constructor and setBus(const BusInfo&);
+// Page needs a constructor Page(Model*, QWidget* parent) and follows the model from then on.
+template <typename Model, typename Page>
 class PageOnBus {
 public:
-    using Handler = std::function<void(Page*, const BusMessage&)>;
+    using Handler = std::function<void(Model*, const BusMessage&)>;
 
     PageOnBus() = default;
     PageOnBus(const PageOnBus&) = delete;
     PageOnBus& operator=(const PageOnBus&) = delete;
     ~PageOnBus() { close(); }
 
-    // Builds the page and joins the bus; a refused or missing endpoint leaves the page working off the bus
-    // (it is told which). name only labels the warning when the type cannot be registered. Returns 0.
-    int open(const QVariant& paras, const char* fallbackGuid, int64_t type, Handler onMessage, const char* name)
+    // Makes the model and joins the bus; a refused or missing endpoint leaves the plugin working off the
+    // bus (the model is told which). name only labels the warning when the type cannot be registered;
+    // pageName and title name the page before it exists. Returns 0.
+    int open(const QVariant& paras, const char* fallbackGuid, int64_t type, Handler onMessage, const char* name,
+             const char* pageName, LazyPage::Title title)
     {
         close();
-        Page* page = new Page();
-        m_page = page;
+        m_model = std::make_unique<Model>();
+        Model* model = m_model.get();
         m_receiver = std::make_unique<GuiThreadReceiver>(
-            page, [page, onMessage](const BusMessage& m) { onMessage(page, m); });
+            model, [model, onMessage](const BusMessage& m) { onMessage(model, m); });
         const int rc = m_bus.open(paras, QString::fromLatin1(fallbackGuid));
         if (m_bus.state() == PluginEndpoint::ON_BUS && m_bus.listen(type, m_receiver.get()) != 0) {
             qWarning("%s: cannot register for message type %lld", name, static_cast<long long>(type));
         }
-        page->setBus(m_bus.state(), m_bus.guidText(), rc);
+        model->setBus(BusInfo{m_bus.state(), m_bus.guidText(), rc});
+        m_page = new LazyPage(
+            QString::fromLatin1(pageName), [model](QWidget* parent) { return new Page(model, parent); },
+            std::move(title));
         return 0;
     }
 
-    // Leaves the bus first: after it no receiver runs, so the page can go.
+    // Leaves the bus first: after it no receiver runs, so the page and then the model can go.
     void close()
     {
         m_bus.close();
         delete m_page.data();
+        m_model.reset();
         m_receiver.reset();
     }
 
@@ -263,13 +400,30 @@ public:
     // 0 on success; -1 when not on the bus.
     int alsoListen(int64_t type) { return m_receiver ? m_bus.listen(type, m_receiver.get()) : -1; }
 
-    Page* page() const { return m_page; }
+    // The place in the shell (null before open); the page itself only once it was shown.
+    QWidget* page() const { return m_page; }
+    Page* builtPage() const { return m_page.isNull() ? nullptr : static_cast<Page*>(m_page->content()); }
+    Model* model() const { return m_model.get(); }
     PluginEndpoint& bus() { return m_bus; }
 
 private:
     PluginEndpoint m_bus;
     std::unique_ptr<GuiThreadReceiver> m_receiver;
-    QPointer<Page> m_page;
+    std::unique_ptr<Model> m_model;
+    QPointer<LazyPage> m_page;
+};
+
+// The plugin object around a PageOnBus: leaving the bus on uninit and on deletion, and the shell's page.
+// The plugin class adds Q_OBJECT, Q_PLUGIN_METADATA, Q_INTERFACES(IKuvGuiPlugin), init() and title().
+template <typename Model, typename Page>
+class PageOnBusPlugin : public IKuvGuiPlugin {
+public:
+    ~PageOnBusPlugin() override { m_plugin.close(); }
+    void uninit() override { m_plugin.close(); }
+    QWidget* page() override { return m_plugin.page(); }
+
+protected:
+    PageOnBus<Model, Page> m_plugin;
 };
 
 } // namespace kuvsdk

@@ -42,10 +42,10 @@ inline std::string scanRuntimeDir()
 }
 
 // Puts guid on the list of endpoints the back end sends its status to when it starts
-// (kuvscan::kSubscribersFile). false when the list cannot be written.
-inline bool addScanSubscriber(const QString& guid)
+// (kuvscan::kSubscribersFile in dir, a runtime directory with a final "/"). false when the list cannot
+// be written.
+inline bool addScanSubscriberIn(const std::string& dir, const QString& guid)
 {
-    const std::string dir = scanRuntimeDir();
     if (dir.empty() || !isGuidText(guid)) {
         return false;
     }
@@ -73,8 +73,57 @@ inline bool addScanSubscriber(const QString& guid)
     return ok;
 }
 
-// A path of a back-end message for display: the string, or the bytes of {"b64": ...} with every byte
-// that is not UTF-8 written \xHH; control characters escaped either way.
+// The same in this user's runtime directory.
+inline bool addScanSubscriber(const QString& guid)
+{
+    return addScanSubscriberIn(scanRuntimeDir(), guid);
+}
+
+// Bytes (a file name, a message of the back end) for display: UTF-8 as is; control characters as \n,
+// \t, \r, \xHH; C1 controls and line separators as \uHHHH; bytes that are not UTF-8 as \xHH. At most
+// maxChars characters when maxChars >= 0.
+inline QString displayBytes(const QByteArray& bytes, int maxChars = -1)
+{
+    QString out;
+    int i = 0;
+    while (i < bytes.size() && (maxChars < 0 || out.size() < maxChars)) {
+        const auto c = static_cast<unsigned char>(bytes[i]);
+        if (c < 0x80) {
+            if (c == '\n') {
+                out += QLatin1String("\\n");
+            } else if (c == '\t') {
+                out += QLatin1String("\\t");
+            } else if (c == '\r') {
+                out += QLatin1String("\\r");
+            } else if (c < 0x20 || c == 0x7F) {
+                out += QString::asprintf("\\x%02X", c);
+            } else {
+                out += QLatin1Char(static_cast<char>(c));
+            }
+            ++i;
+            continue;
+        }
+        // The UTF-8 sequence starting here when it is a valid one, else the byte alone.
+        const int len = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 1;
+        const QByteArray seq = bytes.mid(i, len);
+        const QString ch = len > 1 && seq.size() == len ? QString::fromUtf8(seq) : QString();
+        if (!ch.isEmpty() && !ch.contains(QChar(0xFFFD)) && ch.toUtf8() == seq) {
+            const uint cp = ch.toUcs4().value(0);
+            if ((cp >= 0x80 && cp < 0xA0) || cp == 0x2028 || cp == 0x2029) {
+                out += QString::asprintf("\\u%04X", cp);
+            } else {
+                out += ch;
+            }
+            i += len;
+        } else {
+            out += QString::asprintf("\\x%02X", c);
+            ++i;
+        }
+    }
+    return out;
+}
+
+// A path of a back-end message for display: the string, or the bytes of {"b64": ...}, escaped either way.
 inline QString scanPathText(const QJsonValue& value, int maxChars = 4096)
 {
     if (value.isString()) {
@@ -83,29 +132,8 @@ inline QString scanPathText(const QJsonValue& value, int maxChars = 4096)
     if (!value.isObject() || !value.toObject().value(QStringLiteral("b64")).isString()) {
         return QString();
     }
-    const QByteArray bytes = QByteArray::fromBase64(value.toObject().value(QStringLiteral("b64")).toString().toLatin1());
-    QString out;
-    int i = 0;
-    while (i < bytes.size() && out.size() < maxChars) {
-        const auto c = static_cast<unsigned char>(bytes[i]);
-        int len = c < 0x80 ? 1 : c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
-        if (len > 1 && i + len <= bytes.size()) {
-            const QByteArray seq = bytes.mid(i, len);
-            const QString ch = QString::fromUtf8(seq);
-            if (ch.size() >= 1 && !ch.contains(QChar(0xFFFD)) && ch.toUtf8() == seq) {
-                out += printable(seq);
-                i += len;
-                continue;
-            }
-        } else if (len == 1) {
-            out += printable(bytes.mid(i, 1));
-            ++i;
-            continue;
-        }
-        out += QString::asprintf("\\x%02X", c);
-        ++i;
-    }
-    return out;
+    return displayBytes(QByteArray::fromBase64(value.toObject().value(QStringLiteral("b64")).toString().toLatin1()),
+                        maxChars);
 }
 
 // Subscribes an endpoint to the back end's status and events: lists it for the back end's start, asks

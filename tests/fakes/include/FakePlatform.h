@@ -9,7 +9,8 @@
 namespace fake {
 
 // One ordered journal of platform calls across all doubles ("tag.trylock", "log.set 2=/x/", ...).
-void record(const std::string& event);
+// Exported: the test modules a test loads report into it too.
+__attribute__((visibility("default"))) void record(const std::string& event);
 std::vector<std::string> events();
 // Events whose text starts with prefix, in order.
 std::vector<std::string> eventsWithPrefix(const std::string& prefix);

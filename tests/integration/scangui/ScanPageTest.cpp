@@ -115,6 +115,31 @@ protected:
         setenv("KUV_FAKE_SCAND_PIDFILE", m_pidfile.c_str(), 1);
     }
 
+    // The protection status plugin on its own endpoint of the bus, as the service would hand it, in a
+    // started shell. guidField: a "guid" member for its description, or empty.
+    void startStatusPlugin(kuv::BusModule& bus, IZellMREndPoint4*& endpoint, const std::string& guidField)
+    {
+        const std::string plugins = m_box.installDir + "etc/plugins-gui/plugins/";
+        std::ofstream(plugins + "protectionstatus.json")
+            << R"({"id": "protectionstatus", "library": ")" << (PROTECTIONSTATUS_SO + 1)
+            << R"(", "iid": "org.kuv.gui.IKuvGuiPlugin/1.0", "version": "1.0.0", )" << guidField
+            << R"("description": "status"})";
+        CQPluginManager* loader = CQPluginManager::singleInstance();
+        loader->setPluginRelativeRootPath(QStringLiteral("/"));
+        loader->setPluginConfigFilePath(QString::fromStdString(plugins));
+        ASSERT_EQ(1, loader->loadAllPluginInfo());
+        std::string error;
+        ASSERT_TRUE(bus.open("./kuv_zell", false, error, "scangui-test")) << error;
+        ASSERT_TRUE(bus.waitConnected(30000));
+        endpoint = bus.mgr()->createEndPoint();
+        sPluginInitParas paras;
+        paras.mapParas.insert(QStringLiteral("IZellMREndPoint4"), QVariant::fromValue<void*>(endpoint));
+        paras.mapParas.insert(QStringLiteral("CGlobalTag"), QVariant::fromValue<void*>(nullptr));
+        initShell();
+        loader->installPluginAsyn(QStringLiteral("protectionstatus"), QVariant::fromValue(paras));
+        ASSERT_TRUE(shelltest::spinUntil([loader] { return loader->loadedPlugins().size() == 1; }));
+    }
+
     void TearDown() override
     {
         m_scand.reset();
@@ -394,25 +419,23 @@ TEST_F(ScanPageTest, BackEndDyingWithoutAPidIsFoundOutByAskingTheBus)
 
 TEST_F(ScanPageTest, StatusPageFollowsABackEndThatStartsLaterAndNoticesItsEnd)
 {
-    const std::string plugins = m_box.installDir + "etc/plugins-gui/plugins/";
-    std::ofstream(plugins + "protectionstatus.json")
-        << R"({"id": "protectionstatus", "library": ")" << (PROTECTIONSTATUS_SO + 1)
-        << R"(", "iid": "org.kuv.gui.IKuvGuiPlugin/1.0", "version": "1.0.0", "description": "status"})";
-    CQPluginManager* loader = CQPluginManager::singleInstance();
-    loader->setPluginRelativeRootPath(QStringLiteral("/"));
-    loader->setPluginConfigFilePath(QString::fromStdString(plugins));
-    ASSERT_EQ(1, loader->loadAllPluginInfo());
     kuv::BusModule bus;
-    std::string error;
-    ASSERT_TRUE(bus.open("./kuv_zell", false, error, "scangui-test")) << error;
-    ASSERT_TRUE(bus.waitConnected(30000));
-    IZellMREndPoint4* endpoint = bus.mgr()->createEndPoint();
-    sPluginInitParas paras;
-    paras.mapParas.insert(QStringLiteral("IZellMREndPoint4"), QVariant::fromValue<void*>(endpoint));
-    paras.mapParas.insert(QStringLiteral("CGlobalTag"), QVariant::fromValue<void*>(nullptr));
-    initShell();
-    loader->installPluginAsyn(QStringLiteral("protectionstatus"), QVariant::fromValue(paras));
-    ASSERT_TRUE(shelltest::spinUntil([loader] { return loader->loadedPlugins().size() == 1; }));
+    IZellMREndPoint4* endpoint = nullptr;
+    ASSERT_NO_FATAL_FAILURE(startStatusPlugin(bus, endpoint, ""));
+    CQPluginManager* loader = CQPluginManager::singleInstance();
+    // The plugin's page is built the first time it is shown.
+    auto* nav = child<QListWidget>("kuvNavigation");
+    auto* stack = child<QStackedWidget>("kuvPages");
+    ASSERT_TRUE(nav != nullptr && stack != nullptr);
+    ASSERT_TRUE(shelltest::spinUntil([nav, stack] {
+        for (int row = 0; row < nav->count(); ++row) {
+            nav->setCurrentRow(row);
+            if (stack->currentWidget()->objectName() == QLatin1String("kuvProtectionStatusPage")) {
+                return child<QLabel>("kuvProtectionBackendState") != nullptr;
+            }
+        }
+        return false;
+    }));
     auto* state = child<QLabel>("kuvProtectionBackendState");
     ASSERT_NE(nullptr, state);
     // No back end yet: its asks go nowhere, and the page says it has heard nothing.
@@ -446,25 +469,10 @@ TEST_F(ScanPageTest, ScreenshotsDuringAScanAfterADetectionAndOfAnOldDatabase)
     startScand({"--steps", "2000", "--step-ms", "40", "--db-age-days", "30"});
 
     // The protection status plugin on its own endpoint of the same bus, as the service would hand it.
-    const std::string plugins = m_box.installDir + "etc/plugins-gui/plugins/";
-    std::ofstream(plugins + "protectionstatus.json")
-        << R"({"id": "protectionstatus", "library": ")" << (PROTECTIONSTATUS_SO + 1)
-        << R"(", "iid": "org.kuv.gui.IKuvGuiPlugin/1.0", "version": "1.0.0", "guid": "B2E85C17-94AD-4C3E-A1F0-6D7E8F9A0B63", "description": "status"})";
-    CQPluginManager* loader = CQPluginManager::singleInstance();
-    loader->setPluginRelativeRootPath(QStringLiteral("/"));
-    loader->setPluginConfigFilePath(QString::fromStdString(plugins));
-    ASSERT_EQ(1, loader->loadAllPluginInfo());
     kuv::BusModule bus;
-    std::string error;
-    ASSERT_TRUE(bus.open("./kuv_zell", false, error, "scangui-test")) << error;
-    ASSERT_TRUE(bus.waitConnected(30000));
-    IZellMREndPoint4* endpoint = bus.mgr()->createEndPoint();
-    sPluginInitParas paras;
-    paras.mapParas.insert(QStringLiteral("IZellMREndPoint4"), QVariant::fromValue<void*>(endpoint));
-    paras.mapParas.insert(QStringLiteral("CGlobalTag"), QVariant::fromValue<void*>(nullptr));
-    initShell();
-    loader->installPluginAsyn(QStringLiteral("protectionstatus"), QVariant::fromValue(paras));
-    ASSERT_TRUE(shelltest::spinUntil([loader] { return loader->loadedPlugins().size() == 1; }));
+    IZellMREndPoint4* endpoint = nullptr;
+    ASSERT_NO_FATAL_FAILURE(startStatusPlugin(bus, endpoint, R"("guid": "B2E85C17-94AD-4C3E-A1F0-6D7E8F9A0B63", )"));
+    CQPluginManager* loader = CQPluginManager::singleInstance();
 
     std::list<std::string> slow;
     slow.push_back(file("invoice.pdf.exe"));

@@ -9,7 +9,6 @@
 
 #include <QApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QLabel>
 #include <QTemporaryDir>
@@ -19,6 +18,7 @@
 #include "CQPluginManager.h"
 #include "FakeEndpoint.h"
 #include "PluginInitParas.h"
+#include "ShellTestSupport.h"
 
 namespace {
 
@@ -47,18 +47,7 @@ std::string quote(const std::string& s)
     return out + "'";
 }
 
-bool spinUntil(const std::function<bool()>& cond, int timeoutMs = 30000)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!cond()) {
-        if (t.elapsed() > timeoutMs) {
-            return false;
-        }
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    }
-    return true;
-}
+using shelltest::spinUntil;
 
 TEST(SdkOutOfTree, PluginBuiltAgainstTheInstalledSdkLoadsAndTalksToItsEndpoint)
 {

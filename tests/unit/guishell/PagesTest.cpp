@@ -25,6 +25,7 @@
 #include <QLabel>
 #include <QListWidget>
 #include <QPixmap>
+#include <QShowEvent>
 #include <QStackedWidget>
 #include <QTableWidget>
 
@@ -118,6 +119,7 @@ protected:
             << "sample plugins did not load";
     }
 
+    // The page a plugin gave the shell: a placeholder until it is first shown.
     QWidget* page(const char* name)
     {
         for (const auto& s : CQPluginManager::singleInstance()->pluginStatus()) {
@@ -126,6 +128,24 @@ protected:
             }
         }
         return nullptr;
+    }
+
+    // The page with its widgets, as the first show would build them (without showing a window).
+    QWidget* built(const char* name)
+    {
+        QWidget* host = page(name);
+        if (host != nullptr) {
+            QShowEvent shown;
+            QCoreApplication::sendEvent(host, &shown);
+        }
+        return host;
+    }
+
+    static int tablesAlive()
+    {
+        const QWidgetList all = QApplication::allWidgets();
+        return static_cast<int>(
+            std::count_if(all.begin(), all.end(), [](QWidget* w) { return qobject_cast<QTableWidget*>(w) != nullptr; }));
     }
 
     shelltest::Sandbox m_box;
@@ -163,7 +183,7 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
     // Event viewer: messages from a bus thread end up in the table, control characters escaped.
     ASSERT_TRUE(m_endpoints[0]->deliver(3001, "malware found in /home/u/a.exe"));
     ASSERT_TRUE(m_endpoints[0]->deliver(3001, std::string("line1\nline2\x01", 13)));
-    auto* events = page("kuvEventViewerPage")->findChild<QTableWidget*>("kuvEventViewerTable");
+    auto* events = built("kuvEventViewerPage")->findChild<QTableWidget*>("kuvEventViewerTable");
     ASSERT_TRUE(shelltest::spinUntil([events] { return events->rowCount() == 2; }));
     EXPECT_EQ("line1\\nline2\\x01", events->item(0, 3)->text().toStdString());
     EXPECT_EQ("3001", events->item(0, 1)->text().toStdString());
@@ -183,7 +203,7 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
 
     // Notifier: an alert is raised; without a desktop notification service it still shows on the page.
     ASSERT_TRUE(m_endpoints[1]->deliver(3002, R"({"title": "Threat blocked", "body": "a.exe was quarantined"})"));
-    auto* alerts = page("kuvNotifierPage")->findChild<QTableWidget*>("kuvNotifierTable");
+    auto* alerts = built("kuvNotifierPage")->findChild<QTableWidget*>("kuvNotifierTable");
     ASSERT_TRUE(shelltest::spinUntil([alerts] {
         return alerts->rowCount() == 1 && alerts->item(0, 3)->text() != QLatin1String("Sending...");
     }, 60000));
@@ -195,7 +215,7 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
     ASSERT_TRUE(m_endpoints[2]->deliver(3003, R"({"module": "firewall", "state": "off"})"));
     ASSERT_TRUE(m_endpoints[2]->deliver(3003, R"({"module": "realtime", "state": "error", "detail": "engine"})"));
     ASSERT_TRUE(m_endpoints[2]->deliver(3003, "not json"));
-    auto* modules = page("kuvProtectionStatusPage")->findChild<QTableWidget*>("kuvProtectionTable");
+    auto* modules = built("kuvProtectionStatusPage")->findChild<QTableWidget*>("kuvProtectionTable");
     ASSERT_TRUE(shelltest::spinUntil([modules] {
         return modules->rowCount() == 2 && modules->item(0, 1)->text() == QLatin1String("Error");
     }));
@@ -203,7 +223,7 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
     EXPECT_EQ("Turned off", modules->item(1, 1)->text().toStdString());
 
     // The back end's status: engine, signatures, database age with the hint when it is old or missing.
-    QWidget* status = page("kuvProtectionStatusPage");
+    QWidget* status = built("kuvProtectionStatusPage");
     auto* database = status->findChild<QLabel*>("kuvProtectionDatabase");
     auto* warning = status->findChild<QLabel*>("kuvProtectionDatabaseWarning");
     EXPECT_EQ("-", database->text().toStdString());
@@ -272,7 +292,7 @@ TEST_F(PagesTest, SamplePluginsNameTheirEndpointListenAndShowWhatArrives)
 TEST_F(PagesTest, SamplePluginsWorkWithoutABusAndWhenTheirAddressIsRefused)
 {
     loadAll(false);
-    auto* bus = page("kuvEventViewerPage")->findChild<QLabel*>("kuvEventViewerBus");
+    auto* bus = built("kuvEventViewerPage")->findChild<QLabel*>("kuvEventViewerBus");
     ASSERT_NE(nullptr, bus);
     EXPECT_NE(-1, bus->text().indexOf("Not connected to the message bus"));
     for (const auto& p : kPlugins) {
@@ -281,10 +301,58 @@ TEST_F(PagesTest, SamplePluginsWorkWithoutABusAndWhenTheirAddressIsRefused)
     ASSERT_TRUE(shelltest::spinUntil([] { return CQPluginManager::singleInstance()->pendingUnloads() == 0; }));
 
     loadAll(true, 7);
-    bus = page("kuvEventViewerPage")->findChild<QLabel*>("kuvEventViewerBus");
+    bus = built("kuvEventViewerPage")->findChild<QLabel*>("kuvEventViewerBus");
     EXPECT_NE(-1, bus->text().indexOf("refused the address 11111111-0000-0000-0000-000000003001 (error 7)"))
         << bus->text().toStdString();
     EXPECT_TRUE(m_endpoints[0]->registeredTypes().empty());
+}
+
+TEST_F(PagesTest, PluginPagesAreBuiltWhenFirstShownAndKeepWhatArrivedBefore)
+{
+    loadAll(true);
+    ASSERT_TRUE(m_endpoints[0]->deliver(3001, "before the page"));
+    ASSERT_TRUE(m_endpoints[1]->deliver(3002, R"({"title": "early", "body": "before the page"})"));
+    ASSERT_TRUE(m_endpoints[2]->deliver(3003, R"({"module": "realtime", "state": "on"})"));
+    QCoreApplication::processEvents();
+    const char* titles[] = {"Security events", "Alerts", "Protection status"};
+    for (size_t i = 0; i < 3; ++i) {
+        QWidget* host = page(kPlugins[i].pageName);
+        ASSERT_NE(nullptr, host) << kPlugins[i].id;
+        // Named for the navigation, but not one widget inside yet.
+        EXPECT_EQ(titles[i], host->windowTitle().toStdString());
+        EXPECT_TRUE(host->findChildren<QWidget*>().isEmpty()) << kPlugins[i].id;
+    }
+    EXPECT_EQ(0, tablesAlive());
+
+    // Shown once: built from what the plugin kept, and following the bus from then on.
+    QWidget* events = page("kuvEventViewerPage");
+    events->show();
+    auto* table = events->findChild<QTableWidget*>("kuvEventViewerTable");
+    ASSERT_NE(nullptr, table);
+    EXPECT_TRUE(table->isVisible());
+    ASSERT_EQ(1, table->rowCount());
+    EXPECT_EQ("before the page", table->item(0, 3)->text().toStdString());
+    ASSERT_TRUE(m_endpoints[0]->deliver(3001, "after the page"));
+    ASSERT_TRUE(shelltest::spinUntil([table] { return table->rowCount() == 2; }));
+    EXPECT_EQ("after the page", table->item(0, 3)->text().toStdString());
+    EXPECT_EQ(1, tablesAlive()) << "only the shown page was built";
+    events->hide();
+    events->show();
+    EXPECT_EQ(table, events->findChild<QTableWidget*>("kuvEventViewerTable")) << "built once";
+
+    page("kuvNotifierPage")->show();
+    auto* alerts = page("kuvNotifierPage")->findChild<QTableWidget*>("kuvNotifierTable");
+    ASSERT_NE(nullptr, alerts);
+    ASSERT_EQ(1, alerts->rowCount());
+    EXPECT_EQ("early", alerts->item(0, 1)->text().toStdString());
+    page("kuvProtectionStatusPage")->show();
+    auto* modules = page("kuvProtectionStatusPage")->findChild<QTableWidget*>("kuvProtectionTable");
+    ASSERT_NE(nullptr, modules);
+    ASSERT_EQ(1, modules->rowCount());
+    EXPECT_EQ("Protected", modules->item(0, 1)->text().toStdString());
+    for (const auto& p : kPlugins) {
+        page(p.pageName)->hide();
+    }
 }
 
 TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
@@ -307,7 +375,10 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
     std::ofstream(maps + "protection.json")
         << R"({"index": 2, "combo": "protection", "pluginList": [{"id": "notifier"}, {"id": "protectionstatus"}]})";
 
+    // Started by the session: the window waits for a request.
+    setenv("KUV_START_HIDDEN", "1", 1);
     ASSERT_EQ(0, KuvGuiInterface::init(g_argc, g_argv, sUninstallFunc{nullptr, nullptr}));
+    unsetenv("KUV_START_HIDDEN");
     loadAll(true);
     m_endpoints[0]->deliver(3001, R"({"event": "quarantine", "file": "/home/user/Downloads/invoice.pdf.exe"})");
     m_endpoints[0]->deliver(3001, "Real-time protection blocked /tmp/.x/miner");
@@ -325,6 +396,16 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
     m_endpoints[2]->deliver(3003, R"({"module": "firewall", "state": "off", "detail": "disabled by policy"})");
     std::ofstream(m_box.root + "/report.pdf") << "x";
     std::list<std::string> paths{m_box.root + "/report.pdf", m_box.root, "/nonexistent/file name.doc"};
+    // Everything has arrived, but until the window is shown neither it nor any plugin page is built.
+    QCoreApplication::processEvents();
+    const QWidgetList all = QApplication::allWidgets();
+    EXPECT_TRUE(std::none_of(all.begin(), all.end(), [](QWidget* w) {
+        return w->objectName() == QLatin1String("KuvMainWindow");
+    })) << "the main window was built before it was shown";
+    EXPECT_EQ(0, tablesAlive());
+    for (const auto& p : kPlugins) {
+        EXPECT_TRUE(page(p.pageName)->findChildren<QWidget*>().isEmpty()) << p.id;
+    }
     KuvGuiInterface::ctrl(GUI_CTR_CONTEXT_MENU_SCAN, &paths);
     KuvGuiInterface::ctrl(GUI_CTR_SHOW_MAIN, nullptr);
 
@@ -338,7 +419,7 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
     auto* language = w->findChild<QComboBox*>("kuvLanguage");
     ASSERT_TRUE(shelltest::spinUntil([nav] { return nav->count() == 8; }));
     ASSERT_TRUE(shelltest::spinUntil([this] {
-        auto* alerts = page("kuvNotifierPage")->findChild<QTableWidget*>("kuvNotifierTable");
+        auto* alerts = built("kuvNotifierPage")->findChild<QTableWidget*>("kuvNotifierTable");
         return alerts->rowCount() == 1 && alerts->item(0, 3)->text() != QLatin1String("Sending...");
     }, 60000));
 

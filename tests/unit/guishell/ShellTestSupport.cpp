@@ -117,19 +117,6 @@ bool waitOnGui(const std::function<bool()>& cond, int timeoutMs)
     return false;
 }
 
-bool spinUntil(const std::function<bool()>& cond, int timeoutMs)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!cond()) {
-        if (t.elapsed() > timeoutMs) {
-            return false;
-        }
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    }
-    return true;
-}
-
 QWidget* mainWindow()
 {
     for (QWidget* w : QApplication::topLevelWidgets()) {

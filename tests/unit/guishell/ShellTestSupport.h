@@ -8,6 +8,8 @@
 
 #include <json/json.h>
 
+#include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QString>
 
 class QWidget;
@@ -34,7 +36,18 @@ void onGui(const std::function<void()>& fn);
 // Polls cond on the GUI thread (from a worker) until it holds; false after timeoutMs.
 bool waitOnGui(const std::function<bool()>& cond, int timeoutMs = 30000);
 // Polls cond while spinning the event loop on the calling (GUI) thread.
-bool spinUntil(const std::function<bool()>& cond, int timeoutMs = 30000);
+inline bool spinUntil(const std::function<bool()>& cond, int timeoutMs = 30000)
+{
+    QElapsedTimer t;
+    t.start();
+    while (!cond()) {
+        if (t.elapsed() > timeoutMs) {
+            return false;
+        }
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    return true;
+}
 
 QWidget* mainWindow();
 

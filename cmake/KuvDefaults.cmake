@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # Project-wide build settings: warnings, sanitizers, install layout and RUNPATHs.
 include(GNUInstallDirs)
 

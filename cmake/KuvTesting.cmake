@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # Test helpers: one ctest entry per GoogleTest executable, and the staged installation.
 #
 # One naming scheme: a test and its executable are called unit_<area>[_<part>] (tests/unit/<area>),

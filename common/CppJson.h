@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // JSON text in and out through JsonCpp; every failure is a result, never an exception.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The bus's 16-byte binary GUID and its conversion from text.
 #pragma once
 

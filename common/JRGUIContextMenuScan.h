@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The context-menu scan record: {"paths": [...]}, the payload of command type 4.
 #pragma once
 

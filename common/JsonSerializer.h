@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Reflection base for records that travel as JSON, and the field holder they write into.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Thin pthread wrappers: a reader/writer lock with scoped guards, and a plain mutex.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Singleton templates: one instance per type, created on first use under a mutex, released explicitly.
 #pragma once
 

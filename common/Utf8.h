@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Whether bytes are well-formed UTF-8 (no overlong forms, surrogates or code points past U+10FFFF).
 #pragma once
 

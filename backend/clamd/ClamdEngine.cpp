@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // IScanEngine over clamd: each file travels as a descriptor (zFILDES + SCM_RIGHTS), so clamd reads only
 // what the caller opened, with the caller's rights, and never resolves the path itself.
 //

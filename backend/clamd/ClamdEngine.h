@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // A scan engine that hands open files to the system's clamd over its Unix socket (descriptor passing).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // clamd answers are short NUL-terminated texts; everything here is bounded and never trusts them.
 #include "ClamdReply.h"
 

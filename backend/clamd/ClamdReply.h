@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Parsing of clamd's answers: scan verdicts ("fd[N]: X FOUND", "OK", "... ERROR") and VERSION.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The libclamav scan engine: loaded once, kept warm, reloaded in the background when a database changes.
 #pragma once
 

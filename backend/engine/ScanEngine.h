@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // What the back end asks of a scan engine: verdicts for open files, and what the engine is.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The engine jobs scan with. The user's choice of engine swaps it whole; a file being scanned keeps the
 // engine it started with, which goes when its last scan ends.
 #pragma once

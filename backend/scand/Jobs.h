@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Scan jobs: a queue of requests run one after another, each walked by its own thread and scanned by a pool
 // of workers sized to the cores; progress, batched results and the job end go to the requester.
 #pragma once

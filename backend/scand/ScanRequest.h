@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Parsing of the requests the back end takes over the bus (scan, cancel, status), with every size capped.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Which engine scans: the installation's choice (libclamav or clamd) or the user's (scan.json), swapped
 // whole when the user changes it; and the reloads of our own engine's signature databases.
 #include <sys/timerfd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // kuv-scand: the per-user scan service. It joins the user's bus as the back end's endpoint, scans what it
 // is asked to with the user's own rights, reports to subscribers, and stops when the user chose to stop
 // the back end (the marker data/pubcfg/.guiexit).

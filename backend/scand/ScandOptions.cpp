@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The command line reads like the manual page: a few flags and options that take one value each.
 #include "ScandOptions.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // kuv-scand's command line, its exit statuses, and the settings that result from both with the config file.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The back end's side of the bus protocol: requests, cancels and status requests in; errors, status,
 // events and the jobs' messages out.
 #include <fcntl.h>

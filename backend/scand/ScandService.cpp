@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The service's life: start-up in steps (engine, jobs, watches, bus), the main loop on one epoll, and the
 // orderly stop.
 #include "ScandService.h"

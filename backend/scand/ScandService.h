@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The running back end: its bus endpoint and protocol, the engine in use and its databases, the jobs, and the
 // watches that stop it or reload its signatures.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The per-user lock, and supervision: in the background the service runs in a child that is started again
 // when it crashes (killed by a signal or failing), a few times in a row at most; the parent holds the lock
 // throughout.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The process around the service: the per-user lock, serving in this process, or supervising a child
 // that serves and is started again after a crash.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // What the service watches with inotify: the stop marker's folder, the user's configuration folder
 // (scan.json) and the signature database folders.
 #include <sys/inotify.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Settings of kuv-scand: DIR/etc/kuv-scand.conf (JSON) and the command line over it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Walks the paths of a scan job: folders recursively, never following symbolic links, never into /proc,
 // /sys or /dev; reports every entry that is not a folder, with what it is.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // What the back end keeps of its jobs: each job goes into the user's history when it ends (start,
 // duration, paths, counts, findings and what was done), and a job that asked for it has its findings
 // moved into the quarantine as they are reported. Safe to call from the job threads.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The per-user quarantine: files moved into $XDG_DATA_HOME/kuv/quarantine, stored neutralised,
 // restored with their mode and times, never lost on the way in or out.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The user's scan settings in $XDG_CONFIG_HOME/kuv/scan.json (0600), read afresh for every job.
 #pragma once
 

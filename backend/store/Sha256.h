@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // SHA-256 (FIPS 180-4), incremental, for the digest recorded with every quarantined file.
 #pragma once
 

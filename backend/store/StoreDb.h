@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The user's history and quarantine index in one SQLite database (WAL), kept aside when damaged.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Where a user's quarantine, history and scan settings live, and private directories opened safely.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Message-bus throughput and latency through a real kuv-zelld, with clients loaded from
 // libZellClientMgr.so. Prints a table; options: --messages N (per throughput row), --rtt N.
 // The throughput rows send as fast as sendMsg() returns; when the receiving client cannot keep up, the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The floor for the bus: a plain libzmq ROUTER broker in its own process and two DEALER clients, each on
 // its own thread, over ipc. A message is [destination id][body]; the broker swaps in the sender's id and
 // passes it on. Measures the round trip (A -> B, B answers at once) and one-way throughput of 64 B.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // What the benchmarks share: order statistics of a sample, child processes with a chosen environment,
 // files and paths.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Second-start cost: `kuvgui right "/a b" /c` against a running instance, next to a minimal C program that
 // sends the same 39 bytes to the same socket. Prints both and their ratio.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 /* The floor for a forwarding start: connect to the command socket, send the 39-byte scan message of
  * "right" "/a b" "/c", wait for the server's one-byte receipt (as the service's own client does), exit.
  * Usage: kuv_forward_min SOCKET_PATH */

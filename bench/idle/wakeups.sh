@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-or-later
 # wakeups.sh [--seconds N] PID... - context switches (voluntary + involuntary) of every thread of each
 # process over N seconds (default 60), scaled to one minute, one line per thread and one total per process:
 #   <pid> <comm> <thread name> <switches/min>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Messages per second over the command socket (one kept connection, 16 clients) and the cost of one
 // connect-and-send as a second start makes it. Runs against a private runtime directory.
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Times one plugin state update over N combo map files (5 plugins each): the first update, which
 // installs every combo, and a second one over unchanged files, with the log written and filtered.
 // Usage: bench_pluginmgr [--sizes N,N,...] [max files]   (default 10000); --help

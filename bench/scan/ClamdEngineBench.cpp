@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Scans a tree through the clamd engine (descriptor passing) with a pool of threads, once with pooled
 // IDSESSION connections and once with a connection per file; prints files/s, MB/s and findings.
 // Usage: bench_clamd_engine --socket PATH [--threads N] [--mode both|sessions|perfile] [--list] TREE

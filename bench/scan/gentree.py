@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Generates the scan benchmark's tree: text files, copies of ELF programs from /usr/bin, zip and tar.gz
 archives and a few EICAR test files (one inside a zip, one inside a tar.gz), all with distinct contents
 so that no scanner's cache of clean files can skip one. The tree is kept in TREE/data with a manifest in

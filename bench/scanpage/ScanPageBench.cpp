@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Context-menu scan latency: from starting `kuvgui right FILE` against a running instance to the
 // verdict shown on its Scan page, with the back end's engine warm. The shell journal
 // (KUV_SHELL_JOURNAL) stamps each verdict with the wall-clock time it reached the page ("time_ms").

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Start-up and idle memory of the installed service next to a bare Qt Widgets program, measured in the
 // same run, interleaved. For kuvgui: exec to the tag attribute "status" "3" and to every plugin loaded
 // (its log says so); for the bare program: exec to its "ready" line. Then, after a settle time, RSS and

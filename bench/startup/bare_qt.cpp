@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The reference for start-up and memory: a bare Qt Widgets program showing one window. It prints "ready"
 // once its event loop runs with the window shown, then idles until it is terminated.
 #include <unistd.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # CPack pre-build script: in the staging tree of the package, moves the desktop integration that
 # `cmake --install` keeps under the prefix (/opt/kuv) to where the desktops look for it.
 set(root "${CPACK_TEMPORARY_DIRECTORY}")

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # Runs inside `cmake --install` (and cpack): fills one template with the prefix being installed to.
 get_filename_component(KUV_DIR "${CMAKE_INSTALL_PREFIX}" ABSOLUTE)
 string(REGEX REPLACE "/+$" "" KUV_DIR "${KUV_DIR}")

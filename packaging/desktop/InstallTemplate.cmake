@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # kuv_install_template(TEMPLATE DESTINATION [RENAME name] [PROGRAM]): installs TEMPLATE into
 # DESTINATION (relative to the prefix), filled in at install time, so that
 # `cmake --install build --prefix DIR` and the package both get their own absolute paths.

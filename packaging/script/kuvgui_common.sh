@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # Shared helpers of the kuvgui scripts (sourced, not run).
 #
 # The running instance is found through its instance tag in the per-user runtime directory:

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-or-later
 # kuvgui_guard.sh 1 - keeps the user's GUI service running.
 #
 # The service starts this script with the argument "1" at the end of every successful start. The guard

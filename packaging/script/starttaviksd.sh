@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-or-later
 # starttaviksd.sh user_restart|start|stop|backend - restarts, starts or stops the user's client.
 #
 # The service runs "starttaviksd.sh user_restart" when the installed client version changed while it was

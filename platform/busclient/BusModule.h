@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The bus client module, loaded with dlopen from the installation as the service loads it.
 #pragma once
 

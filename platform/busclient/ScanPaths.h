@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Paths in the back end's bus messages: a JSON string when valid UTF-8, else {"b64": exact bytes}.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // ConfigModule: JSON objects in files under the configuration directory, cached by file identity.
 #include "ConfigModule.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // ConstConfig: directories from the environment or from where the executable lies.
 #include "ConstConfig.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Going to the background the classic way, with the start-up status handed back to the caller's shell.
 #pragma once
 

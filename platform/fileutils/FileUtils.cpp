@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CFile, CFileInfo, CDir and CStr on plain POSIX calls.
 #include "FileUtils.h"
 

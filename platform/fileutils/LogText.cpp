@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The one escaping rule of every log writer, the record size cap, and whole-record appends.
 #include "FileUtils.h"
 #include "SafeIo.h"

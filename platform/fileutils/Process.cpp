@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CProcess: starts a program without a shell, detached through two short-lived children, and confirms the
 // exec.
 #include "FileUtils.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The private per-user runtime directory, atomic file replacement and control-character escaping.
 #include "FileUtils.h"
 #include "SafeIo.h"

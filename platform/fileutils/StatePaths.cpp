@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Where a user's own files go: the installation when the user owns it, else the user's state directory.
 #include "FileUtils.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CGlobalTag: <name>.lock held with flock() (the kernel drops it with its holder), <name>.attr as JSON.
 #include "CGlobalTag.h"
 

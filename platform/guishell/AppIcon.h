@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The shell's window and tray icon, painted so that no image file has to ship.
 #pragma once
 

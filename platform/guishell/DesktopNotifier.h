@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Desktop notifications through org.freedesktop.Notifications on the session bus, with an action
 // that opens the results; without a notification service it says so and nothing fails.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // What a person can do with a finding, for every page that lists findings: quarantine, delete, ignore.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // History page: past scan jobs; an opened job shows its findings, which can be quarantined, deleted
 // or ignored one at a time or all at once.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Learns of scan jobs recorded in the user's history, by any process, from file-change events.
 #pragma once
 

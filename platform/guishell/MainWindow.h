@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The shell's main window: navigation list and pages (overview, scan, settings, plugin pages).
 #pragma once
 

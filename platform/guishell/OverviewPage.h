@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Overview page: this instance (pid, status, bus, scan back end), the combos and the plugins with their state.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Quarantine page: the user's quarantined files, with restore and delete.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The handler only writes the signal number to a pipe; everything else happens on the GUI thread,
 // through the same control request as `kuvgui quit`.
 #include "QuitSignals.h"

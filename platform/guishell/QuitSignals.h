@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // SIGTERM, SIGINT and SIGHUP as quit requests of the shell, with a shut-down watchdog.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Scan jobs on the back end kuv-scand over the user's bus: requests, progress, results, cancel, status.
 // With KUV_SHELL_JOURNAL set, every verdict and job end is journalled once the page has it:
 //   {"event":"scan-result","job","path" (string, or {"b64"} when not UTF-8),"verdict","signature","reason","time_ms"}

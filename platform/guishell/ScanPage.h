@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Scan page: scans started here or from the file manager, their live progress, results and the back end.
 #pragma once
 

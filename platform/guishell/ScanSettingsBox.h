@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The scan settings on the settings page: excluded folders, size limit, archives, clamd, history.
 #pragma once
 

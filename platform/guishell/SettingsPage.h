@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Settings page: stop the back end on quit, interface language.
 #pragma once
 

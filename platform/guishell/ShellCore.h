@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The shell on the GUI thread: main window, tray, language, control requests and the quit sequence.
 #pragma once
 

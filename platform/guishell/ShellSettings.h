@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // GUI shell settings in gui_shell.conf, the journal seam, and the interface language.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Base of the pages on the user's store (quarantine, history): heading, hint, the page's own content,
 // a message line; retranslate() on every language change and refresh() whenever the page is shown.
 #pragma once

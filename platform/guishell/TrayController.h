@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The tray icon: protection state (protected, scanning, attention needed) and a menu to open the
 // window, scan a folder and quit. Without a system tray it stays hidden and nothing fails.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Local command channel: framed messages over a per-user Unix domain socket.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The timer service: named repeating timers run by the service's own thread.
 #pragma once
 

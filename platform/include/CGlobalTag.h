@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // A named per-user instance tag: a kernel-held lock plus published attributes.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The log service: leveled, rotating log files; never throws into the caller.
 #pragma once
 

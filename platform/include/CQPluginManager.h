@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The plugin loader: plugin descriptions from JSON files, asynchronous load and unload on the GUI thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Process-wide settings store: one JSON object per file in the configuration directory.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Installation facts: installation and configuration directories, client version.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The interface every GUI plugin implements, as a Qt plugin with a versioned IID.
 #pragma once
 

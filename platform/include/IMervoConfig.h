@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The configuration module as loaded at run time: per-GUID string settings objects.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The bus client library as loaded at run time: client manager, endpoints and receivers.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The GUI shell as the service drives it: build the GUI, run its loop, and control requests.
 #pragma once
 

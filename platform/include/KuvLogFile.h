@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The one record formatter and the one rotating log file of the platform: the process log (CLogDebug),
 // the bus module's log and the broker's log all write through it. Built on spdlog: a logger of its own
 // per file, with one sink and one formatter of ours.

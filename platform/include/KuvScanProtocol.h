@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Bus messages of the back end kuv-scand: message types, the back end's GUID and the JSON body keys.
 #pragma once
 

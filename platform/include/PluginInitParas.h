@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The record handed to each plugin at load: its bus endpoint and the instance tag.
 #pragma once
 

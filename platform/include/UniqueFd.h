@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Owns one file descriptor: closed on destruction or reset, movable, never copied.
 #pragma once
 

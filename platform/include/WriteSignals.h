@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Write errors as return values: a closed pipe (SIGPIPE) or a file-size limit (SIGXFSZ) must not kill.
 #pragma once
 

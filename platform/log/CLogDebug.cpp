@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CLogDebug: the process log and the service's other logs, on the shared rotating log file, opened at
 // the first write.
 #include "CLogDebug.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The record formatter and the rotating log file shared by every log of the platform, on spdlog: each
 // LogFile owns an spdlog::logger (never registered, synchronous, never flushed on a timer) with one
 // LogSink, whose RecordFormatter writes the record layout of the platform's logs.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CAfxPipeClient: connect, write the frame, wait for the server's one-byte receipt. No threads, no log.
 #include <poll.h>
 #include <sys/socket.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CAfxPipeServer: one epoll thread reads framed messages from many connections; one delivery thread
 // hands them to the monitor in arrival order.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // What both ends of the command socket agree on beyond the frame header.
 #pragma once
 

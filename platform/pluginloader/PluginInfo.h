@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // One plugin description file: what the loader needs to find, check and name a plugin.
 #pragma once
 

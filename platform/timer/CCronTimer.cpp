@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CCronTimerInterface: named timers on one thread that sleeps until the next deadline.
 #include "CCronTimer.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // kuv-zelld: the per-user message-bus broker. Clients (libZellClientMgr.so) connect over a ZMQ ipc socket in
 // the private runtime directory and register endpoint GUIDs; the broker routes each message to the
 // connection that owns its destination GUID.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The sender's credentials of a message received on the broker's ipc ROUTER socket.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The broker's routing state: which client connection owns which endpoint GUID, and what to do with each
 // message. Transport-free, so the frame handling can be driven by tests and the fuzzer.
 #pragma once

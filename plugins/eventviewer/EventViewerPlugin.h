@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Event viewer plugin: lists the security events of the scan back end (detections, actions) and the
 // event messages (type 3001) that reach its bus endpoint.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Notifier plugin: raises a desktop notification for each alert message (type 3002).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Protection status plugin: the scan back end's status (engine, signatures, database age, last scan) and
 // one row per protection module, updated by status messages (type 3003).
 #pragma once

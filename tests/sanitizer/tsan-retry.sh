@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-or-later
 # Runs one ThreadSanitizer test binary. GCC 12's TSan runtime sometimes cannot map its shadow memory
 # on this kernel ("ThreadSanitizer failed to allocate ... (errno: 12)") before any of our code runs a
 # check; such a run says nothing about the code, so it is run again (at most 4 times). Any other

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The one temporary-directory helper for every test: a fresh directory under $TMPDIR (or /tmp),
 // removed with everything in it when the owner goes out of scope.
 #pragma once

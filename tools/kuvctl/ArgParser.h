@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The one argument parser of kuvctl's commands: getopt_long, strict about names, items in the order given.
 #pragma once
 

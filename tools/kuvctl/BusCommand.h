@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // "kuvctl bus send" and "kuvctl bus listen": a real client of the message bus.
 #pragma once
 

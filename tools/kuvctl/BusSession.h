@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The start-up that every bus command of kuvctl shares: load the bus module, reach the broker, join the
 // bus as one endpoint; and what the commands print when a step fails.
 #pragma once

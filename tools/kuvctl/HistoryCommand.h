@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // "kuvctl history": the user's past scan jobs, and one job with its findings.
 #pragma once
 

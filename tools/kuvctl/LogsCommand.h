@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // "kuvctl logs": prints and follows the service log across rotation, like tail -F.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // "kuvctl quarantine": list, restore, delete (and add) entries of the user's quarantine.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // "kuvctl scan": one scan job on the back end kuv-scand over the bus, its results printed.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Blocking signals for kuvctl's commands, which take them synchronously (sigtimedwait, signalfd, ppoll).
 #pragma once
 

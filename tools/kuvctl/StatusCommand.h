@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // "kuvctl status": the running service's instance tag and its published attributes.
 #pragma once
 

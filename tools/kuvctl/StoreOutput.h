@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Printing store records for kuvctl: JSON objects with byte-exact paths, and plain-text fields.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // kuvctl: the command-line tool for people and scripts. Each command lives in its own file and is listed
 // in kCommands below.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // libconfigproxy.so: one settings object per instance GUID, kept as text values by key in
 // <configuration dir>/config/<guid>.json and rewritten atomically on every change.
 #include <sys/stat.h>

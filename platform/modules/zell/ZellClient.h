@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Internals of the bus client module: the client manager, its endpoints, the socket side (Io) and the
 // client's threads (Workers), which take turns polling the socket and calling receivers.
 #pragma once

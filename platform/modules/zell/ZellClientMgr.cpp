@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The client manager: settings, the module log, the endpoint table, and the life cycle of the socket and
 // the worker threads.
 #include <pthread.h>

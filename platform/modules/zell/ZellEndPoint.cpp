@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Endpoints: naming on the bus, receivers per message type, sending, and the guarantee that no receiver
 // runs once uninit() has returned.
 #include <cstring>

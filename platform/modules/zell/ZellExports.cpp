@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The module's C entry points: one client manager per instance GUID.
 #include <cstdio>
 #include <cstring>

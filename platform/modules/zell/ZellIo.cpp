@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The socket side of the client. The poller (one worker thread at a time) keeps the session with the broker
 // (hello and re-registration after a reconnect), sends what could not leave at once and puts received
 // messages into the endpoints' inboxes; senders put data on the socket themselves when nothing waits ahead

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # KuvGuiPluginSDK: build kuvgui GUI plugins out of tree.
 #   find_package(KuvGuiPluginSDK REQUIRED)
 #   kuv_gui_add_plugin(myplugin SOURCES MyPlugin.cpp TS_FILES myplugin_zh_CN.ts)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # Build helpers for kuvgui GUI plugins (and the shell itself): embedded translations.
 include_guard(GLOBAL)
 

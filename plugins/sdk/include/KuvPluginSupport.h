@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Helpers for kuvgui GUI plugins: the plugin's bus endpoint, receivers that hand bus messages to the GUI
 // thread, and pages built when first shown. Header-only; needs Qt 5 Widgets and the SDK headers beside it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Helpers for plugins that follow the back end kuv-scand: subscribing to its status and events (also
 // when it starts later), and paths of its messages for display. Header-only; Qt 5 Core and POSIX.
 #pragma once

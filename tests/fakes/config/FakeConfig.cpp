@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // ConstConfig and ConfigModule doubles: directories and version set by the test.
 #include <map>
 #include <mutex>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Instance tag double: trylock answers what the test set; attributes are kept in memory.
 #include <mutex>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // GUI shell double: records init, exec and control requests; answers code 2 as the test says.
 #include <list>
 #include <mutex>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Control and inspection of the platform test doubles that unit tests link instead of the real libraries.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Log double: formats like the real log and keeps every record in memory.
 #include <cstdarg>
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Pipe double: the server records its life cycle; the client keeps the bytes it was asked to send.
 #include <cstring>
 #include <mutex>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Container manager double: hands out recorded endpoints without any bus.
 #include <map>
 #include <memory>

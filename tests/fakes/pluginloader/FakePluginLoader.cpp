@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Plugin loader double: records each request with the record it was handed and reports unloads.
 #include "FakePluginLoader.h"
 

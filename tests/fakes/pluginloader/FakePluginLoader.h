@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Control and inspection of the plugin loader and container manager doubles used by plugin tests.
 #pragma once
 

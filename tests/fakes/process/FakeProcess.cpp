@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CProcess double: records what would be started.
 #include <mutex>
 

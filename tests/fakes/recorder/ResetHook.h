@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Lets each platform double take part in fake::resetAll().
 #pragma once
 

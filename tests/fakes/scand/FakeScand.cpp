@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // A stand-in for kuv-scand in the shell's tests: joins the user's bus as the back end and answers scan
 // requests with scripted progress, results and job ends. It does not scan: a path whose last component
 // contains "eicar" is reported infected, one containing "unreadable" as an error, the rest clean.

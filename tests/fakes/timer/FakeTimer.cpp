@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Timer double: keeps registered timers; tests fire them by name instead of waiting.
 #include <cstdlib>
 #include <map>

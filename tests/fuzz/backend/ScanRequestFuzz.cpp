@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Feeds arbitrary bytes to the back end's request parsers; a request that parses must survive a round trip
 // through the path codec unchanged.
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // clamd's answers parsed from arbitrary bytes: verdicts, session prefixes and VERSION.
 #include <cstddef>
 #include <cstdint>

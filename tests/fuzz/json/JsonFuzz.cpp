@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Feeds arbitrary bytes through every JSON entry point the service uses on outside input.
 #include <cstddef>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The escaping rule of the log writers on arbitrary bytes: nothing that ends a line for any reader gets
 // through, the result is well-formed UTF-8, it reads back to the very input, and the cap holds.
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Feeds arbitrary bytes to readOneMapFile as the content of one map file and checks what it reports.
 #include <stdlib.h>
 

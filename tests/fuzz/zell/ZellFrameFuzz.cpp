@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The broker's message handling on arbitrary input from several peers. Everything the broker answers must
 // itself be a well-formed message for clients.
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed back end: kuv-zelld, kuv-scand and kuvctl scan from a private copy of the staged installation,
 // with a private runtime directory. Run as root, everything runs as nobody (setpriv), so that a file of
 // mode 000 really is unreadable.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // scand_probe: a bus client for the back end's tests that sends raw requests and prints every answer to its
 // own endpoint, one per line: "type=<N> body=<body>".
 //   scand_probe [--send TYPE BODY_FILE]... [--until TEXT] [--timeout MS]

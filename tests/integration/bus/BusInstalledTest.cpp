@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed bus: kuv-zelld as a daemon, kuvctl bus send/listen and kuvctl status, run from a private copy
 // of the staged installation with a private runtime directory.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The clamd engine against a real clamd started on a private socket with the shipped database (or one
 // written here where the tree has none), and against a small in-process fake for the answers a healthy
 // clamd never gives (stalls, junk).

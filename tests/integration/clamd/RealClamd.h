@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // A clamd of our own for tests: private configuration, socket and database, started on the fly.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Every installed desktop and file-manager entry, run through a real launcher (gio) or as the file
 // manager runs it, against the installed service: each chosen path must reach the GUI shell intact.
 #include "DesktopSupport.h"

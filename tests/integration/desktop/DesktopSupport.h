@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Support for the desktop tests: a private installation under a path with a blank, the running
 // service with its broker, the GUI shell journal, and desktop-entry parsing.
 #pragma once

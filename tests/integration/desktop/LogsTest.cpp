@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // "kuvctl logs" of the installed tree: last lines, following across rotation, truncation and
 // removal, waiting for a log to appear, escaping, usage, and the live log of the running service.
 #include "DesktopSupport.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed service on a real X server (Xvfb) with the sample plugins: its main window is shown
 // on request and written as PNG into the build tree (screenshots/kuvgui-main-window.png, and the
 // whole screen as screenshots/kuvgui-screen.png).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Multi-process test harness: private installations, child processes with captured output, polling.
 #pragma once
 

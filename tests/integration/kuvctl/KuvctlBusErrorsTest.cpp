@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed kuvctl when the bus cannot be used: every bus command prints the bus module's own last
 // error line without --verbose, instead of a guess, and exits with its documented status.
 #include <gtest/gtest.h>

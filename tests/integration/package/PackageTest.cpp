@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The Debian package, built with cpack and unpacked into a scratch root: control data and
 // dependencies, the tree, desktop files (desktop-file-validate), user units (systemd-analyze
 // verify), maintainer scripts, checksums, and the unpacked service running from the scratch root.

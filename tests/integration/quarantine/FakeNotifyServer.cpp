@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // A notification service for tests: owns org.freedesktop.Notifications on the session bus it was
 // started on (dbus-run-session), appends every Notify call as a JSON line to RECORD, writes the bus
 // address to READY once it serves, and with --invoke-action KEY answers each notification as if the

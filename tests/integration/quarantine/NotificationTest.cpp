@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed shell notifies through a real notification service on a private session bus
 // (dbus-run-session with kuv_fake_notifyd): findings and long scans are announced, the action opens
 // the results; without any session bus nothing fails.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed kuvctl on the user's quarantine and history: an EICAR file round-trips with its path,
 // mode, times and content; same names stay apart; restore never overwrites; kuvctl killed between
 // the steps of a move never loses the file; a damaged database is kept aside; history persists.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // A system tray for tests under Xvfb: owns _NET_SYSTEM_TRAY_S0, docks the icon windows that ask
 // (XEmbed) into a strip at the top right of the screen, and prints "ready" and "docked <id>" lines.
 #include <xcb/xcb.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed service under Xvfb with a system tray of our own (kuv_test_trayhost): its icon docks,
 // turns to "attention needed" when a scan with findings is recorded, and the screen with the main
 // window and the tray is written to screenshots/kuvgui-tray-screen.png (the tray alone to

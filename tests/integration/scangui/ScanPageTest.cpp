@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The shell's scan jobs on a real bus (the broker and bus module of the build tree) against a scripted back end
 // (kuv-fake-scand): context-menu requests with exact path bytes, results on the page and in the journal,
 // cancel, a missing back end started from the page, a back end that dies during a job, and screenshots

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // `kuvgui right PATH...` from a second start, end to end on the installed tree: the running instance's
 // shell turns it into one job on the back end (here kuv-fake-scand as DIR/bin/kuv-scand) with the
 // paths exactly as given, and the verdicts reach the journal; the shell's ctrl line stays as it was.

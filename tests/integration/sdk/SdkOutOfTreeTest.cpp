@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed plugin SDK: a plugin configured and built out of tree with find_package(KuvGuiPluginSDK)
 // against the staged installation, then loaded by the plugin loader onto a bus endpoint double.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed tree probed as another local user and with hostile input. Other users are played with
 // setpriv (uids 65534 and 65533), so the suite runs as root; as anyone else it is skipped.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed service, headless, in a private installation: start lines, instance state, failed starts,
 // back-end marker, guard script and restart monitor.
 #include <chrono>

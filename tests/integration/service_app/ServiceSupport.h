@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Runs the installed service in a private installation: broker, service, second starts, kuvctl, journal.
 #pragma once
 

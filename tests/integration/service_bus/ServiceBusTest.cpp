@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed service on the real bus broker: status, messages to the application endpoint, the bus
 // log, a start without the bus log configuration, and the container manager's lines at exit.
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Reads the service's log file as records: level, source file, function and message.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The command channel end to end: second starts and raw messages reach the running instance's shell.
 #include <cstdint>
 #include <cstring>

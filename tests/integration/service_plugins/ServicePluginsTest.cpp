@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed service with the sample plugins on the real broker: the plugin tables dumped at start,
 // one bus endpoint per loaded plugin, and the combos unloaded from the highest index down at quit.
 #include <dirent.h>

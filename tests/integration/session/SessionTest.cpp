@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The installed service under what a desktop session does to it: quit signals, a standard output whose
 // reader went away, a file-size limit.
 #include <dirent.h>

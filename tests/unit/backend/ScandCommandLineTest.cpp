@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // kuv-scand's command line: what it prints and the exit status, for every way it ends before it serves.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // kuv::BusModule as tools and the back end use it: what it says when the module cannot be loaded or its
 // client does not start.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // ConfigModule: typed reads with defaults, atomic writes on disk, outside edits seen, threads.
 #include <sys/stat.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // ConstConfig: environment overrides, the executable-relative default, the final "/", VERSION read afresh.
 #include <limits.h>
 #include <unistd.h>

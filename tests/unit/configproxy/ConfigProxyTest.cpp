@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // libconfigproxy.so through its C entry points, as the service's proxy loads it.
 #include <gtest/gtest.h>
 

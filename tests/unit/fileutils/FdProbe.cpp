@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Writes its arguments, session id and open descriptors to the file named by its first argument.
 #include <dirent.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CFile, CFileInfo, CDir and CStr against the real file system.
 #include <dirent.h>
 #include <fcntl.h>

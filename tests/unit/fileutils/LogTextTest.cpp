@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The log escaping rule, the record cap, whole-record appends, per-user state paths and CFile's checks.
 #include <fcntl.h>
 #include <signal.h>

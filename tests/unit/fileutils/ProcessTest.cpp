@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CProcess starts real programs: detached, reaped, without our descriptors, exec failures reported.
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The runtime directory's checks, atomic writes and escaping.
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CGlobalTag across real processes: one winner among many, release on death, refused runtime dirs.
 #include <fcntl.h>
 #include <signal.h>

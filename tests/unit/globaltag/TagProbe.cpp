@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Waits for the start signal on stdin, tries the tag once, reports "<pid> <result>" on stdout;
 // the winner publishes its pid and holds the tag until it is killed.
 #include <sys/prctl.h>

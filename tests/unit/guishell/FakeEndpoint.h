@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Bus endpoint test double: records what a plugin asks of it and delivers messages from a worker thread.
 #pragma once
 

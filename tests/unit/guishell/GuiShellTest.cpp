@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The GUI shell, offscreen: control codes from a worker thread, the journal, the quit sequence with
 // pending plugin unloads, the window's own quit path and the language.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The sample plugins in the shell, offscreen: their endpoint and receivers through a bus test double,
 // bus messages carried to their pages, the plugins without a bus, and screenshots of every page in
 // English and Simplified Chinese (written to $KUV_BUILD_DIR/screenshots/).

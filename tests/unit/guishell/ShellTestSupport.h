@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Shared set-up of the GUI shell tests: a private installation and runtime directory, the journal,
 // and running code on the GUI thread from a worker.
 #pragma once

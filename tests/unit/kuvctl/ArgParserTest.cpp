@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The shared argument parser on its own: what it hands out, and where it stops.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Every command's answer to wrong or asking arguments: exit status and the exact lines on stderr.
 // These are what scripts and the manual page rely on, so they are pinned word for word.
 #include <gtest/gtest.h>

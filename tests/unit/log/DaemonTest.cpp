@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // kuv::daemonize: the daemon runs detached in a session of its own, and the process that started it exits
 // with the status the daemon reports.
 #include <sys/wait.h>

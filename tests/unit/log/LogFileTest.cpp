@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The shared log file and record formatter: rotation, whole records, the level filter, the one layout of
 // the process log, the bus module's log and the broker's log.
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // CLogDebug on real files: layout, level rule, escaping, rotation, failures that cost only the log.
 #include <sys/stat.h>
 #include <sys/wait.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The command socket end to end: framing, many clients, refused peers and sizes, stop, stale sockets.
 #include <signal.h>
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // A test plugin whose behaviour is chosen at build time (FAKE_MODE) and which writes what it is asked
 // into the file named by $FAKE_PLUGIN_TRACE, one line per call.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The plugin loader against real plugin modules: descriptions, load failures, unload signals, order.
 #include <sys/stat.h>
 

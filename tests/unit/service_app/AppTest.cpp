@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The application object against the platform doubles: start-up and shut-down order, log set-up,
 // back-end marker, guard script, restart monitor and the bus hook.
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Shared set-up of the application tests: a private installation tree and a clean set of doubles.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The configuration proxy against real modules: loading, the printed failures, release and reload.
 #include <dlfcn.h>
 

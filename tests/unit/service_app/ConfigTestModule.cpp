@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // A configuration module for the proxy tests, built in four variants (see CMakeLists.txt).
 // It reports into the test's journal through a weak reference, so it loads in any process.
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Records into the platform journal so the application's order can be checked across all of them.
 #include "FakeServiceParts.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Doubles of the bus container manager, plugin manager and bus message handler for the application tests.
 #pragma once
 

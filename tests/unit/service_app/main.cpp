@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The application tests need a Qt application object for the program's own directory.
 #include <QCoreApplication>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The container manager against a broken bus library; one executable per kind of breakage, each with
 // its own library beside it (BUS_VARIANT_* selects the tests).
 #include "BusTestSupport.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The journal entry point the test bus library calls back into (exported from the executable).
 #include "FakePlatform.h"
 

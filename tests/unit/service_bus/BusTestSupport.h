@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Shared set-up of the container manager tests: an installation directory with the bus log
 // configuration, the journal the test bus library writes into, and the library's test controls.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The container manager against a complete bus library: bus log, start, status, endpoints, tear-down.
 #include <memory>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The application's bus receiver: one log line per message, the plugin hook for type 1003.
 #include <string>
 #include <thread>

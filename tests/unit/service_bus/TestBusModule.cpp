@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // A bus client library for the container manager tests, built once per variant (TESTBUS_* defines).
 // It records every call into the test executable's journal through testbus_record.
 #include <cstdio>

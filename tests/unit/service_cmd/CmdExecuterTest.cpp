@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The forwarding client against the pipe double: which arguments send what, byte for byte.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The forwarding client's messages as a real pipe server on a real socket receives them.
 #include <stdlib.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Builds command-channel messages by hand, byte for byte.
 #pragma once
 

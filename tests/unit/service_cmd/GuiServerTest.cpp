@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The command server: each hand-built message becomes (or does not become) one GUI shell request.
 #include <atomic>
 #include <thread>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Combo map files: the directory scan, the reader's codes and the rules that fill the three tables.
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Plugin install and uninstall with their endpoints, and the state update against the map files.
 #include <thread>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The plugin manager's slot runs through a queued connection, so the tests need an application object.
 #include <QCoreApplication>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Shared set-up of the plugin manager tests: an installation directory with a combo map directory.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The Quarantine and History pages on a real per-user store: listing, restore (never over a file),
 // delete, findings quarantined from an opened job; screenshots in English and Simplified Chinese.
 #include <gtest/gtest.h>

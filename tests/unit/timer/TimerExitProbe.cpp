@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Starts fast timers in both modes plus one whose callback never returns, then leaves main.
 // Mode "uninit" calls UninitInstance from inside a callback first.
 #include <unistd.h>

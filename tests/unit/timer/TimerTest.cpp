@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The timer service on real threads: repetition, cancel, scale, data freeing, callbacks that call back.
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The sender's credentials of a message read from a ROUTER socket after zmq_poll woke the reader.
 #include <sys/types.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The bus end to end: a real kuv-zelld and clients loaded from libZellClientMgr.so.
 #include <gtest/gtest.h>
 

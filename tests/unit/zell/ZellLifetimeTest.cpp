@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Receivers are never called once their endpoint is given back: destroyEndPoint, uninit,
 // unregisterRecvNotify and the client's own stop/release, while messages keep arriving.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Helpers for tests that run a real kuv-zelld and load libZellClientMgr.so: the broker process, the module,
 // client instances and a receiver that records what it is given.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The slot positions the service relies on when it calls through these interfaces.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The wire protocol parser and the broker's routing core, without sockets.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The forwarding client of a second start: one command line becomes one message to the running instance.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Receiver of the application's bus endpoint: logs each message and runs the hook for type 1003.
 #pragma once
 

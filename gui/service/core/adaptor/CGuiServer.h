@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The command server: turns messages on "/tmp/kuv-gui" into GUI shell control requests.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Frame of the local command channel: 16-byte header (type, length) then the payload.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The service's one log wrapper: level, source file, function and line, then a printf message.
 //
 // A file names its source once and logs through BF_LOG:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The process's door to the message bus: bus library, client instance, endpoints and the bus log.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The configuration proxy: loads lib/modules/libconfigproxy.so and forwards requests to its object.
 #pragma once
 

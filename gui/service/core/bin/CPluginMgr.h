@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Plugin tables from the combo map files, plugin load/unload with one bus endpoint each, state update.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The process entry's logic: the instance tag decides between running the service and forwarding.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The C entry between the small process entry and the service library it loads after winning the tag.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The application object of the GUI service: start-up, the GUI loop and shut-down in a fixed order.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // kuvgui: the per-user GUI service, or, when it already runs, a forwarder of this command line to it.
 #include <dlfcn.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Where the broker listens: a bus address ("./kuv_zell", "kuv_zell", "ipc://kuv_zell") resolved into the
 // per-user runtime directory.
 #pragma once

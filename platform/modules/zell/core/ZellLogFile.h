@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The bus module's log file: the shared rotating log file, with backups in a directory of their own.
 #pragma once
 

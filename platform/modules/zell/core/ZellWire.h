@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The bus wire protocol between clients (ZMQ DEALER) and the broker (ZMQ ROUTER): frame layouts and parsing.
 #pragma once
 

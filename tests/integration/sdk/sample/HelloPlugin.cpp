@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // The smallest useful plugin: a page that shows the bus messages of type 4242 it receives.
 #include <memory>
 

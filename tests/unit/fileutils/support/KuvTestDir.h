@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
 // Small file tools shared by the platform library tests; the temporary directory is kuv::test::TempDir.
 #pragma once
 

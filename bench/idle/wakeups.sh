@@ -6,7 +6,7 @@
 #   <pid> <comm> TOTAL <switches/min>
 # A thread that started or ended during the window counts with what it did inside it.
 set -u
-usage() { sed -n '2,5p' "$0" | sed 's/^# \{0,1\}//'; }
+usage() { sed -n '3,6p' "$0" | sed 's/^# \{0,1\}//'; }
 seconds=60
 while [ $# -gt 0 ]; do
   case "$1" in

@@ -8,6 +8,7 @@
 #include <QStatusBar>
 #include <QLocale>
 #include <QMenu>
+#include <QPixmapCache>
 #include <QSystemTrayIcon>
 #include <QTranslator>
 
@@ -179,6 +180,10 @@ void ShellCore::teardown()
 MainWindow* ShellCore::window()
 {
     if (!m_window && m_up.load()) {
+        // Qt's pixmap cache trims itself on a 30 s timer for as long as it holds anything, which would
+        // wake an idle window twice a minute (and holds up to 10 MiB); the few widgets here paint fast
+        // enough without it.
+        QPixmapCache::setCacheLimit(0);
         m_window = std::make_unique<MainWindow>();
         m_window->setScanClient(m_scanClient.get());
         connect(m_window.get(), &MainWindow::quitRequested, this, &ShellCore::quit);

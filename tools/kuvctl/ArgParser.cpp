@@ -23,11 +23,11 @@ ArgParser::ArgParser(const std::vector<std::string>& args, std::vector<OptionSpe
     m_argv.push_back(nullptr);
     m_shorts = "-:"; // words handed out in order; ':' tells a missing value from an unknown option
     for (size_t i = 0; i < m_specs.size(); ++i) {
-        const OptionSpec& spec = m_specs[i];
-        m_longs.push_back({spec.name, spec.takesValue ? required_argument : no_argument, nullptr, codeOf(i)});
-        if (spec.shortName != 0) {
-            m_shorts += spec.shortName;
-            if (spec.takesValue) {
+        const OptionSpec& option = m_specs[i];
+        m_longs.push_back({option.name, option.takesValue ? required_argument : no_argument, nullptr, codeOf(i)});
+        if (option.shortName != 0) {
+            m_shorts += option.shortName;
+            if (option.takesValue) {
                 m_shorts += ':';
             }
         }
@@ -112,33 +112,33 @@ bool ArgParser::fromGetopt(int code, int longIndex, int before, Item& item)
     }
     const bool isLong = given.compare(0, 2, "--") == 0;
     if (code == '?' || code == ':') {
-        const int spec = specOf(optopt);
+        const int index = specOf(optopt);
         bool hasValue = false;
-        if (spec < 0 || (isLong && !exactLongName(given, static_cast<size_t>(spec), hasValue))) {
+        if (index < 0 || (isLong && !exactLongName(given, static_cast<size_t>(index), hasValue))) {
             return unknown(given);
         }
-        if (code == '?' && isLong && hasValue && m_specs[static_cast<size_t>(spec)].inlineValue) {
+        if (code == '?' && isLong && hasValue && m_specs[static_cast<size_t>(index)].inlineValue) {
             item.kind = Item::Option; // "--flag=..." where the command lets it pass
-            item.option = static_cast<size_t>(spec);
+            item.option = static_cast<size_t>(index);
             return true;
         }
         if (code == ':') {
             item.kind = Item::MissingValue;
-            item.option = static_cast<size_t>(spec);
+            item.option = static_cast<size_t>(index);
             item.text = given;
             m_done = true;
             return true;
         }
         return unknown(given);
     }
-    const int spec = specOf(code);
-    if (spec < 0) {
+    const int index = specOf(code);
+    if (index < 0) {
         return unknown(given);
     }
-    const OptionSpec& found = m_specs[static_cast<size_t>(spec)];
+    const OptionSpec& found = m_specs[static_cast<size_t>(index)];
     if (longIndex >= 0) {
         bool hasValue = false;
-        if (!exactLongName(given, static_cast<size_t>(spec), hasValue) || (hasValue && !found.inlineValue)) {
+        if (!exactLongName(given, static_cast<size_t>(index), hasValue) || (hasValue && !found.inlineValue)) {
             return unknown(given);
         }
     } else {
@@ -148,7 +148,7 @@ bool ArgParser::fromGetopt(int code, int longIndex, int before, Item& item)
         }
     }
     item.kind = Item::Option;
-    item.option = static_cast<size_t>(spec);
+    item.option = static_cast<size_t>(index);
     if (found.takesValue && optarg != nullptr) {
         item.value = optarg;
     }

@@ -299,4 +299,38 @@ std::string visible(const std::vector<std::string>& list)
     return out + "]";
 }
 
+Xvfb::Xvfb(int first, int last)
+{
+    const std::string program = findProgram("Xvfb");
+    if (program.empty()) {
+        m_error = "Xvfb (package xvfb) is not installed: run scripts/setup";
+        return;
+    }
+    for (int n = first; n < last && m_display.empty(); ++n) {
+        const std::string socket = "/tmp/.X11-unix/X" + std::to_string(n);
+        const std::string lock = "/tmp/.X" + std::to_string(n) + "-lock";
+        if (access(socket.c_str(), F_OK) == 0 || access(lock.c_str(), F_OK) == 0) {
+            continue;
+        }
+        auto server = std::make_unique<kuvtest::Process>(std::vector<std::string>{
+            program, ":" + std::to_string(n), "-screen", "0", "1280x800x24", "-nolisten", "tcp", "-noreset"});
+        // Another test may have taken the number in between: then the server ends at once.
+        if (kuvtest::waitUntil([&] { return access(socket.c_str(), F_OK) == 0 || !server->running(); }, 30000) &&
+            server->running()) {
+            m_display = ":" + std::to_string(n);
+            m_server = std::move(server);
+        } else {
+            m_error = "Xvfb :" + std::to_string(n) + " did not start: " + server->err();
+        }
+    }
+}
+
+Xvfb::~Xvfb()
+{
+    if (m_server) {
+        m_server->signal(SIGTERM);
+        m_server->wait(20000);
+    }
+}
+
 } // namespace kuvdesk

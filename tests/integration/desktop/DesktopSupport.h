@@ -24,6 +24,23 @@ constexpr const char* kLeakCheck = "ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
 // Absolute path of a program found on PATH; empty when there is none.
 std::string findProgram(const std::string& name);
 
+// An Xvfb on the first free display in [first, last); empty display() (and error() says why) when none
+// could be started. Tests that run side by side use ranges of their own.
+class Xvfb {
+public:
+    Xvfb(int first, int last);
+    ~Xvfb();
+    Xvfb(const Xvfb&) = delete;
+    Xvfb& operator=(const Xvfb&) = delete;
+    const std::string& display() const { return m_display; }
+    const std::string& error() const { return m_error; }
+
+private:
+    std::unique_ptr<kuvtest::Process> m_server;
+    std::string m_display;
+    std::string m_error;
+};
+
 // A fresh `cmake --install` of the build tree into "<tmp>/inst dir", so every file filled in at
 // install time names this prefix; with its own runtime directory, home and shell journal.
 class PrivateInstall {

@@ -25,50 +25,6 @@ namespace {
 using namespace kuvtest;
 using namespace kuvdesk;
 
-// An Xvfb on the first free display from 91 on; empty display when none could be started.
-class Xvfb {
-public:
-    Xvfb()
-    {
-        const std::string program = findProgram("Xvfb");
-        if (program.empty()) {
-            m_error = "Xvfb (package xvfb) is not installed: run scripts/setup";
-            return;
-        }
-        for (int n = 91; n < 140 && m_display.empty(); ++n) {
-            const std::string socket = "/tmp/.X11-unix/X" + std::to_string(n);
-            const std::string lock = "/tmp/.X" + std::to_string(n) + "-lock";
-            if (access(socket.c_str(), F_OK) == 0 || access(lock.c_str(), F_OK) == 0) {
-                continue;
-            }
-            auto server = std::make_unique<Process>(std::vector<std::string>{
-                program, ":" + std::to_string(n), "-screen", "0", "1280x800x24", "-nolisten", "tcp", "-noreset"});
-            // Another test may have taken the number in between: then the server ends at once.
-            if (waitUntil([&] { return access(socket.c_str(), F_OK) == 0 || !server->running(); }, 30000) &&
-                server->running()) {
-                m_display = ":" + std::to_string(n);
-                m_server = std::move(server);
-            } else {
-                m_error = "Xvfb :" + std::to_string(n) + " did not start: " + server->err();
-            }
-        }
-    }
-    ~Xvfb()
-    {
-        if (m_server) {
-            m_server->signal(SIGTERM);
-            m_server->wait(20000);
-        }
-    }
-    const std::string& display() const { return m_display; }
-    const std::string& error() const { return m_error; }
-
-private:
-    std::unique_ptr<Process> m_server;
-    std::string m_display;
-    std::string m_error;
-};
-
 int distinctColours(const QImage& image)
 {
     QSet<QRgb> colours;
@@ -99,7 +55,7 @@ QRect painted(const QImage& image)
 
 TEST(DesktopScreenshot, MainWindowWithSamplePluginsUnderXvfb)
 {
-    Xvfb x;
+    Xvfb x(91, 140);
     ASSERT_FALSE(x.display().empty()) << x.error();
 
     PrivateInstall inst;

@@ -25,48 +25,6 @@ namespace {
 using namespace kuvtest;
 using namespace kuvdesk;
 
-class Xvfb {
-public:
-    Xvfb()
-    {
-        const std::string program = findProgram("Xvfb");
-        if (program.empty()) {
-            m_error = "Xvfb (package xvfb) is not installed: run scripts/setup";
-            return;
-        }
-        for (int n = 141; n < 190 && m_display.empty(); ++n) {
-            const std::string socket = "/tmp/.X11-unix/X" + std::to_string(n);
-            const std::string lock = "/tmp/.X" + std::to_string(n) + "-lock";
-            if (access(socket.c_str(), F_OK) == 0 || access(lock.c_str(), F_OK) == 0) {
-                continue;
-            }
-            auto server = std::make_unique<Process>(std::vector<std::string>{
-                program, ":" + std::to_string(n), "-screen", "0", "1280x800x24", "-nolisten", "tcp", "-noreset"});
-            if (waitUntil([&] { return access(socket.c_str(), F_OK) == 0 || !server->running(); }, 30000) &&
-                server->running()) {
-                m_display = ":" + std::to_string(n);
-                m_server = std::move(server);
-            } else {
-                m_error = "Xvfb :" + std::to_string(n) + " did not start: " + server->err();
-            }
-        }
-    }
-    ~Xvfb()
-    {
-        if (m_server) {
-            m_server->signal(SIGTERM);
-            m_server->wait(20000);
-        }
-    }
-    const std::string& display() const { return m_display; }
-    const std::string& error() const { return m_error; }
-
-private:
-    std::unique_ptr<Process> m_server;
-    std::string m_display;
-    std::string m_error;
-};
-
 int reddish(const QImage& image)
 {
     int n = 0;
@@ -81,7 +39,7 @@ int reddish(const QImage& image)
 
 TEST(TrayScreenshot, IconDocksShowsAttentionAndTheWindowUnderXvfb)
 {
-    Xvfb x;
+    Xvfb x(141, 190);
     ASSERT_FALSE(x.display().empty()) << x.error();
     Process tray({KUV_TRAYHOST}, {"DISPLAY=" + x.display()});
     ASSERT_TRUE(waitUntil([&] { return tray.out().find("ready") != std::string::npos || !tray.running(); }, 30000));

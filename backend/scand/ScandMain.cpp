@@ -134,13 +134,14 @@ int main(int argc, char** argv)
         return kExitFailure;
     }
     UniqueFd lock;
-    if (!takeLock(runtime + "kuv-scand.lock", lock, error)) {
+    const std::string lockPath = runtime + kuv::scand::kLockName;
+    if (!takeLock(lockPath, lock, error)) {
         fprintf(stderr, "kuv-scand: %s\n", error.c_str());
         return lock.valid() || error.rfind("cannot open", 0) == 0 ? kExitFailure : kExitRunning;
     }
     UniqueFd ready;
     if (options.foreground) {
-        const int status = serve(settings, installDir, ready, lock.get());
+        const int status = serve(settings, installDir, ready, {lock.get(), lockPath});
         CLogDebug::Close();
         return status;
     }
@@ -148,7 +149,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "kuv-scand: cannot go to the background: %s\n", strerror(errno));
         return kExitFailure;
     }
-    const int status = supervise(settings, installDir, ready, lock.get());
+    const int status = supervise(settings, installDir, ready, {lock.get(), lockPath});
     CLogDebug::Close();
     return status;
 }

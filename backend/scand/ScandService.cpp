@@ -156,7 +156,10 @@ int Service::run(const std::function<void(int)>& ready)
 std::string Service::waitForStop(int signalFd)
 {
     const UniqueFd epoll(epoll_create1(EPOLL_CLOEXEC));
-    for (const int fd : {signalFd, m_inotify.get(), m_wake.get(), m_timer.get()}) {
+    for (const int fd : {signalFd, m_inotify.get(), m_wake.get(), m_timer.get(), m_lockWatch.fd()}) {
+        if (fd < 0) {
+            continue;
+        }
         epoll_event ev{};
         ev.events = EPOLLIN;
         ev.data.fd = fd;
@@ -187,6 +190,8 @@ std::string Service::waitForStop(int signalFd)
                 startReload();
             } else if (fd == m_wake.get()) {
                 wakeFinished();
+            } else if (fd == m_lockWatch.fd() && m_lockWatch.gone()) {
+                why = m_lockWatch.why();
             }
         }
         if (!why.empty()) {

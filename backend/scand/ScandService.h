@@ -24,6 +24,7 @@
 #include "ClamEngine.h"
 #include "EngineSwitch.h"
 #include "JobLog.h"
+#include "PathWatch.h"
 #include "Jobs.h"
 #include "ScanRequest.h"
 #include "Settings.h"
@@ -39,6 +40,9 @@ public:
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
+    // The per-user lock file: the service stops when it is removed (with the runtime directory, at
+    // logout), since another kuv-scand may then take the user's place. Before run().
+    void watchLock(const std::string& path) { m_lockPath = path; }
     // Returns the exit status; ready() is called once the service serves (or decided not to).
     int run(const std::function<void(int)>& ready);
 
@@ -125,6 +129,8 @@ private:
 
     UniqueFd m_inotify;
     int m_markerWatch = -1;
+    std::string m_lockPath;
+    kuv::PathWatch m_lockWatch;
     std::string m_stopWhy; // set on the main thread when the service is to stop
     std::map<int, std::string> m_dbWatches;              // watch -> database directory (final "/")
     std::map<int, std::vector<std::string>> m_dbParents; // watch -> database directories still to appear

@@ -117,9 +117,9 @@ bool takeLock(const std::string& path, UniqueFd& lock, std::string& why)
     return true;
 }
 
-int serve(const Settings& settings, const std::string& installDir, UniqueFd& ready, int lockFd)
+int serve(const Settings& settings, const std::string& installDir, UniqueFd& ready, const HeldLock& lock)
 {
-    writePid(lockFd);
+    writePid(lock.fd);
     // Signals are taken through a descriptor; blocked before any thread starts so none sees them.
     sigset_t mask;
     sigemptyset(&mask);
@@ -129,10 +129,11 @@ int serve(const Settings& settings, const std::string& installDir, UniqueFd& rea
     sigprocmask(SIG_BLOCK, &mask, nullptr);
     kuv::ignoreWriteSignals();
     Service service(settings, installDir);
+    service.watchLock(lock.path);
     return service.run([&](int status) { kuv::reportReady(ready, status); });
 }
 
-int supervise(const Settings& settings, const std::string& installDir, UniqueFd& ready, int lockFd)
+int supervise(const Settings& settings, const std::string& installDir, UniqueFd& ready, const HeldLock& lock)
 {
     forwardStopSignals();
     std::vector<std::chrono::steady_clock::time_point> crashes;
@@ -147,7 +148,7 @@ int supervise(const Settings& settings, const std::string& installDir, UniqueFd&
         if (child == 0) {
             signal(SIGTERM, SIG_DFL);
             signal(SIGINT, SIG_DFL);
-            _exit(serve(settings, installDir, ready, lockFd));
+            _exit(serve(settings, installDir, ready, lock));
         }
         g_child = child;
         ready.reset(); // the child reports; a restarted one has no one to report to

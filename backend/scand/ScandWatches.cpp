@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 // What the service watches with inotify: the stop marker's folder, the user's configuration folder
-// (scan.json) and the signature database folders.
+// (scan.json), the signature database folders, and its lock in the runtime directory.
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -41,6 +41,9 @@ bool Service::setUpWatches(std::string& error)
         watchDbDir(dir);
     }
     watchConfigDir();
+    if (!m_lockPath.empty() && !m_lockWatch.watch(m_lockPath)) {
+        KUV_LOG(kuv::LogLevel::Warn, "cannot watch %s: %s", m_lockPath.c_str(), strerror(errno));
+    }
     return true;
 }
 

@@ -30,6 +30,7 @@
 #include "Daemon.h"
 #include "FileUtils.h"
 #include "KuvLogFile.h"
+#include "PathWatch.h"
 #include "PeerCredZmq.h"
 #include "SafeIo.h"
 #include "UniqueFd.h"
@@ -368,8 +369,8 @@ uint64_t randomInstance()
 
 class Broker {
 public:
-    Broker(zmq::socket_t& socket, zmq::socket_t& monitor, int signalFd)
-        : m_socket(socket), m_monitor(monitor), m_signalFd(signalFd),
+    Broker(zmq::socket_t& socket, zmq::socket_t& monitor, int signalFd, kuv::PathWatch& socketWatch)
+        : m_socket(socket), m_monitor(monitor), m_signalFd(signalFd), m_socketWatch(socketWatch),
           m_router(static_cast<uint32_t>(geteuid()), randomInstance(), Router::Limits{}, processAlive)
     {
         m_router.setConnectionCheck(connectionOpen);
@@ -380,6 +381,7 @@ public:
 
 private:
     bool stopRequested();
+    bool socketGone();
     bool drainRouter();
     bool receiveOne();
     size_t readFrames(bool& tooLong);
@@ -392,6 +394,7 @@ private:
     zmq::socket_t& m_socket;
     zmq::socket_t& m_monitor; // PAIR socket with the router's disconnect events
     int m_signalFd;
+    kuv::PathWatch& m_socketWatch; // the socket file: clients find the broker only through it
     Router m_router;
     // Routing id + the message; a few more are kept only to report them (a message is one frame).
     std::array<zmq::message_t, 4> m_frames;
@@ -598,6 +601,17 @@ bool Broker::stopRequested()
     return true;
 }
 
+// Without its socket file no client can reach the broker again, and a new one may already listen at
+// the path; at logout the runtime directory goes with it.
+bool Broker::socketGone()
+{
+    if (!m_socketWatch.gone()) {
+        return false;
+    }
+    KUV_LOG_TO(&g_log, LogLevel::Info, "%s: stopping", m_socketWatch.why().c_str());
+    return true;
+}
+
 // Drains the router until it has nothing more (true) or a batch is done (false: more may be waiting).
 // Bounded, so signals and connection events are looked at under constant load too.
 bool Broker::drainRouter()
@@ -621,16 +635,22 @@ int Broker::run()
     bool routerIdle = false; // drained to EAGAIN since its last use
     bool monitorIdle = false;
     for (;;) {
-        struct pollfd items[3] = {{routerFd, POLLIN, 0}, {monitorFd, POLLIN, 0}, {m_signalFd, POLLIN, 0}};
+        struct pollfd items[4] = {{routerFd, POLLIN, 0},
+                                  {monitorFd, POLLIN, 0},
+                                  {m_signalFd, POLLIN, 0},
+                                  {m_socketWatch.fd(), POLLIN, 0}};
         // No timeout while both sockets are drained: the broker sleeps until a message, a connection
         // event or a signal arrives.
         const int timeout = routerIdle && monitorIdle ? -1 : 0;
-        if (kuv::retryEintr([&] { return ::poll(items, 3, timeout); }) < 0) {
+        if (kuv::retryEintr([&] { return ::poll(items, std::size(items), timeout); }) < 0) {
             KUV_LOG_TO(&g_log, LogLevel::Error, "poll: %s", strerror(errno));
             return kExitFailure;
         }
         try {
             if ((items[2].revents & POLLIN) && stopRequested()) {
+                return kExitOk;
+            }
+            if ((items[3].revents & POLLIN) && socketGone()) {
                 return kExitOk;
             }
             if (!routerIdle || (items[0].revents & POLLIN)) {
@@ -689,8 +709,13 @@ int serve(const Options& options, const BusAddress& address, UniqueFd& ready)
         }
         socketFile.bound();
         zmq::socket_t monitor = watchDisconnects(context, router);
+        kuv::PathWatch socketWatch;
+        if (!socketWatch.watch(address.path)) {
+            // Serving goes on; only a removed socket would go unnoticed.
+            KUV_LOG_TO(&g_log, LogLevel::Warn, "cannot watch %s: %s", address.path.c_str(), strerror(errno));
+        }
 
-        Broker broker(router, monitor, signals.get());
+        Broker broker(router, monitor, signals.get(), socketWatch);
         KUV_LOG_TO(&g_log, LogLevel::Info, "kuv-zelld %s serving %s (pid %d, instance %016llx)", KUV_VERSION,
                    address.endpoint.c_str(), static_cast<int>(getpid()),
                    static_cast<unsigned long long>(broker.router().instance()));

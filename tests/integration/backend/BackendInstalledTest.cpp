@@ -508,3 +508,19 @@ TEST_F(Backend, ClamdChosenInTheUserSettingsIsUsedWithoutARestart)
     EXPECT_NE(r.out.find("EICAR"), std::string::npos) << r.out;
     EXPECT_TRUE(kuvtest::fileContains(scandLog(), "now scanning with clamd at " + clamd.socket()));
 }
+
+// At logout the user's runtime directory is removed: a broker and a back end left behind would serve
+// nobody while the next login starts new ones beside them.
+TEST_F(Backend, RemovingTheRuntimeDirectoryStopsBrokerAndBackEnd)
+{
+    startBroker();
+    startScand();
+    const pid_t worker = scandPid();
+    ASSERT_TRUE(alive(brokerPid));
+    ASSERT_EQ(std::system(("rm -rf '" + install->runtime + "/kuv'").c_str()), 0);
+    EXPECT_TRUE(kuvtest::waitUntil([&] { return !alive(brokerPid); }, 10000)) << "the broker stopped";
+    EXPECT_TRUE(kuvtest::waitUntil([&] { return !alive(worker) && !alive(supervisorPid); }, 10000))
+        << "the back end and its supervisor stopped";
+    EXPECT_TRUE(kuvtest::fileContains(scandLog(), "kuv-scand.lock was removed"));
+    EXPECT_TRUE(kuvtest::fileContains(install->dir + "log/kuv-zelld.log", "kuv_zell was removed: stopping"));
+}

@@ -102,6 +102,33 @@ std::string homeDir()
 // The areas of an installation that hold a user's own files.
 const char* const kUserAreas[] = {"log", "data/pubcfg"};
 
+// Whether name is one of the path's components.
+bool hasComponent(const std::string& path, const char* name)
+{
+    const size_t length = std::strlen(name);
+    for (size_t at = path.find(name); at != std::string::npos; at = path.find(name, at + 1)) {
+        const bool starts = at == 0 || path[at - 1] == '/';
+        const bool ends = at + length == path.size() || path[at + length] == '/';
+        if (starts && ends) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Normalising only drops components, so a path that lacks the last component of every area is in
+// none of them, however it is spelt: most paths are told apart without building anything.
+bool mayBeInUserArea(const std::string& path)
+{
+    for (const char* area : kUserAreas) {
+        const char* slash = std::strrchr(area, '/');
+        if (hasComponent(path, slash != nullptr ? slash + 1 : area)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // The installation directory, in scratch when it comes from the environment.
 const std::string& installDirOf(std::string& scratch)
 {
@@ -191,7 +218,7 @@ std::string userStateDir(std::string* error)
 
 std::string userStatePath(const std::string& path)
 {
-    if (path.empty() || path[0] != '/') {
+    if (path.empty() || path[0] != '/' || !mayBeInUserArea(path)) {
         return path;
     }
     thread_local std::string scratch;

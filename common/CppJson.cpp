@@ -57,8 +57,10 @@ bool parseText(const std::string& text, Json::Value& value)
     if (!nestingWithinLimit(text.data(), text.data() + text.size())) {
         return false;
     }
-    Json::Reader reader;
-    return reader.parse(text, value, true);
+    // One reader per thread: building one allocates, and parse() starts each document afresh.
+    // Parsing in place spares the copy that parse(std::string) makes.
+    thread_local Json::Reader reader;
+    return reader.parse(text.data(), text.data() + text.size(), value, true);
 }
 
 } // namespace

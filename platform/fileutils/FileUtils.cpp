@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <memory>
@@ -59,7 +60,14 @@ bool CFile::open(std::ios_base::openmode mode)
     if (mode & std::ios::app) {
         flags |= O_APPEND;
     }
-    m_fd = kuv::openNoFollow(m_strPath, flags, 0600);
+    if (flags == O_RDONLY) {
+        // Only a regular file is kept, and O_NONBLOCK means nothing to one: it stays set rather
+        // than costing two more system calls on every read.
+        flags |= O_NONBLOCK;
+    }
+    struct stat st;
+    m_fd = kuv::openNoFollow(m_strPath, flags, 0600, &st);
+    m_openSize = m_fd.valid() ? static_cast<unsigned long long>(st.st_size) : 0;
     return m_fd.valid();
 }
 
@@ -79,30 +87,40 @@ bool CFile::ReadAll(std::string& content)
     if (!m_fd.valid()) {
         return false;
     }
-    struct stat st;
-    if (::fstat(m_fd.get(), &st) != 0 || static_cast<unsigned long long>(st.st_size) > kMaxReadAll) {
+    if (m_openSize > kMaxReadAll) {
         errno = EFBIG;
         return false;
     }
-    std::string buffer;
-    buffer.reserve(static_cast<size_t>(st.st_size));
-    char chunk[16384];
-    off_t pos = 0;
+    // One read of the size seen at open plus a byte: coming back short at exactly that size is the
+    // end of the file. A file that changed since the open (or reports no size, as /proc does) is
+    // read on until a read returns 0, never past the cap.
+    const size_t expected = static_cast<size_t>(m_openSize);
+    std::string buffer(expected + 1, '\0');
+    size_t total = 0;
     for (;;) {
-        const ssize_t n = kuv::retryEintr([&] { return ::pread(m_fd.get(), chunk, sizeof chunk, pos); });
+        if (total == buffer.size()) {
+            buffer.resize(std::min<size_t>(std::max<size_t>(buffer.size() * 2, 16384), kMaxReadAll + 1));
+        }
+        char* at = &buffer[total];
+        const size_t room = buffer.size() - total;
+        const ssize_t n =
+            kuv::retryEintr([&] { return ::pread(m_fd.get(), at, room, static_cast<off_t>(total)); });
         if (n < 0) {
             return false;
         }
         if (n == 0) {
             break;
         }
-        if (buffer.size() + static_cast<size_t>(n) > kMaxReadAll) {
+        total += static_cast<size_t>(n);
+        if (total > kMaxReadAll) {
             errno = EFBIG;
             return false;
         }
-        buffer.append(chunk, static_cast<size_t>(n));
-        pos += n;
+        if (total == expected && static_cast<size_t>(n) < room) {
+            break;
+        }
     }
+    buffer.resize(total);
     content.swap(buffer);
     return true;
 }
@@ -168,11 +186,31 @@ bool CDir::getAllFilesInDir(std::list<CFileInfo>& out, const char* dir)
         if (entry == nullptr) {
             return errno == 0;
         }
-        const std::string name(entry->d_name);
-        if (name == "." || name == "..") {
+        const char* name = entry->d_name;
+        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) {
             continue;
         }
-        out.emplace_back(base + name);
+        std::string path = base;
+        path += name;
+        // The listing's own type spares an lstat per entry; a link still needs its target's kind,
+        // and a file system that gives no type is asked.
+        switch (entry->d_type) {
+        case DT_REG:
+            out.push_back(CFileInfo(std::move(path), false, false, true));
+            break;
+        case DT_DIR:
+            out.push_back(CFileInfo(std::move(path), false, true, false));
+            break;
+        case DT_FIFO:
+        case DT_CHR:
+        case DT_BLK:
+        case DT_SOCK:
+            out.push_back(CFileInfo(std::move(path), false, false, false));
+            break;
+        default:
+            out.emplace_back(path);
+            break;
+        }
     }
 }
 

@@ -22,33 +22,57 @@ std::string withSlash(std::string dir)
     return dir;
 }
 
+// Whether an absolute path has an empty, "." or ".." component, the only things lexicalPath changes.
+bool needsLexical(const std::string& path)
+{
+    const size_t n = path.size();
+    for (size_t i = 0; i < n; ++i) {
+        if (path[i] != '/' || i + 1 == n) {
+            continue;
+        }
+        const char next = path[i + 1];
+        if (next == '/') {
+            return true;
+        }
+        if (next == '.') {
+            const char after = i + 2 < n ? path[i + 2] : '/';
+            if (after == '/' || (after == '.' && (i + 3 >= n || path[i + 3] == '/'))) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
 // "a//b/./c/../d" as "a/b/d", without asking the file system; a final "/" is kept.
 std::string lexicalPath(const std::string& path)
 {
-    if (path.empty() || path[0] != '/') {
+    if (path.empty() || path[0] != '/' || !needsLexical(path)) {
         return path;
     }
-    std::vector<std::string> parts;
+    std::string out;
+    out.reserve(path.size());
+    const size_t n = path.size();
     size_t pos = 0;
-    while (pos <= path.size()) {
+    while (pos < n) {
+        while (pos < n && path[pos] == '/') {
+            ++pos;
+        }
         size_t next = path.find('/', pos);
         if (next == std::string::npos) {
-            next = path.size();
+            next = n;
         }
-        const std::string part = path.substr(pos, next - pos);
-        if (part == "..") {
-            if (!parts.empty()) {
-                parts.pop_back();
+        const size_t length = next - pos;
+        if (length == 2 && path[pos] == '.' && path[pos + 1] == '.') {
+            const size_t cut = out.rfind('/');
+            if (cut != std::string::npos) {
+                out.erase(cut);
             }
-        } else if (!part.empty() && part != ".") {
-            parts.push_back(part);
+        } else if (length != 0 && !(length == 1 && path[pos] == '.')) {
+            out += '/';
+            out.append(path, pos, length);
         }
-        pos = next + 1;
-    }
-    std::string out;
-    for (const auto& part : parts) {
-        out += '/';
-        out += part;
+        pos = next;
     }
     if (out.empty()) {
         return "/";
@@ -78,20 +102,63 @@ std::string homeDir()
 // The areas of an installation that hold a user's own files.
 const char* const kUserAreas[] = {"log", "data/pubcfg"};
 
+// Whether name is one of the path's components.
+bool hasComponent(const std::string& path, const char* name)
+{
+    const size_t length = std::strlen(name);
+    for (size_t at = path.find(name); at != std::string::npos; at = path.find(name, at + 1)) {
+        const bool starts = at == 0 || path[at - 1] == '/';
+        const bool ends = at + length == path.size() || path[at + length] == '/';
+        if (starts && ends) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Normalising only drops components, so a path that lacks the last component of every area is in
+// none of them, however it is spelt: most paths are told apart without building anything.
+bool mayBeInUserArea(const std::string& path)
+{
+    for (const char* area : kUserAreas) {
+        const char* slash = std::strrchr(area, '/');
+        if (hasComponent(path, slash != nullptr ? slash + 1 : area)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The installation directory, in scratch when it comes from the environment.
+const std::string& installDirOf(std::string& scratch)
+{
+    // Read at every call: tests and tools point it elsewhere while the process runs.
+    const char* env = std::getenv("KUV_INSTALL_DIR");
+    if (env != nullptr && env[0] != '\0') {
+        scratch.assign(env);
+        if (scratch.back() != '/') {
+            scratch += '/';
+        }
+        return scratch;
+    }
+    // The executable does not move while it runs, so /proc/self/exe is resolved once.
+    static const std::string fromExecutable = [] {
+        // DIR/bin/program: the installation is the parent of the executable's directory.
+        const std::filesystem::path bin = std::filesystem::path(CDir::currentDir());
+        const std::filesystem::path parent = (bin.has_filename() ? bin : bin.parent_path()).parent_path();
+        return parent.empty() ? std::string() : withSlash(parent.string());
+    }();
+    return fromExecutable;
+}
+
 } // namespace
 
 namespace kuv {
 
 std::string installDir()
 {
-    const char* env = std::getenv("KUV_INSTALL_DIR");
-    if (env != nullptr && env[0] != '\0') {
-        return withSlash(env);
-    }
-    // DIR/bin/program: the installation is the parent of the executable's directory.
-    const std::filesystem::path bin = std::filesystem::path(CDir::currentDir());
-    const std::filesystem::path parent = (bin.has_filename() ? bin : bin.parent_path()).parent_path();
-    return parent.empty() ? std::string() : withSlash(parent.string());
+    std::string scratch;
+    return installDirOf(scratch);
 }
 
 bool ownInstallation(const std::string& dir)
@@ -151,16 +218,34 @@ std::string userStateDir(std::string* error)
 
 std::string userStatePath(const std::string& path)
 {
-    const std::string install = installDir();
-    if (install.empty() || path.empty() || path[0] != '/') {
+    if (path.empty() || path[0] != '/' || !mayBeInUserArea(path)) {
         return path;
     }
-    const std::string root = withSlash(lexicalPath(install));
-    const std::string wanted = lexicalPath(path);
+    thread_local std::string scratch;
+    const std::string& install = installDirOf(scratch);
+    if (install.empty()) {
+        return path;
+    }
+    // Every CFile asks, mostly with the same installation: its normal form is kept per thread.
+    thread_local std::string lastInstall;
+    thread_local std::string root;
+    if (install != lastInstall) {
+        root = withSlash(lexicalPath(install));
+        lastInstall = install;
+    }
+    std::string normal;
+    if (needsLexical(path)) {
+        normal = lexicalPath(path);
+    }
+    const std::string& wanted = normal.empty() ? path : normal;
+    if (wanted.size() < root.size() || wanted.compare(0, root.size(), root) != 0) {
+        return path;
+    }
     for (const char* area : kUserAreas) {
-        const std::string prefix = root + area;
-        if (wanted.compare(0, prefix.size(), prefix) != 0 ||
-            (wanted.size() > prefix.size() && wanted[prefix.size()] != '/')) {
+        const size_t areaSize = std::strlen(area);
+        const size_t prefixSize = root.size() + areaSize;
+        if (wanted.compare(root.size(), areaSize, area) != 0 || wanted.size() < prefixSize ||
+            (wanted.size() > prefixSize && wanted[prefixSize] != '/')) {
             continue;
         }
         if (ownInstallation(install)) {

@@ -9,6 +9,7 @@
 #include <list>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "UniqueFd.h"
 
@@ -46,6 +47,7 @@ private:
 
     std::string m_strPath;
     kuv::UniqueFd m_fd;
+    unsigned long long m_openSize = 0; // the file's size when it was opened
 };
 
 class KUV_EXPORT CFileInfo {
@@ -57,10 +59,17 @@ public:
     bool isDir() const { return m_bDir; }
     bool isFile() const { return m_bFile; }
     // The path the entry was listed under (directory + "/" + name), never resolved.
-    std::string absoluteFilePath() const { return m_strPath; }
+    const std::string& absoluteFilePath() const { return m_strPath; }
     std::string fileName() const;
 
 private:
+    friend class CDir;
+    // An entry whose kind the directory listing already told.
+    CFileInfo(std::string path, bool symLink, bool dir, bool file)
+        : m_strPath(std::move(path)), m_bSymLink(symLink), m_bDir(dir), m_bFile(file)
+    {
+    }
+
     std::string m_strPath;
     bool m_bSymLink = false;
     bool m_bDir = false;

@@ -2,6 +2,7 @@
 #include "CPluginMgr.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 
 #include <QMutexLocker>
@@ -21,10 +22,11 @@ namespace {
 BF_LOG_SOURCE("gui/service/core/bin/CPluginMgr");
 
 // "a | b | " : every element is followed by the separator, so an empty list gives "".
+// Written into text, whose storage is reused from one dump line to the next.
 template <typename Container>
-std::string joinList(const Container& items)
+const std::string& joinList(const Container& items, std::string& text)
 {
-    std::string text;
+    text.clear();
     for (const auto& item : items) {
         text += item;
         text += " | ";
@@ -32,17 +34,30 @@ std::string joinList(const Container& items)
     return text;
 }
 
+// The dumps are only worth building when their records are written.
+bool infoLogged()
+{
+    CLogDebug* log = CLogDebug::Instance();
+    return log != nullptr && log->CheckLogLevel(LOG_LEVEL_INFO, 1);
+}
+
+// The member's value when it is there and an object's member; nullptr otherwise.
+const Json::Value* member(const Json::Value& value, const char* key)
+{
+    if (!value.isObject()) {
+        return nullptr;
+    }
+    return value.find(key, key + std::strlen(key));
+}
+
 std::string getString(const char* key, const Json::Value& value, const std::string& defaultValue)
 {
     try {
-        if (value.isNull() || !value.isObject() || !value.isMember(key)) {
+        const Json::Value* found = member(value, key);
+        if (found == nullptr || !found->isString()) {
             return defaultValue;
         }
-        const Json::Value& member = value[key];
-        if (!member.isString()) {
-            return defaultValue;
-        }
-        return member.asString();
+        return found->asString();
     } catch (...) {
         return defaultValue;
     }
@@ -81,6 +96,7 @@ std::vector<std::string> CPluginMgr::allMapFile()
     CDir::getAllFilesInDir(entries, dir.c_str());
 
     std::vector<std::string> paths;
+    paths.reserve(entries.size());
     for (const CFileInfo& entry : entries) {
         if (entry.isSymLink()) {
             BF_LOG(LOG_LEVEL_WARN, "%s is symlink", entry.absoluteFilePath().c_str());
@@ -117,16 +133,14 @@ int CPluginMgr::readOneMapFile(const std::string& path, sComboPluginInfo& info)
     CStr::toLower(info.strCombo);
 
     // Index and combo are already filled when the plugin list turns out missing.
-    const Json::Value* list = nullptr;
-    if (root.isObject() && root.isMember("pluginList") && root["pluginList"].isArray()) {
-        list = &root["pluginList"];
-    }
-    if (list == nullptr) {
+    const Json::Value* list = member(root, "pluginList");
+    if (list == nullptr || !list->isArray()) {
         BF_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] pluginList not exist, json = %s", content.c_str());
         return -4;
     }
+    const std::string noId;
     for (Json::ArrayIndex i = 0; i < list->size(); ++i) {
-        info.pluginList.push_back(getString("id", (*list)[i], ""));
+        info.pluginList.push_back(getString("id", (*list)[i], noId));
     }
     return 0;
 }
@@ -146,12 +160,12 @@ int CPluginMgr::installPlugin(std::string plugin)
     }
 
     sPluginInitParas paras;
-    paras.mapParas.insert("IZellMREndPoint4", QVariant::fromValue<void*>(endPoint));
-    paras.mapParas.insert("CGlobalTag", QVariant::fromValue<void*>(m_pGlobalTag));
+    paras.mapParas.insert(QStringLiteral("IZellMREndPoint4"), QVariant::fromValue<void*>(endPoint));
+    paras.mapParas.insert(QStringLiteral("CGlobalTag"), QVariant::fromValue<void*>(m_pGlobalTag));
     CQPluginManager::singleInstance()->installPluginAsyn(name, QVariant::fromValue<sPluginInitParas>(paras));
 
     // The loader's outcome is not awaited: the endpoint belongs to the plugin from here on.
-    m_mapPluginEndpoint[name] = endPoint;
+    m_mapPluginEndpoint.insert(name, endPoint);
     BF_LOG(LOG_LEVEL_INFO, "加载插件: %s", plugin.c_str());
     return 0;
 }
@@ -273,15 +287,24 @@ int CPluginMgr::updatePluginStatus()
             BF_LOG(LOG_LEVEL_ERROR, "[CPluginMgr] read map file %s failed.", path.c_str());
             continue;
         }
-        m_mapComboPlugin[info.strCombo] = info;
         // The first file in listing order keeps a disputed index.
-        if (m_mapIndexCombo.find(info.nIndex) == m_mapIndexCombo.end()) {
-            m_mapIndexCombo[info.nIndex] = info.strCombo;
+        auto slot = m_mapIndexCombo.lower_bound(info.nIndex);
+        if (slot == m_mapIndexCombo.end() || slot->first != info.nIndex) {
+            m_mapIndexCombo.emplace_hint(slot, info.nIndex, info.strCombo);
         } else {
             BF_LOG(LOG_LEVEL_WARN, "[CPluginMgr] combo %s index has exist.", info.strCombo.c_str());
         }
         for (const std::string& plugin : info.pluginList) {
             m_mapPluginCombos[plugin].insert(info.strCombo);
+        }
+        // Last, so the record can be moved in rather than copied; a later file with the same name
+        // replaces it.
+        auto entry = m_mapComboPlugin.lower_bound(info.strCombo);
+        if (entry != m_mapComboPlugin.end() && entry->first == info.strCombo) {
+            entry->second = std::move(info);
+        } else {
+            std::string key = info.strCombo;
+            m_mapComboPlugin.emplace_hint(entry, std::move(key), std::move(info));
         }
     }
 
@@ -292,7 +315,7 @@ int CPluginMgr::updatePluginStatus()
     // Every listed combo is wanted, so nothing listed is to go.
     std::set<std::string> installSet;
     for (const auto& entry : m_mapComboPlugin) {
-        installSet.insert(entry.first);
+        installSet.emplace_hint(installSet.end(), entry.first);
     }
     const std::set<std::string> uninstallSet;
     printStrSet(installSet, "will install combo");
@@ -308,7 +331,7 @@ int CPluginMgr::updatePluginStatus()
         finalUninstall.insert(uninstallSet.begin(), uninstallSet.end());
     } else {
         // On a first update the uninstall set is not taken over.
-        finalInstall = installSet;
+        finalInstall.swap(installSet);
     }
     printStrSet(finalInstall, "will install combo last");
     printStrSet(finalUninstall, "will uninstall combo last");
@@ -332,9 +355,12 @@ int CPluginMgr::updatePluginStatus()
 void CPluginMgr::printComboPluginMap()
 {
     BF_LOG(LOG_LEVEL_INFO, "---------- combo --> plugins start ----------");
-    for (const auto& entry : m_mapComboPlugin) {
-        BF_LOG(LOG_LEVEL_INFO, "combo = %s, pluginList = %s", entry.first.c_str(),
-               joinList(entry.second.pluginList).c_str());
+    if (infoLogged()) {
+        std::string joined;
+        for (const auto& entry : m_mapComboPlugin) {
+            BF_LOG(LOG_LEVEL_INFO, "combo = %s, pluginList = %s", entry.first.c_str(),
+                   joinList(entry.second.pluginList, joined).c_str());
+        }
     }
     BF_LOG(LOG_LEVEL_INFO, "---------- combo --> plugins end  ----------");
 }
@@ -342,8 +368,10 @@ void CPluginMgr::printComboPluginMap()
 void CPluginMgr::printIndexComboMap()
 {
     BF_LOG(LOG_LEVEL_INFO, "---------- index --> combo start ----------");
-    for (const auto& entry : m_mapIndexCombo) {
-        BF_LOG(LOG_LEVEL_INFO, "index = %d, combo = %s", entry.first, entry.second.c_str());
+    if (infoLogged()) {
+        for (const auto& entry : m_mapIndexCombo) {
+            BF_LOG(LOG_LEVEL_INFO, "index = %d, combo = %s", entry.first, entry.second.c_str());
+        }
     }
     BF_LOG(LOG_LEVEL_INFO, "---------- index --> combo end ----------");
 }
@@ -351,13 +379,20 @@ void CPluginMgr::printIndexComboMap()
 void CPluginMgr::printPluginCombosMap()
 {
     BF_LOG(LOG_LEVEL_INFO, "---------- plugins --> combos start ----------");
-    for (const auto& entry : m_mapPluginCombos) {
-        BF_LOG(LOG_LEVEL_INFO, "plugin = %s, combo = %s", entry.first.c_str(), joinList(entry.second).c_str());
+    if (infoLogged()) {
+        std::string joined;
+        for (const auto& entry : m_mapPluginCombos) {
+            BF_LOG(LOG_LEVEL_INFO, "plugin = %s, combo = %s", entry.first.c_str(), joinList(entry.second, joined).c_str());
+        }
     }
     BF_LOG(LOG_LEVEL_INFO, "---------- plugins --> combos end ----------");
 }
 
 void CPluginMgr::printStrSet(const std::set<std::string>& set, const std::string& name)
 {
-    BF_LOG(LOG_LEVEL_INFO, "[CPluginMgr] %s : %s ", name.c_str(), joinList(set).c_str());
+    if (!infoLogged()) {
+        return;
+    }
+    std::string joined;
+    BF_LOG(LOG_LEVEL_INFO, "[CPluginMgr] %s : %s ", name.c_str(), joinList(set, joined).c_str());
 }

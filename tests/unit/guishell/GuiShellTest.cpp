@@ -234,6 +234,59 @@ TEST_F(GuiShellTest, MenuQuitTakesTheSameQuitPathAndClosingOnlyHides)
     EXPECT_EQ(1, m_probe.calls.load());
 }
 
+TEST_F(GuiShellTest, OnlyTheShownPageIsBuiltUntilAnotherIsChosen)
+{
+    ASSERT_EQ(0, init());
+    QWidget* w = shelltest::mainWindow();
+    ASSERT_NE(nullptr, w);
+    w->show();
+    ASSERT_TRUE(shelltest::spinUntil([w] { return w->isVisible(); }));
+    auto* nav = w->findChild<QListWidget*>("kuvNavigation");
+    auto* stack = w->findChild<QStackedWidget*>("kuvPages");
+    ASSERT_NE(nullptr, nav);
+    ASSERT_NE(nullptr, stack);
+    const char* const pages[] = {"kuvOverviewPage", "kuvScanPage", "kuvQuarantinePage", "kuvHistoryPage",
+                                 "kuvSettingsPage"};
+    ASSERT_EQ(5, nav->count()) << "every page has its entry from the start";
+    EXPECT_EQ(0, nav->currentRow());
+    EXPECT_EQ(1, stack->count());
+    EXPECT_EQ(pages[0], stack->currentWidget()->objectName().toStdString());
+    EXPECT_TRUE(stack->currentWidget()->isVisible());
+    for (int i = 1; i < 5; ++i) {
+        EXPECT_EQ(nullptr, w->findChild<QWidget*>(QLatin1String(pages[i]))) << pages[i] << " built before it was chosen";
+    }
+    // The widgets of those pages do not exist either.
+    EXPECT_EQ(nullptr, w->findChild<QLabel*>("kuvScanState"));
+    EXPECT_EQ(nullptr, w->findChild<QComboBox*>("kuvLanguage"));
+
+    // Choosing an entry builds its page, once, and shows it; the others stay unbuilt.
+    QWidget* built[5] = {stack->currentWidget(), nullptr, nullptr, nullptr, nullptr};
+    for (int row = 1; row < 5; ++row) {
+        nav->setCurrentRow(row);
+        QCoreApplication::processEvents();
+        QWidget* page = stack->currentWidget();
+        ASSERT_NE(nullptr, page);
+        EXPECT_EQ(pages[row], page->objectName().toStdString());
+        EXPECT_TRUE(page->isVisible()) << pages[row];
+        EXPECT_EQ(row + 1, stack->count());
+        for (int later = row + 1; later < 5; ++later) {
+            EXPECT_EQ(nullptr, w->findChild<QWidget*>(QLatin1String(pages[later]))) << pages[later];
+        }
+        built[row] = page;
+    }
+    EXPECT_NE(nullptr, w->findChild<QLabel*>("kuvScanState"));
+    EXPECT_NE(nullptr, w->findChild<QComboBox*>("kuvLanguage"));
+    // Going back shows the same pages again, nothing is built twice.
+    for (int row = 0; row < 5; ++row) {
+        nav->setCurrentRow(row);
+        EXPECT_EQ(built[row], stack->currentWidget()) << pages[row];
+        EXPECT_TRUE(built[row]->isVisible()) << pages[row];
+    }
+    EXPECT_EQ(5, stack->count());
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+}
+
 TEST_F(GuiShellTest, LanguageFromSetLanAndOverriddenByTheSettingsFile)
 {
     basegui::Common::setLan("zh-CN");
@@ -244,6 +297,7 @@ TEST_F(GuiShellTest, LanguageFromSetLanAndOverriddenByTheSettingsFile)
     EXPECT_EQ("概览", nav->item(0)->text().toStdString());
 
     // Chosen in the settings page: saved and applied at once.
+    ASSERT_NE(nullptr, shelltest::choosePage(w, "kuvSettingsPage"));
     auto* lang = w->findChild<QComboBox*>("kuvLanguage");
     ASSERT_NE(nullptr, lang);
     lang->setCurrentIndex(0);

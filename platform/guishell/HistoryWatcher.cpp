@@ -24,12 +24,14 @@ HistoryWatcher::HistoryWatcher(QObject* parent) : QObject(parent)
     connect(&m_settle, &QTimer::timeout, this, &HistoryWatcher::check);
     connect(&m_watcher, &QFileSystemWatcher::fileChanged, this, [this]() { m_settle.start(); });
     connect(&m_watcher, &QFileSystemWatcher::directoryChanged, this, [this]() { m_settle.start(); });
-    std::vector<std::string> notices;
-    std::string error;
-    m_db = kuv::store::openUserDb(kuv::store::userDataDir(), notices, error);
-    if (m_db) {
-        m_lastSeen = m_db->lastJobId();
-    }
+    // A quick read-only look rather than a held connection: the full open (schema, integrity check)
+    // waits until something changes. Read before the watches are set, so that its own traces in the
+    // directory are not taken for a change.
+    int64_t lastJob = 0;
+    int64_t pending = 0;
+    kuv::store::peekUserDb(kuv::store::userDataDir(), lastJob, pending);
+    m_lastSeen = lastJob;
+    m_startPending = pending;
     arm();
 }
 
@@ -51,7 +53,19 @@ void HistoryWatcher::arm()
 
 qint64 HistoryWatcher::pendingFindings()
 {
-    return m_db ? m_db->pendingFindings() : 0;
+    if (m_db) {
+        return m_db->pendingFindings();
+    }
+    if (m_startPending >= 0) {
+        const qint64 pending = m_startPending;
+        m_startPending = -1;
+        return pending;
+    }
+    // Asked again before any change was seen: look again.
+    int64_t lastJob = 0;
+    int64_t pending = 0;
+    kuv::store::peekUserDb(kuv::store::userDataDir(), lastJob, pending);
+    return pending;
 }
 
 void HistoryWatcher::check()

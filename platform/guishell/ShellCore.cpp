@@ -52,9 +52,12 @@ QStringList catalogsFor(const std::string& language)
     const QString suffix = catalogSuffix(language);
     QStringList out;
     const QDir dir(QStringLiteral(":/kuvgui/i18n"));
-    for (const QString& name : dir.entryList({QStringLiteral("*_") + suffix + QStringLiteral(".qm")}, QDir::Files,
-                                             QDir::Name)) {
-        out << dir.filePath(name);
+    // "*_<suffix>.qm" by hand: a QDir name filter compiles a regular expression.
+    const QString ending = QStringLiteral("_") + suffix + QStringLiteral(".qm");
+    for (const QString& name : dir.entryList(QDir::Files, QDir::Name)) {
+        if (name.endsWith(ending, Qt::CaseInsensitive)) {
+            out << dir.filePath(name);
+        }
     }
     return out;
 }

@@ -58,7 +58,10 @@ void startNumbers(int64_t& lastJob, int64_t& pending)
     const std::string dataDir = kuv::store::userDataDir();
     const DbStamp before = dbStamp(dataDir);
     if (before.db == "-") {
-        return; // no history yet
+        // No history yet. The directory is made (0700) so that it can be watched for the first one.
+        std::string error;
+        kuv::store::openPrivateDir(dataDir, 1, &error);
+        return;
     }
     const std::string stateDir = kuv::userStateDir();
     const std::string remembered = stateDir.empty() ? std::string() : stateDir + kRememberedName;

@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-#include "DesktopNotifier.h"
-
+// The D-Bus side of the desktop notifications, in its own module (libkuvnotify.so): the shell loads it
+// with the first notification.
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
+#include <QHash>
+#include <QObject>
 #include <QStringList>
 #include <QVariantMap>
 
+#include "KuvExport.h"
 #include "KuvLog.h"
+#include "NotifyBackend.h"
 
 namespace kuv {
 namespace shell {
@@ -25,9 +29,29 @@ constexpr int kCallTimeoutMs = 10000;
 
 } // namespace
 
-DesktopNotifier::DesktopNotifier(QObject* parent) : QObject(parent) {}
+class DBusNotifier final : public QObject, public NotifyBackend {
+    Q_OBJECT
+public:
+    void notify(const QString& summary, const QString& body, const QString& action, bool critical,
+                qint64 job) override;
+    QObject* object() override { return this; }
 
-void DesktopNotifier::notify(const QString& summary, const QString& body, bool critical, qint64 job)
+signals:
+    void delivered(uint id);
+    void undelivered(const QString& summary, const QString& body, const QString& why);
+    void openResults(qint64 job);
+
+private slots:
+    void onActionInvoked(uint id, const QString& key);
+    void onClosed(uint id, uint reason);
+
+private:
+    QHash<uint, qint64> m_jobs;
+    bool m_listening = false;
+};
+
+void DBusNotifier::notify(const QString& summary, const QString& body, const QString& action, bool critical,
+                          qint64 job)
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
@@ -42,13 +66,12 @@ void DesktopNotifier::notify(const QString& summary, const QString& body, bool c
         m_listening = true;
     }
     QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kInterface, QStringLiteral("Notify"));
-    const QString show = tr("Show results");
     QVariantMap hints;
     hints.insert(QStringLiteral("urgency"), QVariant::fromValue(uchar(critical ? 2 : 1)));
     hints.insert(QStringLiteral("desktop-entry"), QStringLiteral("kuvgui"));
     hints.insert(QStringLiteral("category"), QStringLiteral("x-kuv.scan"));
     call << QStringLiteral("kuvgui") << uint(0) << QStringLiteral("security-high") << summary << body
-         << QStringList{QStringLiteral("default"), show, QStringLiteral("open-results"), show} << hints
+         << QStringList{QStringLiteral("default"), action, QStringLiteral("open-results"), action} << hints
          << int(critical ? 0 : -1);
     auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, kCallTimeoutMs), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher, summary, body, job]() {
@@ -66,7 +89,7 @@ void DesktopNotifier::notify(const QString& summary, const QString& body, bool c
     });
 }
 
-void DesktopNotifier::onActionInvoked(uint id, const QString& key)
+void DBusNotifier::onActionInvoked(uint id, const QString& key)
 {
     auto found = m_jobs.find(id);
     if (found == m_jobs.end()) {
@@ -77,10 +100,17 @@ void DesktopNotifier::onActionInvoked(uint id, const QString& key)
     }
 }
 
-void DesktopNotifier::onClosed(uint id, uint)
+void DBusNotifier::onClosed(uint id, uint)
 {
     m_jobs.remove(id);
 }
 
 } // namespace shell
 } // namespace kuv
+
+extern "C" KUV_EXPORT kuv::shell::NotifyBackend* kuv_notify_create()
+{
+    return new kuv::shell::DBusNotifier();
+}
+
+#include "DBusNotifier.moc"

@@ -7,6 +7,7 @@
 #include <QPainterPath>
 #include <QPalette>
 #include <QPixmap>
+#include <QPolygonF>
 
 namespace kuv {
 namespace shell {
@@ -55,7 +56,11 @@ void paintShield(QPainter& p, const QRectF& r, int badge)
     p.restore();
 }
 
-void paintGlyph(QPainter& p, const QRectF& r, NavGlyph glyph, const QColor& ink)
+// Beyond the navigation glyphs: the overflow chevrons.
+constexpr int GLYPH_EXTENSION_H = GLYPH_PLUGIN + 1;
+constexpr int GLYPH_EXTENSION_V = GLYPH_PLUGIN + 2;
+
+void paintGlyph(QPainter& p, const QRectF& r, int glyph, const QColor& ink)
 {
     p.save();
     const qreal s = qMin(r.width(), r.height());
@@ -94,6 +99,16 @@ void paintGlyph(QPainter& p, const QRectF& r, NavGlyph glyph, const QColor& ink)
             p.setBrush(Qt::NoBrush);
         }
         break;
+    case GLYPH_EXTENSION_H: // a double chevron, pointing right
+        for (qreal x : {5.0, 10.0}) {
+            p.drawPolyline(QPolygonF({QPointF(x, 6), QPointF(x + 4, 10), QPointF(x, 14)}));
+        }
+        break;
+    case GLYPH_EXTENSION_V: // a double chevron, pointing down
+        for (qreal y : {5.0, 10.0}) {
+            p.drawPolyline(QPolygonF({QPointF(6, y), QPointF(10, y + 4), QPointF(14, y)}));
+        }
+        break;
     case GLYPH_PLUGIN: // "i" in a circle
         p.drawEllipse(QPointF(10, 10), 7, 7);
         p.drawLine(QPointF(10, 9), QPointF(10, 14));
@@ -121,7 +136,7 @@ public:
         const QColor ink = mode == QIcon::Selected   ? palette.color(QPalette::HighlightedText)
                            : mode == QIcon::Disabled ? palette.color(QPalette::Disabled, QPalette::Text)
                                                      : palette.color(QPalette::Text);
-        paintGlyph(*painter, rect, static_cast<NavGlyph>(m_glyph), ink);
+        paintGlyph(*painter, rect, m_glyph, ink);
     }
 
     QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override
@@ -171,6 +186,11 @@ QIcon appIcon(int badge)
 QIcon navIcon(NavGlyph glyph)
 {
     return QIcon(new PaintedIconEngine(0, glyph, squares({20})));
+}
+
+QIcon extensionIcon(bool horizontal)
+{
+    return QIcon(new PaintedIconEngine(0, horizontal ? GLYPH_EXTENSION_H : GLYPH_EXTENSION_V, squares({16, 20})));
 }
 
 } // namespace shell

@@ -15,5 +15,8 @@ enum NavGlyph { GLYPH_OVERVIEW, GLYPH_SCAN, GLYPH_QUARANTINE, GLYPH_HISTORY, GLY
 // A small line drawing for a navigation item, in the palette's text colour.
 QIcon navIcon(NavGlyph glyph);
 
+// The chevron of a menu or tool bar's overflow button, pointing right (horizontal) or down.
+QIcon extensionIcon(bool horizontal);
+
 } // namespace shell
 } // namespace kuv

@@ -23,9 +23,9 @@ namespace {
 // Writes come in bursts (job row, paths, findings); look once they settled.
 constexpr int kSettleMs = 200;
 
-// What the start remembers of the history database: its two numbers with the identity of the files
-// they were read from. A start that finds the files as they were needs no SQLite at all.
-const char* const kRememberedName = "attention.json";
+// What the start remembers of the history database, beside it: its two numbers with the identity of
+// the files they were read from. A start that finds the files as they were needs no SQLite at all.
+const char* const kRememberedName = "/history.summary.json";
 
 // Device, inode, size and modification time of path; "-" when it is missing.
 std::string fileStamp(const std::string& path)
@@ -63,10 +63,9 @@ void startNumbers(int64_t& lastJob, int64_t& pending)
         kuv::store::openPrivateDir(dataDir, 1, &error);
         return;
     }
-    const std::string stateDir = kuv::userStateDir();
-    const std::string remembered = stateDir.empty() ? std::string() : stateDir + kRememberedName;
+    const std::string remembered = dataDir + kRememberedName;
     Json::Value saved;
-    if (!remembered.empty() && CppJson::LoadJsonFile(remembered.c_str(), saved) && saved.isObject() &&
+    if (CppJson::LoadJsonFile(remembered.c_str(), saved) && saved.isObject() &&
         saved["db"].isString() && saved["wal"].isString() && saved["last_job"].isInt64() &&
         saved["pending"].isInt64() && DbStamp{saved["db"].asString(), saved["wal"].asString()} == before) {
         lastJob = saved["last_job"].asInt64();
@@ -82,7 +81,7 @@ void startNumbers(int64_t& lastJob, int64_t& pending)
     struct stat wal{};
     const bool walOurs = before.wal == "-" && ::lstat((dataDir + "/history.sqlite-wal").c_str(), &wal) == 0 &&
                          S_ISREG(wal.st_mode) && wal.st_size == 0;
-    if (remembered.empty() || after.db != before.db || (after.wal != before.wal && !walOurs)) {
+    if (after.db != before.db || (after.wal != before.wal && !walOurs)) {
         return;
     }
     Json::Value out(Json::objectValue);

@@ -26,6 +26,8 @@
 #include "CppJson.h"
 #include "KuvGuiInterface.h"
 #include "PluginInitParas.h"
+#include "StoreDb.h"
+#include "StorePaths.h"
 #include "ShellTestSupport.h"
 
 using shelltest::onGui;
@@ -283,6 +285,68 @@ TEST_F(GuiShellTest, OnlyTheShownPageIsBuiltUntilAnotherIsChosen)
         EXPECT_TRUE(built[row]->isVisible()) << pages[row];
     }
     EXPECT_EQ(5, stack->count());
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+}
+
+namespace {
+
+// A finished job with this many threats nobody acted on, as the back end records it.
+void recordFindings(int infected)
+{
+    kuv::store::JobRecord j;
+    j.job = "job-" + std::to_string(infected);
+    j.startMs = kuv::store::nowMs();
+    j.state = "done";
+    j.files = infected;
+    j.infected = infected;
+    for (int i = 0; i < infected; ++i) {
+        j.findings.push_back({"/home/user/f" + std::to_string(i), "infected", "Eicar-Test-Signature", "", ""});
+    }
+    std::vector<std::string> notices;
+    std::string error;
+    ASSERT_TRUE(kuv::store::recordJob(kuv::store::userDataDir(), j, notices, error)) << error;
+}
+
+// The protection state line of the window, built now.
+std::string stateLine()
+{
+    QWidget* w = shelltest::mainWindow();
+    auto* label = w != nullptr ? w->findChild<QLabel*>("kuvProtectionState") : nullptr;
+    return label != nullptr ? label->text().toStdString() : std::string("no state line");
+}
+
+} // namespace
+
+TEST_F(GuiShellTest, AttentionAtStartFollowsTheHistoryAndReadsItOnlyWhenItChanged)
+{
+    basegui::Common::setLan("en");
+    ASSERT_NO_FATAL_FAILURE(recordFindings(2));
+    ASSERT_EQ(0, init());
+    EXPECT_EQ("kuvgui: attention needed - 2 finding(s) waiting for a decision", stateLine());
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+
+    // What the start read is kept beside the database with the files' identity. Unchanged files are
+    // not read again: a number changed here (and nowhere else) is what the next start shows.
+    const std::string summary = kuv::store::userDataDir() + "/history.summary.json";
+    Json::Value kept;
+    ASSERT_TRUE(CppJson::LoadJsonFile(summary.c_str(), kept));
+    EXPECT_EQ(2, kept["pending"].asInt64());
+    EXPECT_LT(0, kept["last_job"].asInt64());
+    kept["pending"] = 7;
+    { std::ofstream(summary) << Json::FastWriter().write(kept); }
+    ASSERT_EQ(0, init());
+    EXPECT_EQ("kuvgui: attention needed - 7 finding(s) waiting for a decision", stateLine());
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+
+    // A database that changed since is read again.
+    ASSERT_NO_FATAL_FAILURE(recordFindings(1));
+    ASSERT_EQ(0, init());
+    EXPECT_EQ("kuvgui: attention needed - 3 finding(s) waiting for a decision", stateLine());
+    ASSERT_TRUE(CppJson::LoadJsonFile(summary.c_str(), kept));
+    EXPECT_EQ(3, kept["pending"].asInt64());
     KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
     EXPECT_EQ(0, KuvGuiInterface::exec());
 }

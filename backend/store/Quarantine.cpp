@@ -354,6 +354,11 @@ std::unique_ptr<StoreDb> openUserDb(const std::string& dataDir, std::vector<std:
     return StoreDb::open(dataDir + "/" + kDbName, notices, error);
 }
 
+bool peekUserDb(const std::string& dataDir, int64_t& lastJob, int64_t& pending)
+{
+    return StoreDb::peek(dataDir + "/" + kDbName, lastJob, pending);
+}
+
 bool recordJob(const std::string& dataDir, JobRecord& job, std::vector<std::string>& notices, std::string& error)
 {
     auto db = openUserDb(dataDir, notices, error);

@@ -141,6 +141,10 @@ int64_t queryNumber(sqlite3* db, const char* sql)
     return value;
 }
 
+const char* const kPendingSql =
+    "SELECT COUNT(*) FROM findings WHERE verdict='infected' AND (action IS NULL OR action='')";
+const char* const kLastJobSql = "SELECT COALESCE(MAX(id), 0) FROM jobs";
+
 const char* const kSchema = R"SQL(
 CREATE TABLE IF NOT EXISTS quarantine(
   id TEXT PRIMARY KEY, path BLOB NOT NULL, size INTEGER, mode INTEGER, uid INTEGER, gid INTEGER,
@@ -307,6 +311,40 @@ std::unique_ptr<StoreDb> StoreDb::open(const std::string& path, std::vector<std:
     return std::unique_ptr<StoreDb>(new StoreDb(db, path));
 }
 
+bool StoreDb::peek(const std::string& path, int64_t& lastJob, int64_t& pending)
+{
+    lastJob = 0;
+    pending = 0;
+    struct stat st{};
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        return false;
+    }
+    sqlite3* opened = nullptr;
+    const int rc = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOFOLLOW, nullptr);
+    UniqueDb db(opened);
+    if (rc != SQLITE_OK) {
+        return false;
+    }
+    sqlite3_busy_timeout(db.get(), 2000);
+    bool ok = true;
+    const auto number = [&db, &ok](const char* sql) {
+        int64_t value = 0;
+        Stmt s(db.get(), sql);
+        if (!s.ok() || s.step() != SQLITE_ROW) {
+            ok = false;
+            return value;
+        }
+        return s.col64(0);
+    };
+    lastJob = number(kLastJobSql);
+    pending = number(kPendingSql);
+    if (!ok) {
+        lastJob = 0;
+        pending = 0;
+    }
+    return ok;
+}
+
 StoreDb::~StoreDb()
 {
     sqlite3_close(m_db);
@@ -470,12 +508,12 @@ bool StoreDb::setFindingAction(int64_t id, const std::string& path, const std::s
 
 int64_t StoreDb::pendingFindings()
 {
-    return queryNumber(m_db, "SELECT COUNT(*) FROM findings WHERE verdict='infected' AND (action IS NULL OR action='')");
+    return queryNumber(m_db, kPendingSql);
 }
 
 int64_t StoreDb::lastJobId()
 {
-    return queryNumber(m_db, "SELECT COALESCE(MAX(id), 0) FROM jobs");
+    return queryNumber(m_db, kLastJobSql);
 }
 
 int StoreDb::pruneHistory(int days, int64_t now)

@@ -56,6 +56,10 @@ public:
     // reason goes to notices. nullptr with error when even a new database cannot be made.
     static std::unique_ptr<StoreDb> open(const std::string& path, std::vector<std::string>& notices,
                                          std::string& error);
+    // The highest job row id and the findings nobody acted on, read through a short read-only
+    // connection that sets nothing up and checks nothing: a quick look for a process that only wants
+    // these two numbers. False (both 0) when the file is missing or cannot be read.
+    static bool peek(const std::string& path, int64_t& lastJob, int64_t& pending);
     ~StoreDb();
     StoreDb(const StoreDb&) = delete;
     StoreDb& operator=(const StoreDb&) = delete;
@@ -95,6 +99,8 @@ int64_t nowMs();
 
 // The user's database in dataDir (created 0700 when missing): history.sqlite.
 std::unique_ptr<StoreDb> openUserDb(const std::string& dataDir, std::vector<std::string>& notices, std::string& error);
+// StoreDb::peek on the user's database in dataDir; nothing is created.
+bool peekUserDb(const std::string& dataDir, int64_t& lastJob, int64_t& pending);
 // Records a finished scan job and drops history older than the user's retention setting; what the
 // back end calls at the end of every job. notices gets what the user should hear about.
 bool recordJob(const std::string& dataDir, JobRecord& job, std::vector<std::string>& notices, std::string& error);

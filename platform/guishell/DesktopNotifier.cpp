@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 #include "DesktopNotifier.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
-#include <QStringList>
-#include <QVariantMap>
+#include <dlfcn.h>
+
+#include <mutex>
+#include <string>
 
 #include "KuvLog.h"
+#include "NotifyBackend.h"
 
 namespace kuv {
 namespace shell {
@@ -17,69 +16,64 @@ namespace {
 
 KUV_LOG_SOURCE("platform/guishell/DesktopNotifier");
 
-const char* const kService = "org.freedesktop.Notifications";
-const char* const kPath = "/org/freedesktop/Notifications";
-const char* const kInterface = "org.freedesktop.Notifications";
-// Generous: a notification daemon may be started on demand by the bus.
-constexpr int kCallTimeoutMs = 10000;
+const char* const kModuleName = "libkuvnotify.so";
+
+// The module beside this library, loaded once. It stays loaded for the life of the process: Qt D-Bus
+// keeps a thread of its own once it connected.
+KuvNotifyCreate notifyFactory(std::string& why)
+{
+    static std::once_flag once;
+    static KuvNotifyCreate factory = nullptr;
+    static std::string error;
+    std::call_once(once, []() {
+        Dl_info self{};
+        if (dladdr(reinterpret_cast<void*>(&notifyFactory), &self) == 0 || self.dli_fname == nullptr) {
+            error = "cannot tell where the shell library is";
+            return;
+        }
+        std::string path = self.dli_fname;
+        const size_t slash = path.rfind('/');
+        path = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + kModuleName;
+        void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (handle == nullptr) {
+            const char* e = dlerror();
+            error = e != nullptr ? e : path + ": cannot be loaded";
+            return;
+        }
+        factory = reinterpret_cast<KuvNotifyCreate>(dlsym(handle, KUV_NOTIFY_CREATE));
+        if (factory == nullptr) {
+            error = path + ": no " KUV_NOTIFY_CREATE;
+        }
+    });
+    why = error;
+    return factory;
+}
 
 } // namespace
 
 DesktopNotifier::DesktopNotifier(QObject* parent) : QObject(parent) {}
 
+DesktopNotifier::~DesktopNotifier() = default;
+
 void DesktopNotifier::notify(const QString& summary, const QString& body, bool critical, qint64 job)
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) {
-        KUV_LOG(kuv::LogLevel::Info, "no session bus; notification shown in the window only");
-        emit undelivered(summary, body, bus.lastError().message());
-        return;
-    }
-    if (!m_listening) {
-        bus.connect(kService, kPath, kInterface, QStringLiteral("ActionInvoked"), this,
-                    SLOT(onActionInvoked(uint, QString)));
-        bus.connect(kService, kPath, kInterface, QStringLiteral("NotificationClosed"), this, SLOT(onClosed(uint, uint)));
-        m_listening = true;
-    }
-    QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kInterface, QStringLiteral("Notify"));
-    const QString show = tr("Show results");
-    QVariantMap hints;
-    hints.insert(QStringLiteral("urgency"), QVariant::fromValue(uchar(critical ? 2 : 1)));
-    hints.insert(QStringLiteral("desktop-entry"), QStringLiteral("kuvgui"));
-    hints.insert(QStringLiteral("category"), QStringLiteral("x-kuv.scan"));
-    call << QStringLiteral("kuvgui") << uint(0) << QStringLiteral("security-high") << summary << body
-         << QStringList{QStringLiteral("default"), show, QStringLiteral("open-results"), show} << hints
-         << int(critical ? 0 : -1);
-    auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, kCallTimeoutMs), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher, summary, body, job]() {
-        watcher->deleteLater();
-        QDBusPendingReply<uint> reply = *watcher;
-        if (reply.isError()) {
-            KUV_LOG(kuv::LogLevel::Info, "no notification service (%s); shown in the window only",
-                   reply.error().name().toStdString().c_str());
-            emit undelivered(summary, body, reply.error().message());
+    if (!m_backend) {
+        std::string why;
+        KuvNotifyCreate create = notifyFactory(why);
+        if (create == nullptr) {
+            KUV_LOG(kuv::LogLevel::Warn, "no notification module (%s); shown in the window only", why.c_str());
+            emit undelivered(summary, body, QString::fromStdString(why));
             return;
         }
-        const uint id = reply.value();
-        m_jobs.insert(id, job);
-        emit delivered(id);
-    });
-}
-
-void DesktopNotifier::onActionInvoked(uint id, const QString& key)
-{
-    auto found = m_jobs.find(id);
-    if (found == m_jobs.end()) {
-        return; // another program's notification
+        m_backend.reset(create());
+        QObject* backend = m_backend->object();
+        // By name: the module's class is not linked into the shell.
+        connect(backend, SIGNAL(delivered(uint)), this, SIGNAL(delivered(uint)));
+        connect(backend, SIGNAL(undelivered(QString, QString, QString)), this,
+                SIGNAL(undelivered(QString, QString, QString)));
+        connect(backend, SIGNAL(openResults(qint64)), this, SIGNAL(openResults(qint64)));
     }
-    if (key == QLatin1String("default") || key == QLatin1String("open-results")) {
-        emit openResults(found.value());
-    }
-}
-
-void DesktopNotifier::onClosed(uint id, uint)
-{
-    m_jobs.remove(id);
+    m_backend->notify(summary, body, tr("Show results"), critical, job);
 }
 
 } // namespace shell

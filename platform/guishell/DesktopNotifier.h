@@ -1,19 +1,24 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 // Desktop notifications through org.freedesktop.Notifications on the session bus, with an action
-// that opens the results; without a notification service it says so and nothing fails.
+// that opens the results; without a notification service it says so and nothing fails. The D-Bus side
+// lives in a module loaded with the first notification.
 #pragma once
 
-#include <QHash>
+#include <memory>
+
 #include <QObject>
 #include <QString>
 
 namespace kuv {
 namespace shell {
 
+class NotifyBackend;
+
 class DesktopNotifier : public QObject {
     Q_OBJECT
 public:
     explicit DesktopNotifier(QObject* parent = nullptr);
+    ~DesktopNotifier() override;
 
     // Sends one notification; job is handed back by openResults when its action is chosen.
     // Answered asynchronously: delivered() or undelivered() follows.
@@ -25,13 +30,8 @@ signals:
     void undelivered(const QString& summary, const QString& body, const QString& why);
     void openResults(qint64 job);
 
-private slots:
-    void onActionInvoked(uint id, const QString& key);
-    void onClosed(uint id, uint reason);
-
 private:
-    QHash<uint, qint64> m_jobs;
-    bool m_listening = false;
+    std::unique_ptr<NotifyBackend> m_backend;
 };
 
 } // namespace shell

@@ -34,9 +34,12 @@ private:
 
     QFileSystemWatcher m_watcher;
     QTimer m_settle;
-    // Held open so that SQLite keeps its journal file, which is what is watched.
+    // Opened at the first change and then held, so that SQLite keeps its journal file, which is what
+    // is watched. Until then the start's quick look answers, and the directory tells of changes.
     std::unique_ptr<kuv::store::StoreDb> m_db;
     qint64 m_lastSeen = 0;
+    // From the quick look at start; -1 once used.
+    qint64 m_startPending = -1;
 };
 
 } // namespace shell

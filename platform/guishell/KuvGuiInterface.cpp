@@ -11,8 +11,14 @@
 #include <vector>
 
 #include <QApplication>
+#include <QPainter>
+#include <QProxyStyle>
+#include <QStyle>
+#include <QStyleFactory>
+#include <QStyleOption>
 #include <QThread>
 
+#include "AppIcon.h"
 #include "KuvLog.h"
 #include "FileUtils.h"
 #include "MainWindow.h"
@@ -98,6 +104,51 @@ void qtMessage(QtMsgType type, const QMessageLogContext& context, const QString&
     // Qt aborts right after a fatal message: the terminal gets that one too.
     if (type == QtFatalMsg) {
         std::fprintf(stderr, "kuvgui: Qt: %s\n", kuv::escapeControl(text).c_str());
+    }
+}
+
+// The menu bar's overflow button asks the style for its icon when the bar is made, and the common
+// style reads that from PNG files through Qt's image-format probing, which loads every image-format
+// plugin (JPEG, GIF, ICO...) at start. Painted here instead; everything else is the chosen style's.
+class ShellStyle final : public QProxyStyle {
+public:
+    using QProxyStyle::QProxyStyle;
+
+    QIcon standardIcon(StandardPixmap icon, const QStyleOption* option, const QWidget* widget) const override
+    {
+        if (icon == SP_ToolBarHorizontalExtensionButton || icon == SP_ToolBarVerticalExtensionButton) {
+            return kuv::shell::extensionIcon(icon == SP_ToolBarHorizontalExtensionButton);
+        }
+        return QProxyStyle::standardIcon(icon, option, widget);
+    }
+
+    void drawPrimitive(PrimitiveElement element, const QStyleOption* option, QPainter* painter,
+                       const QWidget* widget) const override
+    {
+        // Fusion frames a group box with a PNG, loaded (with the same probing) at every paint.
+        if (element == PE_FrameGroupBox && baseStyle()->objectName() == QLatin1String("fusion")) {
+            painter->save();
+            painter->setRenderHint(QPainter::Antialiasing);
+            painter->setPen(QPen(QColor(0, 0, 0, 40), 1));
+            painter->setBrush(QColor(0, 0, 0, 8));
+            painter->drawRoundedRect(QRectF(option->rect).adjusted(0.5, 0.5, -0.5, -0.5), 2.5, 2.5);
+            painter->restore();
+            return;
+        }
+        QProxyStyle::drawPrimitive(element, option, painter, widget);
+    }
+};
+
+void installShellStyle()
+{
+    QStyle* current = QApplication::style();
+    if (current == nullptr || dynamic_cast<ShellStyle*>(current) != nullptr || current->objectName().isEmpty()) {
+        return;
+    }
+    // A new instance of the same style (by its key) under the proxy; the application deletes the old one.
+    QStyle* base = QStyleFactory::create(current->objectName());
+    if (base != nullptr) {
+        QApplication::setStyle(new ShellStyle(base));
     }
 }
 
@@ -207,6 +258,7 @@ int initShell(int& argc, char** argv, sUninstallFunc uninstall, bool& firstStart
     }
     QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setApplicationName(QStringLiteral("kuvgui"));
+    installShellStyle();
     if (g_core == nullptr) {
         g_core = new kuv::shell::ShellCore();
     }

@@ -9,7 +9,6 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QStackedWidget>
-#include <QStyle>
 
 #include "AppIcon.h"
 #include "CQPluginManager.h"
@@ -21,6 +20,11 @@
 
 namespace kuv {
 namespace shell {
+
+namespace {
+// Navigation items of the shell's own pages carry their page kind, and the page once it is built.
+constexpr int kPageKindRole = Qt::UserRole + 2;
+} // namespace
 
 MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent)
 {
@@ -40,27 +44,10 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent)
     layout->addWidget(m_stack, 1);
     setCentralWidget(central);
 
-    m_overview = new OverviewPage(m_stack);
-    m_scan = new ScanPage(m_stack);
-    m_settings = new SettingsPage(m_stack);
-    m_overviewItem = new QListWidgetItem(style()->standardIcon(QStyle::SP_ComputerIcon), QString());
-    m_scanItem = new QListWidgetItem(style()->standardIcon(QStyle::SP_FileDialogContentsView), QString());
-    m_settingsItem = new QListWidgetItem(style()->standardIcon(QStyle::SP_FileDialogDetailedView), QString());
-    addPage(m_overview, m_overviewItem);
-    addPage(m_scan, m_scanItem);
-    addPage(m_settings, m_settingsItem);
-    m_quarantine = new QuarantinePage(m_stack);
-    m_history = new HistoryPage(m_stack);
-    m_quarantineItem = new QListWidgetItem(style()->standardIcon(QStyle::SP_DirClosedIcon), QString());
-    m_historyItem = new QListWidgetItem(style()->standardIcon(QStyle::SP_FileDialogListView), QString());
-    // Before the settings page, after the scan page.
-    m_quarantineItem->setData(Qt::UserRole, QVariant::fromValue<QWidget*>(m_quarantine));
-    m_historyItem->setData(Qt::UserRole, QVariant::fromValue<QWidget*>(m_history));
-    m_stack->addWidget(m_quarantine);
-    m_stack->addWidget(m_history);
-    m_nav->insertItem(m_nav->row(m_settingsItem), m_quarantineItem);
-    m_nav->insertItem(m_nav->row(m_settingsItem), m_historyItem);
-    connect(m_history, &HistoryPage::findingsHandled, m_quarantine, &QuarantinePage::refresh);
+    for (int kind = 0; kind < PAGE_COUNT; ++kind) {
+        addNavItem(static_cast<PageKind>(kind));
+    }
+    ensurePage(PAGE_OVERVIEW);
 
     connect(m_nav, &QListWidget::currentRowChanged, this, [this](int row) {
         QListWidgetItem* item = m_nav->item(row);
@@ -68,11 +55,14 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent)
             return;
         }
         auto* page = item->data(Qt::UserRole).value<QWidget*>();
+        const QVariant kind = item->data(kPageKindRole);
+        if (page == nullptr && kind.isValid()) {
+            page = ensurePage(static_cast<PageKind>(kind.toInt()));
+        }
         if (page != nullptr && m_stack->indexOf(page) >= 0) {
             m_stack->setCurrentWidget(page);
         }
     });
-    connect(m_settings, &SettingsPage::languageChosen, this, &MainWindow::languageChosen);
 
     m_fileMenu = menuBar()->addMenu(QString());
     m_quitAction = m_fileMenu->addAction(QString());
@@ -99,23 +89,109 @@ void MainWindow::addPage(QWidget* page, QListWidgetItem* item)
     m_nav->addItem(item);
 }
 
+QListWidgetItem* MainWindow::addNavItem(PageKind kind)
+{
+    static const NavGlyph glyphs[PAGE_COUNT] = {GLYPH_OVERVIEW, GLYPH_SCAN, GLYPH_QUARANTINE, GLYPH_HISTORY,
+                                                GLYPH_SETTINGS};
+    auto* item = new QListWidgetItem(navIcon(glyphs[kind]), QString());
+    item->setData(kPageKindRole, int(kind));
+    m_items[kind] = item;
+    m_nav->addItem(item);
+    return item;
+}
+
+QWidget* MainWindow::ensurePage(PageKind kind)
+{
+    QListWidgetItem* item = m_items[kind];
+    if (auto* built = item->data(Qt::UserRole).value<QWidget*>()) {
+        return built;
+    }
+    QWidget* page = nullptr;
+    switch (kind) {
+    case PAGE_OVERVIEW:
+        m_overview = new OverviewPage(m_stack);
+        m_overview->setScanClient(m_client);
+        page = m_overview;
+        break;
+    case PAGE_SCAN:
+        m_scan = new ScanPage(m_stack);
+        m_scan->setClient(m_client);
+        page = m_scan;
+        break;
+    case PAGE_QUARANTINE:
+        m_quarantine = new QuarantinePage(m_stack);
+        page = m_quarantine;
+        break;
+    case PAGE_HISTORY:
+        m_history = new HistoryPage(m_stack);
+        connect(m_history, &HistoryPage::findingsHandled, this, [this]() {
+            if (m_quarantine != nullptr) {
+                m_quarantine->refresh();
+            }
+        });
+        connect(m_history, &HistoryPage::findingsHandled, this, &MainWindow::findingsHandled);
+        page = m_history;
+        break;
+    case PAGE_SETTINGS:
+        m_settings = new SettingsPage(m_stack);
+        connect(m_settings, &SettingsPage::languageChosen, this, &MainWindow::languageChosen);
+        page = m_settings;
+        break;
+    case PAGE_COUNT:
+        return nullptr;
+    }
+    item->setData(Qt::UserRole, QVariant::fromValue<QWidget*>(page));
+    m_stack->addWidget(page);
+    return page;
+}
+
+ScanPage* MainWindow::scanPage()
+{
+    ensurePage(PAGE_SCAN);
+    return m_scan;
+}
+
+QuarantinePage* MainWindow::quarantinePage()
+{
+    ensurePage(PAGE_QUARANTINE);
+    return m_quarantine;
+}
+
+HistoryPage* MainWindow::historyPage()
+{
+    ensurePage(PAGE_HISTORY);
+    return m_history;
+}
+
+SettingsPage* MainWindow::settingsPage()
+{
+    ensurePage(PAGE_SETTINGS);
+    return m_settings;
+}
+
 void MainWindow::showScanRequest(const std::vector<std::string>& paths)
 {
-    m_scan->scanPaths(paths, true, "context menu");
-    m_nav->setCurrentItem(m_scanItem);
+    scanPage()->scanPaths(paths, true, "context menu");
+    m_nav->setCurrentItem(m_items[PAGE_SCAN]);
 }
 
 void MainWindow::setScanClient(ScanClient* client)
 {
-    m_scan->setClient(client);
-    m_overview->setScanClient(client);
+    m_client = client;
+    if (m_scan != nullptr) {
+        m_scan->setClient(client);
+    }
+    if (m_overview != nullptr) {
+        m_overview->setScanClient(client);
+    }
 }
 
 void MainWindow::showHistoryJob(qint64 id)
 {
-    m_history->refresh();
-    m_history->openJob(id);
-    m_nav->setCurrentItem(m_historyItem);
+    HistoryPage* history = historyPage();
+    history->refresh();
+    history->openJob(id);
+    m_nav->setCurrentItem(m_items[PAGE_HISTORY]);
 }
 
 void MainWindow::syncPluginPages()
@@ -139,7 +215,7 @@ void MainWindow::syncPluginPages()
                 pp.page->setParent(nullptr);
             }
             if (m_nav->currentItem() == pp.item) {
-                m_nav->setCurrentItem(m_overviewItem);
+                m_nav->setCurrentItem(m_items[PAGE_OVERVIEW]);
             }
             delete pp.item;
             m_pluginPages.removeAt(i);
@@ -163,7 +239,7 @@ void MainWindow::syncPluginPages()
         pp.id = s.id;
         pp.page = s.page;
         const QString own = s.page->windowTitle();
-        pp.item = new QListWidgetItem(style()->standardIcon(QStyle::SP_FileDialogInfoView),
+        pp.item = new QListWidgetItem(navIcon(GLYPH_PLUGIN),
                                       !own.isEmpty() ? own : !s.pageTitle.isEmpty() ? s.pageTitle : s.id);
         pp.item->setData(Qt::UserRole + 1, s.id);
         addPage(s.page, pp.item);
@@ -201,11 +277,11 @@ void MainWindow::detachPluginPages()
 void MainWindow::retranslate()
 {
     setWindowTitle(tr("kuvgui - endpoint protection"));
-    m_overviewItem->setText(tr("Overview"));
-    m_scanItem->setText(tr("Scan"));
-    m_settingsItem->setText(tr("Settings"));
-    m_quarantineItem->setText(tr("Quarantine"));
-    m_historyItem->setText(tr("History"));
+    m_items[PAGE_OVERVIEW]->setText(tr("Overview"));
+    m_items[PAGE_SCAN]->setText(tr("Scan"));
+    m_items[PAGE_SETTINGS]->setText(tr("Settings"));
+    m_items[PAGE_QUARANTINE]->setText(tr("Quarantine"));
+    m_items[PAGE_HISTORY]->setText(tr("History"));
     m_fileMenu->setTitle(tr("&File"));
     m_quitAction->setText(tr("&Quit"));
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// The shell's main window: navigation list and pages (overview, scan, settings, plugin pages).
+// The shell's main window: navigation list and pages (overview, scan, settings, plugin pages). Only the
+// overview is built with the window; every other page is built the first time it is switched to or asked for.
 #pragma once
 
 #include <QList>
@@ -34,11 +35,16 @@ public:
 
     // Scans these exact path bytes (clean verdicts listed too) and shows the scan page.
     void showScanRequest(const std::vector<std::string>& paths);
-    ScanPage* scanPage() const { return m_scan; }
     // The scan page runs its jobs on client; the overview shows the back end's state.
     void setScanClient(ScanClient* client);
-    QuarantinePage* quarantinePage() const { return m_quarantine; }
-    HistoryPage* historyPage() const { return m_history; }
+    // The pages, built now if they were not yet.
+    ScanPage* scanPage();
+    QuarantinePage* quarantinePage();
+    HistoryPage* historyPage();
+    SettingsPage* settingsPage();
+    // The pages as they are: null until built.
+    QuarantinePage* builtQuarantinePage() const { return m_quarantine; }
+    HistoryPage* builtHistoryPage() const { return m_history; }
     // Shows the history page with job id opened (a history row id).
     void showHistoryJob(qint64 id);
     // Gives plugin pages back to their plugins before the window goes.
@@ -51,6 +57,8 @@ public slots:
 signals:
     void quitRequested();
     void languageChosen(QString language);
+    // The history page acted on findings (quarantined, deleted, ignored).
+    void findingsHandled();
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -59,8 +67,13 @@ protected:
     void changeEvent(QEvent* event) override;
 
 private:
+    // The shell's own pages, in navigation order.
+    enum PageKind { PAGE_OVERVIEW, PAGE_SCAN, PAGE_QUARANTINE, PAGE_HISTORY, PAGE_SETTINGS, PAGE_COUNT };
+
     void retranslate();
     void addPage(QWidget* page, QListWidgetItem* item);
+    QListWidgetItem* addNavItem(PageKind kind);
+    QWidget* ensurePage(PageKind kind);
 
     struct PluginPage {
         QString id;
@@ -70,16 +83,13 @@ private:
 
     QListWidget* m_nav;
     QStackedWidget* m_stack;
-    OverviewPage* m_overview;
-    ScanPage* m_scan;
-    SettingsPage* m_settings;
-    QuarantinePage* m_quarantine;
-    HistoryPage* m_history;
-    QListWidgetItem* m_quarantineItem;
-    QListWidgetItem* m_historyItem;
-    QListWidgetItem* m_overviewItem;
-    QListWidgetItem* m_scanItem;
-    QListWidgetItem* m_settingsItem;
+    ScanClient* m_client = nullptr;
+    OverviewPage* m_overview = nullptr;
+    ScanPage* m_scan = nullptr;
+    SettingsPage* m_settings = nullptr;
+    QuarantinePage* m_quarantine = nullptr;
+    HistoryPage* m_history = nullptr;
+    QListWidgetItem* m_items[PAGE_COUNT] = {};
     QMenu* m_fileMenu;
     QAction* m_quitAction;
     QList<PluginPage> m_pluginPages;

@@ -52,9 +52,12 @@ QStringList catalogsFor(const std::string& language)
     const QString suffix = catalogSuffix(language);
     QStringList out;
     const QDir dir(QStringLiteral(":/kuvgui/i18n"));
-    for (const QString& name : dir.entryList({QStringLiteral("*_") + suffix + QStringLiteral(".qm")}, QDir::Files,
-                                             QDir::Name)) {
-        out << dir.filePath(name);
+    // "*_<suffix>.qm" by hand: a QDir name filter compiles a regular expression.
+    const QString ending = QStringLiteral("_") + suffix + QStringLiteral(".qm");
+    for (const QString& name : dir.entryList(QDir::Files, QDir::Name)) {
+        if (name.endsWith(ending, Qt::CaseInsensitive)) {
+            out << dir.filePath(name);
+        }
     }
     return out;
 }
@@ -139,11 +142,12 @@ void ShellCore::build(sUninstallFunc uninstall)
     connect(m_historyWatcher.get(), &HistoryWatcher::jobRecorded, this, &ShellCore::onJobRecorded);
     connect(m_historyWatcher.get(), &HistoryWatcher::changed, this, [this]() {
         updateAttention();
-        if (m_window && m_window->quarantinePage()->isVisible()) {
-            m_window->quarantinePage()->refresh();
+        // Pages not built yet read the store when they are.
+        if (m_window && m_window->builtQuarantinePage() != nullptr && m_window->builtQuarantinePage()->isVisible()) {
+            m_window->builtQuarantinePage()->refresh();
         }
-        if (m_window && m_window->historyPage()->isVisible()) {
-            m_window->historyPage()->refresh();
+        if (m_window && m_window->builtHistoryPage() != nullptr && m_window->builtHistoryPage()->isVisible()) {
+            m_window->builtHistoryPage()->refresh();
         }
     });
     // The tray says "scanning" while any job of this shell runs on the back end.
@@ -188,7 +192,7 @@ MainWindow* ShellCore::window()
         m_window->setScanClient(m_scanClient.get());
         connect(m_window.get(), &MainWindow::quitRequested, this, &ShellCore::quit);
         connect(m_window.get(), &MainWindow::languageChosen, this, &ShellCore::applyLanguage);
-        connect(m_window->historyPage(), &HistoryPage::findingsHandled, this, &ShellCore::updateAttention);
+        connect(m_window.get(), &MainWindow::findingsHandled, this, &ShellCore::updateAttention);
         // The window shows what the tray and the notifications show, for desktops without them.
         auto* stateLabel = new QLabel(m_window->statusBar());
         stateLabel->setObjectName(QStringLiteral("kuvProtectionState"));

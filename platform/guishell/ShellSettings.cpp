@@ -122,7 +122,11 @@ std::string catalogLanguage(const std::string& name)
         return std::string();
     }
     const QDir dir(QStringLiteral(":/kuvgui/i18n"));
-    if (dir.entryList({QStringLiteral("*_") + suffix + QStringLiteral(".qm")}, QDir::Files).isEmpty()) {
+    // "*_<suffix>.qm" by hand: a QDir name filter compiles a regular expression.
+    const QString ending = QStringLiteral("_") + suffix + QStringLiteral(".qm");
+    const QStringList names = dir.entryList(QDir::Files);
+    if (std::none_of(names.begin(), names.end(),
+                     [&ending](const QString& n) { return n.endsWith(ending, Qt::CaseInsensitive); })) {
         return std::string();
     }
     return QString(suffix).replace(QLatin1Char('_'), QLatin1Char('-')).toStdString();

@@ -3,8 +3,6 @@
 
 #include <QFileDialog>
 #include <QMenu>
-#include <QPainter>
-#include <QPainterPath>
 #include <QSystemTrayIcon>
 
 #include "AppIcon.h"
@@ -54,31 +52,7 @@ bool TrayController::shown() const
 
 QIcon TrayController::stateIcon(State state)
 {
-    QIcon out;
-    for (int size : {16, 22, 24, 32, 48, 64}) {
-        QPixmap pix = appIcon().pixmap(size, size);
-        if (state != STATE_PROTECTED) {
-            QPainter p(&pix);
-            p.setRenderHint(QPainter::Antialiasing);
-            const qreal r = size * 0.24;
-            const QPointF c(size - r - 0.5, size - r - 0.5);
-            p.setPen(QPen(Qt::white, size / 20.0));
-            p.setBrush(state == STATE_ATTENTION ? QColor(0xd0, 0x2b, 0x2b) : QColor(0xe0, 0x9a, 0x10));
-            p.drawEllipse(c, r, r);
-            p.setPen(QPen(Qt::white, qMax(1.0, size / 14.0), Qt::SolidLine, Qt::RoundCap));
-            if (state == STATE_ATTENTION) {
-                p.drawLine(QPointF(c.x(), c.y() - r * 0.5), QPointF(c.x(), c.y() + r * 0.1));
-                p.drawPoint(QPointF(c.x(), c.y() + r * 0.5));
-            } else {
-                // Three dots: busy.
-                for (int i = -1; i <= 1; ++i) {
-                    p.drawPoint(QPointF(c.x() + i * r * 0.5, c.y()));
-                }
-            }
-        }
-        out.addPixmap(pix);
-    }
-    return out;
+    return appIcon(state == STATE_ATTENTION ? 2 : state == STATE_SCANNING ? 1 : 0);
 }
 
 QString TrayController::stateText() const

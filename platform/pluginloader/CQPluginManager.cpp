@@ -335,10 +335,13 @@ int CQPluginManager::loadAllPluginInfo()
         return 0;
     }
     // Name order, so that which of two files naming one id wins does not depend on the file system.
-    const QFileInfoList entries =
-        dir.entryInfoList(QStringList{QStringLiteral("*.json")}, QDir::Files | QDir::System | QDir::Hidden, QDir::Name);
+    // "*.json" by hand: a QDir name filter compiles a regular expression (PCRE and its JIT) at start.
+    const QFileInfoList entries = dir.entryInfoList(QDir::Files | QDir::System | QDir::Hidden, QDir::Name);
     std::map<QString, PluginInfo> found;
     for (const QFileInfo& entry : entries) {
+        if (!entry.fileName().endsWith(QLatin1String(".json"), Qt::CaseInsensitive)) {
+            continue;
+        }
         PluginInfo info;
         QString reason;
         const QString path = entry.absoluteFilePath();

@@ -13,12 +13,12 @@
 #include <QSystemTrayIcon>
 #include <QTableWidget>
 
-#ifdef KUV_HAVE_QTDBUS
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
-#endif
+#include <dlfcn.h>
+
+#include <mutex>
+#include <string>
+
+#include "AlertSender.h"
 
 namespace kuvplugin {
 
@@ -29,6 +29,32 @@ constexpr int kMaxBodyChars = 1000;
 constexpr int kShowMs = 8000;
 // Kept as a key and translated when shown, so the row follows a language change.
 constexpr const char* kNoSessionBus = "no-session-bus";
+const char* const kSenderModule = "libkuvplugin_notifier_dbus.so";
+
+// The D-Bus module beside this plugin, loaded once; null when it cannot be (then alerts fall back to
+// the tray or the page). It stays loaded: Qt D-Bus keeps a thread of its own once it connected.
+AlertSender* alertSender()
+{
+    static std::once_flag once;
+    static AlertSender* sender = nullptr;
+    std::call_once(once, []() {
+        Dl_info self{};
+        if (dladdr(reinterpret_cast<void*>(&alertSender), &self) == 0 || self.dli_fname == nullptr) {
+            return;
+        }
+        std::string path = self.dli_fname;
+        const size_t slash = path.rfind('/');
+        path = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + kSenderModule;
+        void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+        if (handle == nullptr) {
+            qWarning("notifier: %s", dlerror());
+            return;
+        }
+        auto create = reinterpret_cast<KuvPluginNotifierSender>(dlsym(handle, KUVPLUGIN_NOTIFIER_SENDER));
+        sender = create != nullptr ? create() : nullptr;
+    });
+    return sender;
+}
 } // namespace
 
 Alert parseAlert(const QByteArray& message)
@@ -68,31 +94,18 @@ void AlertLog::raiseAlert(const Alert& alert)
     }
     emit rowAdded();
     const QString title = alert.title.isEmpty() ? NotifierPage::tr("kuvgui alert") : alert.title;
-#ifdef KUV_HAVE_QTDBUS
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (bus.isConnected()) {
-        QDBusMessage call = QDBusMessage::createMethodCall(
-            QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("/org/freedesktop/Notifications"),
-            QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("Notify"));
-        call << QStringLiteral("kuvgui") << 0u << QStringLiteral("security-high") << title << alert.body
-             << QStringList() << QVariantMap() << kShowMs;
-        // Asynchronous: a missing notification service must not stall the GUI thread.
-        auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, kShowMs), this);
-        connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, serial, alert, title](QDBusPendingCallWatcher* w) {
-            const QDBusPendingReply<uint> reply = *w;
-            if (reply.isError()) {
-                fallBack(serial, Alert{title, alert.body}, reply.error().name());
-            } else {
-                setDelivery(serial, DELIVERY_DESKTOP);
-            }
-            w->deleteLater();
-        });
+    AlertSender* sender = alertSender();
+    if (sender == nullptr) {
+        fallBack(serial, Alert{title, alert.body}, QString());
         return;
     }
-    fallBack(serial, Alert{title, alert.body}, QLatin1String(kNoSessionBus));
-#else
-    fallBack(serial, Alert{title, alert.body}, QString());
-#endif
+    sender->send(title, alert.body, kShowMs, this, [this, serial, alert, title](const QString& error) {
+        if (error.isEmpty()) {
+            setDelivery(serial, DELIVERY_DESKTOP);
+        } else {
+            fallBack(serial, Alert{title, alert.body}, error);
+        }
+    });
 }
 
 void AlertLog::fallBack(int serial, const Alert& alert, const QString& why)

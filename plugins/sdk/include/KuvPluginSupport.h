@@ -19,7 +19,6 @@
 #include <QMetaObject>
 #include <QPointer>
 #include <QObject>
-#include <QRegularExpression>
 #include <QShowEvent>
 #include <QString>
 #include <QVariant>
@@ -43,11 +42,32 @@ inline QString guidToString(const GUID& g)
                              g.Data4[7]);
 }
 
+// 8-4-4-4-12 hex digits, optionally in braces (either or both). Checked by hand: a regular expression
+// would map PCRE and its JIT into every process that loads a plugin.
 inline bool isGuidText(const QString& text)
 {
-    static const QRegularExpression re(QStringLiteral(
-        "^\\{?[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12}\\}?$"));
-    return re.match(text).hasMatch();
+    int begin = 0;
+    int end = text.size();
+    if (begin < end && text.at(begin) == QLatin1Char('{')) {
+        ++begin;
+    }
+    if (begin < end && text.at(end - 1) == QLatin1Char('}')) {
+        --end;
+    }
+    if (end - begin != 36) {
+        return false;
+    }
+    for (int i = 0; i < 36; ++i) {
+        const ushort c = text.at(begin + i).unicode();
+        if (i == 8 || i == 13 || i == 18 || i == 23) {
+            if (c != '-') {
+                return false;
+            }
+        } else if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'))) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // The endpoint handed to the plugin in its init record, or null.

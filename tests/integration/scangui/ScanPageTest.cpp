@@ -308,7 +308,8 @@ TEST_F(ScanPageTest, DroppedFilesAreScannedWithTheirExactBytes)
     initShell();
     const std::string plain = file("dropped eicar.txt");
     const std::string latin1 = file("r\xe9sum\xe9.txt");
-    QWidget* page = window()->findChild<QWidget*>(QStringLiteral("kuvScanPage"));
+    // Pages other than the overview are built when chosen.
+    QWidget* page = shelltest::choosePage(window(), "kuvScanPage");
     ASSERT_NE(nullptr, page);
     // A file manager's drag: file URLs, each byte of a name that is not UTF-8 percent-encoded.
     QMimeData mime;
@@ -485,6 +486,9 @@ TEST_F(ScanPageTest, ScreenshotsDuringAScanAfterADetectionAndOfAnOldDatabase)
 
     auto* nav = child<QListWidget>("kuvNavigation");
     auto* stack = child<QStackedWidget>("kuvPages");
+    const int scanRow = nav != nullptr ? nav->currentRow() : -1;
+    ASSERT_NE(nullptr, shelltest::choosePage(window(), "kuvSettingsPage"));
+    nav->setCurrentRow(scanRow);
     auto* language = child<QComboBox>("kuvLanguage");
     ASSERT_TRUE(nav != nullptr && stack != nullptr && language != nullptr);
     auto shoot = [&](const QString& name) {

@@ -26,6 +26,8 @@
 #include "CppJson.h"
 #include "KuvGuiInterface.h"
 #include "PluginInitParas.h"
+#include "StoreDb.h"
+#include "StorePaths.h"
 #include "ShellTestSupport.h"
 
 using shelltest::onGui;
@@ -234,6 +236,121 @@ TEST_F(GuiShellTest, MenuQuitTakesTheSameQuitPathAndClosingOnlyHides)
     EXPECT_EQ(1, m_probe.calls.load());
 }
 
+TEST_F(GuiShellTest, OnlyTheShownPageIsBuiltUntilAnotherIsChosen)
+{
+    ASSERT_EQ(0, init());
+    QWidget* w = shelltest::mainWindow();
+    ASSERT_NE(nullptr, w);
+    w->show();
+    ASSERT_TRUE(shelltest::spinUntil([w] { return w->isVisible(); }));
+    auto* nav = w->findChild<QListWidget*>("kuvNavigation");
+    auto* stack = w->findChild<QStackedWidget*>("kuvPages");
+    ASSERT_NE(nullptr, nav);
+    ASSERT_NE(nullptr, stack);
+    const char* const pages[] = {"kuvOverviewPage", "kuvScanPage", "kuvQuarantinePage", "kuvHistoryPage",
+                                 "kuvSettingsPage"};
+    ASSERT_EQ(5, nav->count()) << "every page has its entry from the start";
+    EXPECT_EQ(0, nav->currentRow());
+    EXPECT_EQ(1, stack->count());
+    EXPECT_EQ(pages[0], stack->currentWidget()->objectName().toStdString());
+    EXPECT_TRUE(stack->currentWidget()->isVisible());
+    for (int i = 1; i < 5; ++i) {
+        EXPECT_EQ(nullptr, w->findChild<QWidget*>(QLatin1String(pages[i]))) << pages[i] << " built before it was chosen";
+    }
+    // The widgets of those pages do not exist either.
+    EXPECT_EQ(nullptr, w->findChild<QLabel*>("kuvScanState"));
+    EXPECT_EQ(nullptr, w->findChild<QComboBox*>("kuvLanguage"));
+
+    // Choosing an entry builds its page, once, and shows it; the others stay unbuilt.
+    QWidget* built[5] = {stack->currentWidget(), nullptr, nullptr, nullptr, nullptr};
+    for (int row = 1; row < 5; ++row) {
+        nav->setCurrentRow(row);
+        QCoreApplication::processEvents();
+        QWidget* page = stack->currentWidget();
+        ASSERT_NE(nullptr, page);
+        EXPECT_EQ(pages[row], page->objectName().toStdString());
+        EXPECT_TRUE(page->isVisible()) << pages[row];
+        EXPECT_EQ(row + 1, stack->count());
+        for (int later = row + 1; later < 5; ++later) {
+            EXPECT_EQ(nullptr, w->findChild<QWidget*>(QLatin1String(pages[later]))) << pages[later];
+        }
+        built[row] = page;
+    }
+    EXPECT_NE(nullptr, w->findChild<QLabel*>("kuvScanState"));
+    EXPECT_NE(nullptr, w->findChild<QComboBox*>("kuvLanguage"));
+    // Going back shows the same pages again, nothing is built twice.
+    for (int row = 0; row < 5; ++row) {
+        nav->setCurrentRow(row);
+        EXPECT_EQ(built[row], stack->currentWidget()) << pages[row];
+        EXPECT_TRUE(built[row]->isVisible()) << pages[row];
+    }
+    EXPECT_EQ(5, stack->count());
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+}
+
+namespace {
+
+// A finished job with this many threats nobody acted on, as the back end records it.
+void recordFindings(int infected)
+{
+    kuv::store::JobRecord j;
+    j.job = "job-" + std::to_string(infected);
+    j.startMs = kuv::store::nowMs();
+    j.state = "done";
+    j.files = infected;
+    j.infected = infected;
+    for (int i = 0; i < infected; ++i) {
+        j.findings.push_back({"/home/user/f" + std::to_string(i), "infected", "Eicar-Test-Signature", "", ""});
+    }
+    std::vector<std::string> notices;
+    std::string error;
+    ASSERT_TRUE(kuv::store::recordJob(kuv::store::userDataDir(), j, notices, error)) << error;
+}
+
+// The protection state line of the window, built now.
+std::string stateLine()
+{
+    QWidget* w = shelltest::mainWindow();
+    auto* label = w != nullptr ? w->findChild<QLabel*>("kuvProtectionState") : nullptr;
+    return label != nullptr ? label->text().toStdString() : std::string("no state line");
+}
+
+} // namespace
+
+TEST_F(GuiShellTest, AttentionAtStartFollowsTheHistoryAndReadsItOnlyWhenItChanged)
+{
+    basegui::Common::setLan("en");
+    ASSERT_NO_FATAL_FAILURE(recordFindings(2));
+    ASSERT_EQ(0, init());
+    EXPECT_EQ("kuvgui: attention needed - 2 finding(s) waiting for a decision", stateLine());
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+
+    // What the start read is kept beside the database with the files' identity. Unchanged files are
+    // not read again: a number changed here (and nowhere else) is what the next start shows.
+    const std::string summary = kuv::store::userDataDir() + "/history.summary.json";
+    Json::Value kept;
+    ASSERT_TRUE(CppJson::LoadJsonFile(summary.c_str(), kept));
+    EXPECT_EQ(2, kept["pending"].asInt64());
+    EXPECT_LT(0, kept["last_job"].asInt64());
+    kept["pending"] = 7;
+    { std::ofstream(summary) << Json::FastWriter().write(kept); }
+    ASSERT_EQ(0, init());
+    EXPECT_EQ("kuvgui: attention needed - 7 finding(s) waiting for a decision", stateLine());
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+
+    // A database that changed since is read again.
+    ASSERT_NO_FATAL_FAILURE(recordFindings(1));
+    ASSERT_EQ(0, init());
+    EXPECT_EQ("kuvgui: attention needed - 3 finding(s) waiting for a decision", stateLine());
+    ASSERT_TRUE(CppJson::LoadJsonFile(summary.c_str(), kept));
+    EXPECT_EQ(3, kept["pending"].asInt64());
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+}
+
 TEST_F(GuiShellTest, LanguageFromSetLanAndOverriddenByTheSettingsFile)
 {
     basegui::Common::setLan("zh-CN");
@@ -244,6 +361,7 @@ TEST_F(GuiShellTest, LanguageFromSetLanAndOverriddenByTheSettingsFile)
     EXPECT_EQ("概览", nav->item(0)->text().toStdString());
 
     // Chosen in the settings page: saved and applied at once.
+    ASSERT_NE(nullptr, shelltest::choosePage(w, "kuvSettingsPage"));
     auto* lang = w->findChild<QComboBox*>("kuvLanguage");
     ASSERT_NE(nullptr, lang);
     lang->setCurrentIndex(0);

@@ -417,8 +417,9 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
     }));
     auto* nav = w->findChild<QListWidget*>("kuvNavigation");
     auto* stack = w->findChild<QStackedWidget*>("kuvPages");
-    auto* language = w->findChild<QComboBox*>("kuvLanguage");
     ASSERT_TRUE(shelltest::spinUntil([nav] { return nav->count() == 8; }));
+    ASSERT_NE(nullptr, shelltest::choosePage(w, "kuvSettingsPage"));
+    auto* language = w->findChild<QComboBox*>("kuvLanguage");
     ASSERT_TRUE(shelltest::spinUntil([this] {
         auto* alerts = built("kuvNotifierPage")->findChild<QTableWidget*>("kuvNotifierTable");
         return alerts->rowCount() == 1 && alerts->item(0, 3)->text() != QLatin1String("Sending...");

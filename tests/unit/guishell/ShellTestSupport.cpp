@@ -12,6 +12,8 @@
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QListWidget>
+#include <QStackedWidget>
 #include <QWidget>
 
 #include "CppJson.h"
@@ -127,6 +129,23 @@ QWidget* mainWindow()
     }
     // The shell builds its window when it is first wanted.
     return kuv::shell::mainWindow();
+}
+
+QWidget* choosePage(QWidget* window, const char* pageName)
+{
+    auto* nav = window != nullptr ? window->findChild<QListWidget*>(QStringLiteral("kuvNavigation")) : nullptr;
+    auto* stack = window != nullptr ? window->findChild<QStackedWidget*>(QStringLiteral("kuvPages")) : nullptr;
+    if (nav == nullptr || stack == nullptr) {
+        return nullptr;
+    }
+    for (int row = 0; row < nav->count(); ++row) {
+        nav->setCurrentRow(row);
+        QWidget* current = stack->currentWidget();
+        if (current != nullptr && current->objectName() == QLatin1String(pageName)) {
+            return current;
+        }
+    }
+    return nullptr;
 }
 
 } // namespace shelltest

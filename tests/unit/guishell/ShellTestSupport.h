@@ -51,5 +51,8 @@ inline bool spinUntil(const std::function<bool()>& cond, int timeoutMs = 30000)
 }
 
 QWidget* mainWindow();
+// Pages other than the overview are built when first chosen: chooses the navigation row whose page is
+// named pageName (building it) and returns that page, or null when no row leads to it. GUI thread.
+QWidget* choosePage(QWidget* window, const char* pageName);
 
 } // namespace shelltest

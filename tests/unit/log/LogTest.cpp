@@ -371,6 +371,7 @@ TEST(LogTest, ThreadsAndForkedChildrenNameThemselves)
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
+    log->Flush();
     const std::string content = kuvtest::readFile(dir / "ids.log");
     EXPECT_NE(content.find("] [" + ownPrefix() + "] [INFO] [" + kFile + ":main:1] from the main thread"),
               std::string::npos)

@@ -302,6 +302,7 @@ struct Staging {
     bool urgent = false;   // write what there is now: the ring fills up, or someone waits for it
     bool stop = false;     // drain, then end
     bool exited = false;   // the flusher has ended
+    bool writing = false;  // the flusher is writing a range: the log file is its own
     int error = 0;         // why the last batch could not be written, for the next writer
     uint64_t sinceTrim = 0;
 };
@@ -346,9 +347,11 @@ public:
 protected:
     void sink_it_(const spdlog::details::log_msg& msg) override
     {
-        m_record.clear();
-        formatter_->format(msg, m_record);
-        t_result.written = appendLocked(std::string_view(m_record.data(), m_record.size()));
+        // Per thread, not per sink: a writer waiting for room in the stage lets others in meanwhile.
+        thread_local spdlog::memory_buf_t record; // reused: no allocation per record
+        record.clear();
+        formatter_->format(msg, record);
+        t_result.written = appendLocked(std::string_view(record.data(), record.size()));
         t_result.error = errno;
     }
     // Records are handed to the file as they come; drain() waits for the stage.
@@ -375,7 +378,6 @@ private:
     int writeRange(logstage::Stage& stage, uint64_t from, uint64_t to);
     std::string backupName(size_t index) const;
 
-    spdlog::memory_buf_t m_record; // reused: no allocation per record
     UniqueFd m_fd;
     bool m_stderr = false;
     std::string m_path;
@@ -435,12 +437,14 @@ LogSink::~LogSink()
     unstage();
 }
 
-// No other thread is inside a sink while the process forks: the child finds every mutex free.
+// No other thread is inside a sink while the process forks, and no flusher is writing: the child
+// finds every mutex free and every log file as its holder left it between two batches.
 void LogSink::forkPrepare()
 {
     g_sinksMutex.lock();
     for (LogSink* s = g_sinks; s != nullptr; s = s->m_next) {
         s->mutex_.lock();
+        s->waitLocked([s] { return s->m_stage == nullptr || !s->m_stage->writing; });
     }
 }
 
@@ -853,9 +857,11 @@ void LogSink::flusherLoop()
             m_wake.wait(lock, [&] { return !s.asleep; });
             continue;
         }
+        s.writing = true;
         lock.unlock();
         const int failure = writeRange(stage, from, to);
         lock.lock();
+        s.writing = false;
         if (failure != 0 && s.error == 0) {
             s.error = failure;
         }

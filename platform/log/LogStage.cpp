@@ -18,7 +18,12 @@ namespace kuv::logstage {
 
 namespace {
 
-constexpr char kMagic[8] = {'K', 'U', 'V', 'L', 'S', 'T', 'G', '1'};
+uint64_t magicWord()
+{
+    uint64_t word;
+    std::memcpy(&word, "KUVLSTG1", sizeof word);
+    return word;
+}
 constexpr size_t kFileSize = kHeaderPage + kRingSize;
 
 void fail(std::string* why, const std::string& path, const char* what, int error)
@@ -144,7 +149,7 @@ std::unique_ptr<Stage> Stage::open(const std::string& path, std::string* why)
     }
     auto stage = std::make_unique<Stage>(Key(), std::move(fd), Mapping(data, kFileSize));
     const Header& h = *stage->m_header;
-    const bool sound = std::memcmp(h.magic, kMagic, sizeof kMagic) == 0 && h.capacity == kRingSize &&
+    const bool sound = h.magic == magicWord() && h.capacity == kRingSize &&
                        h.head <= h.tail && h.tail - h.head <= kRingSize;
     if (fresh || !sound) {
         stage->resetHeader();
@@ -158,18 +163,20 @@ Stage::Stage(Key, UniqueFd fd, Mapping map)
 {
 }
 
-// The magic goes last: a reset cut short reads as one still to do.
+// In this order (each store releases the ones before), the magic last: a reset cut short reads as one
+// still to do.
 void Stage::resetHeader()
 {
-    std::memset(m_header->magic, 0, sizeof m_header->magic);
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
-    m_header->capacity = kRingSize;
-    m_header->flightEnd = 0;
-    m_header->flightDev = m_header->flightIno = m_header->flightOffset = 0;
-    m_header->head = 0;
-    m_header->tail = 0;
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
-    std::memcpy(m_header->magic, kMagic, sizeof kMagic);
+    Header& h = *m_header;
+    __atomic_store_n(&h.magic, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&h.capacity, kRingSize, __ATOMIC_RELEASE);
+    __atomic_store_n(&h.flightEnd, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&h.flightDev, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&h.flightIno, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&h.flightOffset, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&h.head, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&h.tail, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&h.magic, magicWord(), __ATOMIC_RELEASE);
 }
 
 void Stage::copyIn(uint64_t at, const char* data, size_t size)

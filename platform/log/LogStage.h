@@ -39,7 +39,7 @@ private:
 
 // The first page of the file; offsets grow without end, the ring holds [head, tail).
 struct Header {
-    char magic[8];     // "KUVLSTG1": name and layout version
+    uint64_t magic;    // "KUVLSTG1" as the file holds it: name and layout version
     uint64_t capacity; // ring bytes, a power of two
     uint64_t head;     // appended to the log up to here
     uint64_t tail;     // records copied in up to here

@@ -32,8 +32,8 @@ void formatLogRecord(std::string& out, LogLevel level, const char* source, const
 // without backups the file starts afresh. Thread-safe; never throws.
 // Direct (the default): one write(2) per record, in the file when write() returns.
 // Staged (setStaged(true) before open): each record is copied into a private ring file beside the log,
-// "<dir>/.<name>.stage", mapped shared, and a flusher thread appends the records in batches within
-// scheduling latency; it sleeps while there is nothing to write. Either way a killed process loses no
+// "<dir>/.<name>.stage", mapped shared, and a flusher thread appends them in batches about a millisecond
+// after the first of a batch; it sleeps, with no timer, while there is nothing to write. Either way a killed process loses no
 // record it wrote: a stage left behind is appended by the next open of the log, nothing twice. Only one
 // LogFile uses a stage; a second writer of the same log, a stage that cannot be made, stderr and a forked
 // child write directly. Records staged at exit() are appended before the process ends.

@@ -406,7 +406,7 @@ private:
     size_t m_backups = 0;
 
     // While a stage is in use, the log file (m_fd, m_size, rotation) belongs to whoever writes a range
-    // of it: the flusher, or a holder of the mutex who finds the ring empty.
+    // of it: the flusher, or a holder of the mutex who finds the ring empty and the flusher not writing.
     std::atomic<bool> m_wantStage{false};
     std::unique_ptr<Staging> m_stage;
     std::condition_variable m_wake;     // the flusher waits here
@@ -788,10 +788,10 @@ long LogSink::stageLocked(std::string_view record)
     }
     const uint64_t size = record.size();
     if (size > stage.capacity()) {
-        // Larger than the ring: once the ring is empty, the file is ours to write.
+        // Larger than the ring: once the ring is empty and the flusher between batches, the file is ours.
         if (s->started) {
             hurryFlusherLocked(*s);
-            waitLocked([&] { return m_stage.get() != s || stage.head() == stage.tail(); });
+            waitLocked([&] { return m_stage.get() != s || (stage.head() == stage.tail() && !s->writing); });
             if (m_stage.get() != s) {
                 return appendLocked(record);
             }

@@ -274,6 +274,22 @@ TEST(RecordMessageRandom, IsTheLogRuleOfItsText)
     }
 }
 
+// Plain text is recognised a word at a time: every byte that is not plain, at every place in a word
+// and across words, still goes to the escaper.
+TEST(RecordMessageWords, EveryByteAtEveryPlace)
+{
+    const std::string bytes = std::string("\x00\x01\x1f\x20\x21\x5b\x5c\x5d\x7e\x7f\x80\xc2\xff", 13);
+    for (const char b : bytes) {
+        for (size_t at = 0; at < 24; ++at) {
+            std::string text(24, 'a');
+            text[at] = b;
+            std::string record;
+            kuv::formatLogRecord(record, LogLevel::Info, "s", "f", 1, text);
+            ASSERT_EQ(messageOf(record), kuv::logMessage(text)) << kuv::escapeControl(text);
+        }
+    }
+}
+
 TEST(LogFile, SourceAndFunctionAreEscaped)
 {
     std::string record;

@@ -144,9 +144,18 @@ TEST(LogStage, RecordsReachTheFileWithoutBeingAskedAndTheStageIsPrivate)
 }
 
 // The next open of a log (the next start of the service) appends what a killed writer left in the stage:
-// each record exactly once, in order, whenever the kill came, also in the middle of a big batch.
-TEST(LogStage, KilledWhileFlushingBigBatchesLosesAndRepeatsNothing)
+// each record exactly once, in order, whenever the kill came, also in the middle of a big batch or
+// of a rotation.
+struct KillCase {
+    uint64_t maxSize;
+    size_t backups;
+};
+
+class KilledWhileFlushing : public testing::TestWithParam<KillCase> {};
+
+TEST_P(KilledWhileFlushing, BigBatchesLoseAndRepeatNothing)
 {
+    const KillCase c = GetParam();
     TempDir dir;
     const std::string path = dir / "killed.log";
     auto* written = static_cast<std::atomic<long>*>(
@@ -161,7 +170,7 @@ TEST(LogStage, KilledWhileFlushingBigBatchesLosesAndRepeatsNothing)
         if (child == 0) {
             kuv::LogFile log;
             log.setStaged(true);
-            if (!log.open(path, "", 0, 0) || !log.staged()) {
+            if (!log.open(path, "", c.maxSize, c.backups) || !log.staged()) {
                 _exit(3);
             }
             // Long records make big batches.
@@ -186,32 +195,56 @@ TEST(LogStage, KilledWhileFlushingBigBatchesLosesAndRepeatsNothing)
     {
         kuv::LogFile next;
         next.setStaged(true);
-        ASSERT_TRUE(next.open(path, "", 0, 0));
+        ASSERT_TRUE(next.open(path, "", c.maxSize, c.backups));
+    }
+    // Oldest backup first.
+    std::vector<std::string> files;
+    for (size_t k = c.backups; k >= 1; --k) {
+        const std::string backup = dir / ("killed." + std::to_string(k) + ".log");
+        if (kuvtest::exists(backup)) {
+            files.push_back(backup);
+        }
+    }
+    ASSERT_FALSE(kuvtest::exists(dir / ("killed." + std::to_string(c.backups + 1) + ".log")));
+    files.push_back(path);
+    if (c.maxSize > 0) {
+        EXPECT_GT(files.size(), 2u) << "rotated";
     }
     const std::regex form(R"(^r(\d+) (\d+) p+$)");
     int round = 0;
     long expected = 0;
     long total = 0;
-    for (const std::string& m : messages(path)) {
-        std::smatch parts;
-        ASSERT_TRUE(std::regex_match(m, parts, form)) << m;
-        const int r = std::stoi(parts[1]);
-        const long i = std::stol(parts[2]);
-        if (r != round) {
-            ASSERT_GE(expected, written[round].load()) << "round " << round << " lost records";
-            ASSERT_EQ(r, round + 1) << m;
-            round = r;
-            expected = 0;
+    for (const std::string& file : files) {
+        if (c.maxSize > 0) {
+            EXPECT_LE(static_cast<uint64_t>(sizeOf(file)), c.maxSize) << file;
         }
-        ASSERT_EQ(i, expected) << "round " << r << ": out of order or repeated";
-        ++expected;
-        ++total;
+        for (const std::string& m : messages(file)) {
+            std::smatch parts;
+            ASSERT_TRUE(std::regex_match(m, parts, form)) << file << ": " << m;
+            const int r = std::stoi(parts[1]);
+            const long i = std::stol(parts[2]);
+            if (r != round) {
+                ASSERT_GE(expected, written[round].load()) << "round " << round << " lost records";
+                ASSERT_EQ(r, round + 1) << m;
+                round = r;
+                expected = 0;
+            }
+            ASSERT_EQ(i, expected) << "round " << r << ": out of order or repeated";
+            ++expected;
+            ++total;
+        }
     }
     EXPECT_EQ(round, kRounds - 1);
     EXPECT_GE(expected, written[round].load());
     EXPECT_GT(total, 1000);
     ::munmap(written, sizeof(std::atomic<long>) * 8);
 }
+
+INSTANTIATE_TEST_SUITE_P(LogStage, KilledWhileFlushing,
+                         testing::Values(KillCase{0, 0}, KillCase{256 * 1024, 1000}),
+                         [](const testing::TestParamInfo<KillCase>& info) {
+                             return info.param.maxSize == 0 ? std::string("OneFile") : std::string("Rotating");
+                         });
 
 namespace {
 

@@ -182,8 +182,8 @@ TEST_P(KilledWhileFlushing, BigBatchesLoseAndRepeatNothing)
                 written[round].store(i + 1);
             }
         }
-        // Until it has written something, then at a random moment.
-        for (int i = 0; i < 5000 && written[round].load() == 0; ++i) {
+        // Until it has written enough to fill a file or two, then at a random moment.
+        for (int i = 0; i < 30000 && written[round].load() < 2500; ++i) {
             std::this_thread::sleep_for(1ms);
         }
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 15000));
@@ -534,11 +534,16 @@ TEST(LogStage, AForkedChildWritesDirectlyWithoutDeadlock)
     log->setStaged(true);
     ASSERT_TRUE(log->open(path, "", 0, 0));
     std::atomic<bool> stop{false};
+    std::atomic<int> busyWritten{0};
     std::thread busy([&] {
         for (int i = 0; !stop.load(); ++i) {
             log->write(LogLevel::Info, "s", "f", 1, "busy " + std::to_string(i));
+            busyWritten.store(i + 1);
         }
     });
+    while (busyWritten.load() < 100) {
+        std::this_thread::yield();
+    }
     std::vector<pid_t> children;
     for (int i = 0; i < 20; ++i) {
         const pid_t child = ::fork();

@@ -551,6 +551,10 @@ bool LogSink::openLocked(std::string* error)
         return false;
     }
     UniqueFd fd(::open(m_path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!fd.valid() && errno == EACCES) {
+        // A file the user made write-only is still written; only a batch in flight cannot be compared.
+        fd.reset(::open(m_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
+    }
     struct stat st {};
     if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         const int why = fd.valid() ? EINVAL : errno;

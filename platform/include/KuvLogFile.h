@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// The one record formatter and the one rotating log file of the platform: the process log (CLogDebug),
-// the bus module's log and the broker's log all write through it. Built on spdlog: a logger of its own
-// per file, with one sink and one formatter of ours.
+// The one record formatter and the one rotating log file of the platform: the process log (CLogDebug,
+// staged), the bus module's log and the broker's log all write through it. Built on spdlog: a logger of
+// its own per file, with one sink and one formatter of ours.
 #pragma once
 
 #include <atomic>
@@ -26,11 +26,17 @@ namespace kuv {
 void formatLogRecord(std::string& out, LogLevel level, const char* source, const char* function, unsigned int line,
                      std::string_view message, size_t alreadyCut = 0);
 
-// A size-rotated log file that takes each record whole: one write(2) per record, and a record the disk
-// cannot take (ENOSPC, EFBIG) is cut back so that no fragment is left. Files are created 0600, never
+// A size-rotated log file that takes each record whole: a record never straddles two files, and what the
+// disk cannot take (ENOSPC, EFBIG) is cut back so that no fragment is left. Files are created 0600, never
 // through a symbolic link, in directories created 0700. Backups are <stem>.1.log .. <stem>.<N>.log;
-// without backups the file starts afresh. Nothing is buffered in the process, so a killed process loses
-// no record it wrote. Thread-safe; never throws.
+// without backups the file starts afresh. Thread-safe; never throws.
+// Direct (the default): one write(2) per record, in the file when write() returns.
+// Staged (setStaged(true) before open): each record is copied into a private ring file beside the log,
+// "<dir>/.<name>.stage", mapped shared, and a flusher thread appends them in batches about a millisecond
+// after the first of a batch; it sleeps, with no timer, while there is nothing to write. Either way a killed process loses no
+// record it wrote: a stage left behind is appended by the next open of the log, nothing twice. Only one
+// LogFile uses a stage; a second writer of the same log, a stage that cannot be made, stderr and a forked
+// child write directly. Records staged at exit() are appended before the process ends.
 class LogSink;
 class LogFile {
 public:
@@ -46,7 +52,15 @@ public:
     // Records go to stderr (daemons in the foreground); never rotated.
     void openStderr();
     bool isOpen() const;
+    // Appends what is staged, ends the flusher, closes the file.
     void close();
+
+    // Whether the next open() stages records (default false).
+    void setStaged(bool staged);
+    // Whether records now go through a stage.
+    bool staged() const;
+    // Waits until every staged record is in the file; false with errno when the file refused some.
+    bool flush();
 
     // Lowest level written (default Info).
     void setLevel(LogLevel level) { m_level.store(static_cast<int>(level), std::memory_order_relaxed); }
@@ -56,7 +70,8 @@ public:
     }
 
     // Formats and writes one record when the level is enabled; the record's size, 0 when filtered out,
-    // -1 with errno set when it could not be written.
+    // -1 with errno set when it could not be written. Staged, a record is written once it is in the
+    // stage; a batch the file refused is reported (and this record dropped) by the next write.
     long write(LogLevel level, const char* source, const char* function, unsigned int line,
                std::string_view message, size_t alreadyCut = 0);
     // Writes one formatted record (with its line feed) whatever the level.

@@ -79,6 +79,7 @@ TEST(LogFile, TheProcessLogTheBusLogAndTheBrokerLogWriteOneLayout)
     process.SetProperty(LOG_PROPERTY_PATH, dir.path().c_str());
     process.SetProperty(LOG_PROPERTY_NAME, "process");
     ASSERT_GT(process.LogPrint(LOG_LEVEL_WARN, "src/File", "fn", 42, "value %d\n", 7), 0);
+    process.Flush();
 
     zell::LogFile bus;
     std::string error;
@@ -273,6 +274,22 @@ TEST(RecordMessageRandom, IsTheLogRuleOfItsText)
     }
 }
 
+// Plain text is recognised a word at a time: every byte that is not plain, at every place in a word
+// and across words, still goes to the escaper.
+TEST(RecordMessageWords, EveryByteAtEveryPlace)
+{
+    const std::string bytes = std::string("\x00\x01\x1f\x20\x21\x5b\x5c\x5d\x7e\x7f\x80\xc2\xff", 13);
+    for (const char b : bytes) {
+        for (size_t at = 0; at < 24; ++at) {
+            std::string text(24, 'a');
+            text[at] = b;
+            std::string record;
+            kuv::formatLogRecord(record, LogLevel::Info, "s", "f", 1, text);
+            ASSERT_EQ(messageOf(record), kuv::logMessage(text)) << kuv::escapeControl(text);
+        }
+    }
+}
+
 TEST(LogFile, SourceAndFunctionAreEscaped)
 {
     std::string record;
@@ -339,8 +356,8 @@ TEST(LogFile, AForkedChildWritesItsOwnIds)
               "[" + std::to_string(child) + ":" + std::to_string(child) + "] [INFO] [s:f:1] child");
 }
 
-// Nothing is held back in the process: a record is in the file when the call returns, so a killed
-// process loses none.
+// A record is in the stage when the call returns, so a killed process loses none: the next open of the
+// log (the next start of the service) appends what the stage holds.
 TEST(LogFile, AKilledProcessLosesNoRecord)
 {
     TempDir dir;
@@ -368,7 +385,14 @@ TEST(LogFile, AKilledProcessLosesNoRecord)
     ::kill(child, SIGKILL);
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
+    kuv::LogFile next;
+    next.setStaged(true);
+    ASSERT_TRUE(next.open(dir / "killed.log", "", 0, 0));
+    EXPECT_TRUE(next.staged());
     const auto lines = kuvtest::lines(kuvtest::readFile(dir / "killed.log"));
     ASSERT_EQ(lines.size(), 500u);
-    EXPECT_EQ(lines.back().substr(lines.back().size() - 10), "record 499");
+    for (int i = 0; i < 500; ++i) {
+        const std::string want = " record " + std::to_string(i);
+        ASSERT_EQ(lines[i].substr(lines[i].size() - want.size()), want) << i;
+    }
 }

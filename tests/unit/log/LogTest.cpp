@@ -46,6 +46,7 @@ TEST(LogTest, LineLayout)
     TempDir dir;
     auto log = makeLog(dir.path(), "kuvgui", 2);
     const int n = log->LogPrint(LOG_LEVEL_INFO, kFile, "init", 123, "value %d of %s", 7, "seven");
+    log->Flush(); // the process log is staged: in the file within moments, at once after Flush
     const std::string content = kuvtest::readFile(dir / "kuvgui.log");
     EXPECT_EQ(static_cast<size_t>(n), content.size());
     const std::regex layout(R"(^\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3}\] \[)" + ownPrefix() +
@@ -71,6 +72,7 @@ TEST(LogTest, LevelNamesAndLevelRule)
     EXPECT_GT(log->LogPrintStr(LOG_LEVEL_DEBUG, kFile, "f", 1, "d"), 0);
     EXPECT_GT(log->LogPrintStr(LOG_LEVEL_INFO, kFile, "f", 1, "i"), 0);
 
+    log->Flush();
     const auto lines = kuvtest::lines(kuvtest::readFile(dir / "levels.log"));
     ASSERT_EQ(lines.size(), 5u);
     const char* expected[] = {"[WARN] [gui/service/core/bin/cAfxGuiMain:f:1] w",
@@ -90,6 +92,7 @@ TEST(LogTest, MessageNeverSpansLines)
     log->LogPrintStr(LOG_LEVEL_INFO, kFile, "RecvData", 9, "path /a\n[2026-01-01 00:00:00.000] forged\n");
     log->LogPrint(LOG_LEVEL_INFO, kFile, "RecvData", 9, "%s", "tab\there\rcr\x01\x7f end\n\n");
     log->LogPrintStr(LOG_LEVEL_INFO, kFile, "RecvData", 9, "删除文件时发生异常: x");
+    log->Flush();
     const auto lines = kuvtest::lines(kuvtest::readFile(dir / "esc.log"));
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_NE(lines[0].find("] path /a\\n[2026-01-01 00:00:00.000] forged"), std::string::npos) << lines[0];
@@ -117,6 +120,7 @@ TEST(LogTest, RotationNamesAndSizes)
     for (int i = 1; i <= 15; ++i) {
         ASSERT_EQ(log->LogPrint(LOG_LEVEL_INFO, kFile, "f", 1, "message %02d", i), record);
     }
+    log->Flush();
     // 1-4, 5-8, 9-12, 13-15: the oldest file is gone, two backups are kept.
     EXPECT_EQ(sizeOf(dir / "kuvgui.zell.log"), 3 * record);
     EXPECT_EQ(sizeOf(dir / "kuvgui.zell.1.log"), 4 * record);
@@ -209,10 +213,12 @@ TEST(LogTest, CreatesDirectoryAndFollowsPathAndNameChanges)
     EXPECT_FALSE(kuvtest::exists(dir / "install/log/kuvgui.log"));
     EXPECT_GT(log->LogPrintStr(LOG_LEVEL_INFO, kFile, "f", 1, "one"), 0);
     EXPECT_TRUE(kuvtest::exists(dir / "install/log/kuvgui.log"));
+    log->Flush();
     log->SetProperty(LOG_PROPERTY_NAME, "other");
     EXPECT_GT(log->LogPrintStr(LOG_LEVEL_INFO, kFile, "f", 1, "two"), 0);
     log->SetProperty(LOG_PROPERTY_PATH, (dir / "second/").c_str());
     EXPECT_GT(log->LogPrintStr(LOG_LEVEL_INFO, kFile, "f", 1, "three"), 0);
+    log->Flush();
     EXPECT_EQ(kuvtest::lines(kuvtest::readFile(dir / "install/log/kuvgui.log")).size(), 1u);
     EXPECT_EQ(kuvtest::lines(kuvtest::readFile(dir / "install/log/other.log")).size(), 1u);
     EXPECT_EQ(kuvtest::lines(kuvtest::readFile(dir / "second/other.log")).size(), 1u);
@@ -265,6 +271,7 @@ TEST(LogTest, LongMessageIsCutWithAMarker)
     const std::string big(100000, 'x');
     EXPECT_GT(log->LogPrint(LOG_LEVEL_INFO, kFile, "f", 1, "%s|", big.c_str()), 16384);
     EXPECT_GT(log->LogPrintStr(LOG_LEVEL_INFO, kFile, "f", 2, (big + "|").c_str()), 16384);
+    log->Flush();
     const auto lines = kuvtest::lines(kuvtest::readFile(dir / "long.log"));
     ASSERT_EQ(lines.size(), 2u);
     for (const auto& line : lines) {
@@ -298,6 +305,7 @@ TEST(LogTest, ForgedRecordsAreEscaped)
     auto log = makeLog(dir.path(), "forged");
     log->LogPrintStr(LOG_LEVEL_INFO, kFile, "RecvData", 9,
                      "a\xc2\x85[x] b\xe2\x80\xa8[y] c\xe2\x80\xa9[z] \xc2\x9b[2J lit\\n \xff\xfe end");
+    log->Flush();
     const std::string content = kuvtest::readFile(dir / "forged.log");
     ASSERT_EQ(content.back(), '\n');
     EXPECT_EQ(content.find('\n'), content.size() - 1);
@@ -363,6 +371,7 @@ TEST(LogTest, ThreadsAndForkedChildrenNameThemselves)
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
+    log->Flush();
     const std::string content = kuvtest::readFile(dir / "ids.log");
     EXPECT_NE(content.find("] [" + ownPrefix() + "] [INFO] [" + kFile + ":main:1] from the main thread"),
               std::string::npos)

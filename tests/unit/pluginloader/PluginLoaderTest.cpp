@@ -144,7 +144,11 @@ protected:
         return st == CQPluginManager::PLUGIN_LOADED || st == CQPluginManager::PLUGIN_FAILED;
     }
 
-    std::string log() { return readFile(inDir("loader.log")); }
+    std::string log()
+    {
+        CLogDebug::Instance()->Flush(); // the process log is staged: flushed, every record is in the file
+        return readFile(inDir("loader.log"));
+    }
     QString inDir(const char* name) const { return QString::fromStdString(m_dir / name); }
     std::vector<std::string> trace() { return lines(readFile(m_trace)); }
 

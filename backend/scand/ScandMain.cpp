@@ -104,6 +104,8 @@ bool daemonize(UniqueFd& ready)
 void openLog(const Settings& settings, const std::string& installDir)
 {
     CLogDebug* log = CLogDebug::Instance();
+    // The supervisor forks the service again after a crash: no flusher thread may be running in it.
+    log->SetStaged(false);
     log->SetProperty(LOG_PROPERTY_NAME, "kuv-scand");
     log->SetProperty(LOG_PROPERTY_PATH, (installDir + "log/").c_str());
     log->SetProperty(LOG_PROPERTY_LEVEL, std::to_string(settings.logLevel).c_str());

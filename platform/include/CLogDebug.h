@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <memory>
 #include <string>
+#include <string_view>
 
 enum _LOG_LEVEL {
     LOG_LEVEL_TRACE = 0,
@@ -48,10 +49,14 @@ public:
     // Writes text as it is (escaped, one record).
     int LogPrintStr(_LOG_LEVEL level, const char* file, const char* function, unsigned int line, const char* text);
     void Flush();
+    // Staged (the default): a record costs a copy into a mapped stage file that a flusher thread appends
+    // to the log. A process that forks workers keeps its log direct, one write per record: a child must
+    // not be forked while a flusher thread of its parent is busy. Before the first record.
+    void SetStaged(bool staged);
 
 private:
     int printRecord(_LOG_LEVEL level, const char* file, const char* function, unsigned int line,
-                    const std::string& text, size_t alreadyCut);
+                    std::string_view text, size_t alreadyCut);
 
     struct Impl;
     std::unique_ptr<Impl> m_impl;

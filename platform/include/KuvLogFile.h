@@ -90,7 +90,15 @@ int logPrint(LogFile* log, _LOG_LEVEL level, const char* source, const char* fun
 int logPrintV(LogFile* log, _LOG_LEVEL level, const char* source, const char* function, unsigned int line,
               const char* format, va_list args);
 
-// printf into text; what does not fit a record is left out and counted in cut. false on a bad format.
-bool formatLogMessage(std::string& text, size_t& cut, const char* format, va_list args);
+// A printf'd message: in the caller's frame when it fits (most do), else on the heap. Kept on the
+// stack rather than per thread: a record may come after the thread's own objects are gone (at exit).
+struct LogMessageText {
+    char small[1024];
+    std::string big;
+    std::string_view text;
+    size_t cut = 0; // bytes left out: what does not fit a record
+};
+// printf into out. false on a bad format.
+bool formatLogMessage(LogMessageText& out, const char* format, va_list args);
 
 } // namespace kuv

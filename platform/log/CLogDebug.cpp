@@ -45,6 +45,7 @@ bool parseLong(const char* text, long long min, long long max, long long& out)
 
 struct CLogDebug::Impl {
     std::mutex mutex;
+    bool staged = true; // see SetStaged
     std::atomic<int> level{kDefaultLevel};
     std::string name;
     std::string path;
@@ -103,7 +104,7 @@ struct CLogDebug::Impl {
         std::string reason;
         // The file sets no level of its own: CLogDebug filters before it formats.
         file.setLevel(kuv::LogLevel::Trace);
-        file.setStaged(true);
+        file.setStaged(staged);
         isOpen = file.open(path + name + ".log", std::string(), size, backups, &reason);
         haveFailedOpen = !isOpen;
         if (!isOpen) {
@@ -113,7 +114,7 @@ struct CLogDebug::Impl {
         return isOpen;
     }
 
-    int write(_LOG_LEVEL level, const char* file, const char* function, unsigned int line, const std::string& text,
+    int write(_LOG_LEVEL level, const char* file, const char* function, unsigned int line, std::string_view text,
               size_t alreadyCut)
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -245,12 +246,11 @@ int CLogDebug::LogPrintV(_LOG_LEVEL level, const char* file, const char* functio
         return 0;
     }
     try {
-        thread_local std::string text;
-        size_t cut = 0;
-        if (!kuv::formatLogMessage(text, cut, format, args)) {
+        kuv::LogMessageText message;
+        if (!kuv::formatLogMessage(message, format, args)) {
             return 0;
         }
-        return printRecord(level, file, function, line, text, cut);
+        return printRecord(level, file, function, line, message.text, message.cut);
     } catch (...) {
         return 0;
     }
@@ -273,20 +273,26 @@ int CLogDebug::LogPrintStr(_LOG_LEVEL level, const char* file, const char* funct
         return 0;
     }
     try {
-        return printRecord(level, file, function, line, std::string(text), 0);
+        return printRecord(level, file, function, line, text, 0);
     } catch (...) {
         return 0;
     }
 }
 
 int CLogDebug::printRecord(_LOG_LEVEL level, const char* file, const char* function, unsigned int line,
-                           const std::string& text, size_t alreadyCut)
+                           std::string_view text, size_t alreadyCut)
 {
     try {
         return m_impl->write(level, file, function, line, text, alreadyCut);
     } catch (...) {
         return 0;
     }
+}
+
+void CLogDebug::SetStaged(bool staged)
+{
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    m_impl->staged = staged;
 }
 
 // Every record written so far is in the file when Flush returns.

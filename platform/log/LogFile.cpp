@@ -366,9 +366,9 @@ public:
 protected:
     void sink_it_(const spdlog::details::log_msg& msg) override
     {
-        // Per thread, not per sink: a writer waiting for room in the stage lets others in meanwhile.
-        thread_local spdlog::memory_buf_t record; // reused: no allocation per record
-        record.clear();
+        // In the writer's frame, not the sink: a writer waiting for room in the stage lets others in
+        // meanwhile. Records fit the buffer's inline part, so none allocates.
+        spdlog::memory_buf_t record;
         formatter_->format(msg, record);
         t_result.written = appendLocked(std::string_view(record.data(), record.size()));
         t_result.error = errno;
@@ -1057,7 +1057,7 @@ long LogFile::write(LogLevel level, const char* source, const char* function, un
         return -1;
     }
     try {
-        thread_local std::string scratch;
+        std::string scratch; // only a message that needs escaping or cutting fills it
         const std::string_view text = ruledMessage(message, alreadyCut, scratch);
         t_result = SinkResult{-1, ENOMEM}; // what stays when spdlog's error handler took the record
         m_logger->log(spdlog::source_loc{source, static_cast<int>(line), function}, toSpdlog(level),
@@ -1070,30 +1070,31 @@ long LogFile::write(LogLevel level, const char* source, const char* function, un
     }
 }
 
-bool formatLogMessage(std::string& text, size_t& cut, const char* format, va_list args)
+bool formatLogMessage(LogMessageText& out, const char* format, va_list args)
 {
-    cut = 0;
+    out.cut = 0;
+    out.text = std::string_view();
     if (format == nullptr) {
         return false;
     }
     va_list copy;
     va_copy(copy, args);
-    char small[1024];
-    const int n = std::vsnprintf(small, sizeof small, format, copy);
+    const int n = std::vsnprintf(out.small, sizeof out.small, format, copy);
     va_end(copy);
     if (n < 0) {
         return false;
     }
-    if (static_cast<size_t>(n) < sizeof small) {
-        text.assign(small, static_cast<size_t>(n));
+    if (static_cast<size_t>(n) < sizeof out.small) {
+        out.text = std::string_view(out.small, static_cast<size_t>(n));
         return true;
     }
     // Only what a record can carry is formatted; the rest is counted as cut.
     const size_t keep = std::min(static_cast<size_t>(n), 4 * kMaxLogMessage);
-    std::vector<char> big(keep + 1);
-    std::vsnprintf(big.data(), big.size(), format, args);
-    text.assign(big.data(), keep);
-    cut = static_cast<size_t>(n) - keep;
+    out.big.resize(keep + 1);
+    std::vsnprintf(out.big.data(), out.big.size(), format, args);
+    out.big.resize(keep);
+    out.text = out.big;
+    out.cut = static_cast<size_t>(n) - keep;
     return true;
 }
 
@@ -1105,12 +1106,11 @@ int logPrintV(LogFile* log, _LOG_LEVEL level, const char* source, const char* fu
         return 0;
     }
     try {
-        thread_local std::string text;
-        size_t cut = 0;
-        if (!formatLogMessage(text, cut, format, args)) {
+        LogMessageText message;
+        if (!formatLogMessage(message, format, args)) {
             return 0;
         }
-        const long n = log->write(kuvLevel, source, function, line, text, cut);
+        const long n = log->write(kuvLevel, source, function, line, message.text, message.cut);
         return n > 0 ? static_cast<int>(n) : 0;
     } catch (...) {
         return 0;

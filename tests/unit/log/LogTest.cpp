@@ -382,3 +382,30 @@ TEST(LogTest, ThreadsAndForkedChildrenNameThemselves)
     EXPECT_NE(content.find("] [" + childIds + "] [INFO] [" + kFile + ":child:3] from the child"), std::string::npos)
         << content;
 }
+
+namespace {
+CLogDebug* g_atExitLog = nullptr;
+}
+
+// Records may come while the process ends (from atexit handlers and static destructors), after the
+// thread's own objects are gone: the writer keeps nothing per thread that exit() destroys.
+TEST(LogTest, ARecordWrittenWhileTheProcessExitsIsWhole)
+{
+    TempDir dir;
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        g_atExitLog = makeLog(dir.path(), "exiting", 2).release();
+        g_atExitLog->LogPrint(LOG_LEVEL_INFO, kFile, "main", 1, "%s", std::string(300, 'a').c_str());
+        std::atexit([] {
+            g_atExitLog->LogPrint(LOG_LEVEL_INFO, kFile, "atexit", 2, "leaving %s", std::string(300, 'b').c_str());
+            g_atExitLog->Flush();
+        });
+        std::exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    const std::string content = kuvtest::readFile(dir / "exiting.log");
+    EXPECT_NE(content.find(":atexit:2] leaving " + std::string(300, 'b') + "\n"), std::string::npos) << content;
+}

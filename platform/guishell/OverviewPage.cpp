@@ -86,6 +86,7 @@ OverviewPage::OverviewPage(QWidget* parent) : QWidget(parent)
     auto* form = new QFormLayout(m_instanceBox);
     m_pidCaption = new QLabel(m_instanceBox);
     m_pidValue = new QLabel(m_instanceBox);
+    m_pidValue->setObjectName(QStringLiteral("kuvOverviewPid"));
     m_statusCaption = new QLabel(m_instanceBox);
     m_statusValue = new QLabel(m_instanceBox);
     m_busCaption = new QLabel(m_instanceBox);
@@ -95,7 +96,9 @@ OverviewPage::OverviewPage(QWidget* parent) : QWidget(parent)
     m_backendCaption = new QLabel(m_instanceBox);
     m_backendValue = new QLabel(m_instanceBox);
     m_backendValue->setObjectName(QStringLiteral("kuvOverviewBackend"));
-    m_pidValue->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    // Selectable with the mouse: the label's text control (a text document) is built when the pointer first
+    // comes over it, not at start.
+    m_pidValue->installEventFilter(this);
     form->addRow(m_pidCaption, m_pidValue);
     form->addRow(m_statusCaption, m_statusValue);
     form->addRow(m_busCaption, m_busValue);
@@ -326,6 +329,15 @@ void OverviewPage::refreshComponents()
             tree->resizeColumnToContents(i);
         }
     }
+}
+
+bool OverviewPage::eventFilter(QObject* watched, QEvent* event)
+{
+    if (watched == m_pidValue && (event->type() == QEvent::Enter || event->type() == QEvent::MouseButtonPress)) {
+        m_pidValue->removeEventFilter(this);
+        m_pidValue->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    }
+    return QWidget::eventFilter(watched, event);
 }
 
 void OverviewPage::changeEvent(QEvent* event)

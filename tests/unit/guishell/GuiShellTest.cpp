@@ -19,6 +19,7 @@
 #include <QLabel>
 #include <QAbstractButton>
 #include <QStackedWidget>
+#include <QTextDocument>
 #include <QThread>
 #include <QTreeWidget>
 
@@ -336,6 +337,15 @@ TEST_F(GuiShellTest, NoItemViewIsBuiltUntilTheUserAsksForOneAndTheNavigationWork
     auto* backend = w->findChild<QLabel*>("kuvOverviewBackend");
     ASSERT_NE(nullptr, backend);
     EXPECT_FALSE(backend->text().isEmpty());
+    // Nor a text document: the process id becomes selectable once the pointer comes over it.
+    EXPECT_TRUE(w->findChildren<QTextDocument*>().isEmpty());
+    auto* pid = w->findChild<QLabel*>("kuvOverviewPid");
+    ASSERT_NE(nullptr, pid);
+    EXPECT_FALSE(pid->textInteractionFlags() & Qt::TextSelectableByMouse);
+    QEvent enter(QEvent::Enter);
+    QCoreApplication::sendEvent(pid, &enter);
+    EXPECT_TRUE(pid->textInteractionFlags() & Qt::TextSelectableByMouse);
+    EXPECT_FALSE(w->findChildren<QTextDocument*>().isEmpty());
 
     // Every entry names itself to assistive technology as it reads.
     for (int row = 0; row < nav.count(); ++row) {

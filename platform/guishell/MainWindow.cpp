@@ -2,13 +2,16 @@
 #include "MainWindow.h"
 
 #include <QAction>
+#include <QButtonGroup>
 #include <QCloseEvent>
 #include <QEvent>
 #include <QHBoxLayout>
-#include <QListWidget>
+#include <QKeyEvent>
 #include <QMenu>
 #include <QMenuBar>
 #include <QStackedWidget>
+#include <QToolButton>
+#include <QVBoxLayout>
 
 #include "AppIcon.h"
 #include "CQPluginManager.h"
@@ -22,8 +25,38 @@ namespace kuv {
 namespace shell {
 
 namespace {
-// Navigation items of the shell's own pages carry their page kind, and the page once it is built.
-constexpr int kPageKindRole = Qt::UserRole + 2;
+// Navigation buttons of the shell's own pages carry their page kind, every button its page once it is built.
+const char* const kPageKindProperty = "kuvPageKind";
+const char* const kPageProperty = "kuvPage";
+
+// A navigation entry: Up and Down choose the entry above or below, Enter and Return choose this one.
+class NavButton : public QToolButton {
+public:
+    NavButton(QButtonGroup* group, QWidget* parent) : QToolButton(parent), m_group(group) {}
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override
+    {
+        const int key = event->key();
+        if (key == Qt::Key_Return || key == Qt::Key_Enter) {
+            click();
+            return;
+        }
+        if (key == Qt::Key_Up || key == Qt::Key_Down) {
+            const QList<QAbstractButton*> all = m_group->buttons();
+            const int next = all.indexOf(this) + (key == Qt::Key_Up ? -1 : 1);
+            if (next >= 0 && next < all.size()) {
+                all[next]->setFocus(Qt::TabFocusReason);
+                all[next]->click();
+            }
+            return;
+        }
+        QToolButton::keyPressEvent(event);
+    }
+
+private:
+    QButtonGroup* m_group;
+};
 } // namespace
 
 MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent)
@@ -34,35 +67,35 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent)
 
     auto* central = new QWidget(this);
     auto* layout = new QHBoxLayout(central);
-    m_nav = new QListWidget(central);
+    m_nav = new QWidget(central);
     m_nav->setObjectName(QStringLiteral("kuvNavigation"));
     m_nav->setFixedWidth(190);
-    m_nav->setIconSize(QSize(20, 20));
+    m_navLayout = new QVBoxLayout(m_nav);
+    m_navLayout->setContentsMargins(0, 0, 0, 0);
+    m_navLayout->setSpacing(2);
+    m_navLayout->addStretch(1);
+    m_navGroup = new QButtonGroup(m_nav);
+    m_navGroup->setExclusive(true);
     m_stack = new QStackedWidget(central);
     m_stack->setObjectName(QStringLiteral("kuvPages"));
     layout->addWidget(m_nav);
     layout->addWidget(m_stack, 1);
     setCentralWidget(central);
 
+    static const NavGlyph glyphs[PAGE_COUNT] = {GLYPH_OVERVIEW, GLYPH_SCAN, GLYPH_QUARANTINE, GLYPH_HISTORY,
+                                                GLYPH_SETTINGS};
     for (int kind = 0; kind < PAGE_COUNT; ++kind) {
-        addNavItem(static_cast<PageKind>(kind));
+        m_items[kind] = addNavButton(navIcon(glyphs[kind]), nullptr);
+        m_items[kind]->setProperty(kPageKindProperty, kind);
     }
     ensurePage(PAGE_OVERVIEW);
 
-    connect(m_nav, &QListWidget::currentRowChanged, this, [this](int row) {
-        QListWidgetItem* item = m_nav->item(row);
-        if (item == nullptr) {
-            return;
-        }
-        auto* page = item->data(Qt::UserRole).value<QWidget*>();
-        const QVariant kind = item->data(kPageKindRole);
-        if (page == nullptr && kind.isValid()) {
-            page = ensurePage(static_cast<PageKind>(kind.toInt()));
-        }
-        if (page != nullptr && m_stack->indexOf(page) >= 0) {
-            m_stack->setCurrentWidget(page);
-        }
-    });
+    connect(m_navGroup, QOverload<QAbstractButton*, bool>::of(&QButtonGroup::buttonToggled), this,
+            [this](QAbstractButton* button, bool checked) {
+                if (checked) {
+                    showPageOf(button);
+                }
+            });
 
     m_fileMenu = menuBar()->addMenu(QString());
     m_quitAction = m_fileMenu->addAction(QString());
@@ -72,7 +105,7 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent)
 
     connect(CQPluginManager::singleInstance(), &CQPluginManager::sig_pluginStateChanged, this,
             &MainWindow::syncPluginPages);
-    m_nav->setCurrentRow(0);
+    choose(m_items[PAGE_OVERVIEW]);
     syncPluginPages();
     retranslate();
 }
@@ -82,28 +115,57 @@ MainWindow::~MainWindow()
     detachPluginPages();
 }
 
-void MainWindow::addPage(QWidget* page, QListWidgetItem* item)
+QAbstractButton* MainWindow::addNavButton(const QIcon& icon, QWidget* page)
 {
-    item->setData(Qt::UserRole, QVariant::fromValue<QWidget*>(page));
-    m_stack->addWidget(page);
-    m_nav->addItem(item);
+    auto* button = new NavButton(m_navGroup, m_nav);
+    button->setCheckable(true);
+    button->setAutoRaise(true);
+    button->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+    button->setIcon(icon);
+    button->setIconSize(QSize(20, 20));
+    button->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
+    button->setFocusPolicy(Qt::StrongFocus);
+    button->setProperty(kPageProperty, QVariant::fromValue<QWidget*>(page));
+    m_navGroup->addButton(button);
+    // Before the stretch that keeps the column at the top.
+    m_navLayout->insertWidget(m_navLayout->count() - 1, button);
+    if (page != nullptr) {
+        m_stack->addWidget(page);
+    }
+    return button;
 }
 
-QListWidgetItem* MainWindow::addNavItem(PageKind kind)
+void MainWindow::setNavText(QAbstractButton* button, const QString& text)
 {
-    static const NavGlyph glyphs[PAGE_COUNT] = {GLYPH_OVERVIEW, GLYPH_SCAN, GLYPH_QUARANTINE, GLYPH_HISTORY,
-                                                GLYPH_SETTINGS};
-    auto* item = new QListWidgetItem(navIcon(glyphs[kind]), QString());
-    item->setData(kPageKindRole, int(kind));
-    m_items[kind] = item;
-    m_nav->addItem(item);
-    return item;
+    button->setText(text);
+    button->setAccessibleName(text);
+}
+
+void MainWindow::choose(QAbstractButton* button)
+{
+    if (button->isChecked()) {
+        showPageOf(button);
+    } else {
+        button->setChecked(true);
+    }
+}
+
+void MainWindow::showPageOf(QAbstractButton* button)
+{
+    auto* page = button->property(kPageProperty).value<QWidget*>();
+    const QVariant kind = button->property(kPageKindProperty);
+    if (page == nullptr && kind.isValid()) {
+        page = ensurePage(static_cast<PageKind>(kind.toInt()));
+    }
+    if (page != nullptr && m_stack->indexOf(page) >= 0) {
+        m_stack->setCurrentWidget(page);
+    }
 }
 
 QWidget* MainWindow::ensurePage(PageKind kind)
 {
-    QListWidgetItem* item = m_items[kind];
-    if (auto* built = item->data(Qt::UserRole).value<QWidget*>()) {
+    QAbstractButton* item = m_items[kind];
+    if (auto* built = item->property(kPageProperty).value<QWidget*>()) {
         return built;
     }
     QWidget* page = nullptr;
@@ -140,7 +202,7 @@ QWidget* MainWindow::ensurePage(PageKind kind)
     case PAGE_COUNT:
         return nullptr;
     }
-    item->setData(Qt::UserRole, QVariant::fromValue<QWidget*>(page));
+    item->setProperty(kPageProperty, QVariant::fromValue<QWidget*>(page));
     m_stack->addWidget(page);
     return page;
 }
@@ -172,7 +234,7 @@ SettingsPage* MainWindow::settingsPage()
 void MainWindow::showScanRequest(const std::vector<std::string>& paths)
 {
     scanPage()->scanPaths(paths, true, "context menu");
-    m_nav->setCurrentItem(m_items[PAGE_SCAN]);
+    choose(m_items[PAGE_SCAN]);
 }
 
 void MainWindow::setScanClient(ScanClient* client)
@@ -191,7 +253,7 @@ void MainWindow::showHistoryJob(qint64 id)
     HistoryPage* history = historyPage();
     history->refresh();
     history->openJob(id);
-    m_nav->setCurrentItem(m_items[PAGE_HISTORY]);
+    choose(m_items[PAGE_HISTORY]);
 }
 
 void MainWindow::syncPluginPages()
@@ -214,9 +276,10 @@ void MainWindow::syncPluginPages()
                 pp.page->hide();
                 pp.page->setParent(nullptr);
             }
-            if (m_nav->currentItem() == pp.item) {
-                m_nav->setCurrentItem(m_items[PAGE_OVERVIEW]);
+            if (pp.item->isChecked()) {
+                choose(m_items[PAGE_OVERVIEW]);
             }
+            m_navGroup->removeButton(pp.item);
             delete pp.item;
             m_pluginPages.removeAt(i);
         }
@@ -239,10 +302,9 @@ void MainWindow::syncPluginPages()
         pp.id = s.id;
         pp.page = s.page;
         const QString own = s.page->windowTitle();
-        pp.item = new QListWidgetItem(navIcon(GLYPH_PLUGIN),
-                                      !own.isEmpty() ? own : !s.pageTitle.isEmpty() ? s.pageTitle : s.id);
-        pp.item->setData(Qt::UserRole + 1, s.id);
-        addPage(s.page, pp.item);
+        pp.item = addNavButton(navIcon(GLYPH_PLUGIN), s.page);
+        setNavText(pp.item, !own.isEmpty() ? own : !s.pageTitle.isEmpty() ? s.pageTitle : s.id);
+        pp.item->setProperty("kuvPluginId", s.id);
         s.page->installEventFilter(this);
         m_pluginPages.append(pp);
     }
@@ -253,7 +315,7 @@ bool MainWindow::eventFilter(QObject* watched, QEvent* event)
     if (event->type() == QEvent::WindowTitleChange) {
         for (PluginPage& pp : m_pluginPages) {
             if (pp.page == watched && !pp.page->windowTitle().isEmpty()) {
-                pp.item->setText(pp.page->windowTitle());
+                setNavText(pp.item, pp.page->windowTitle());
             }
         }
     }
@@ -269,6 +331,7 @@ void MainWindow::detachPluginPages()
             pp.page->hide();
             pp.page->setParent(nullptr);
         }
+        m_navGroup->removeButton(pp.item);
         delete pp.item;
     }
     m_pluginPages.clear();
@@ -277,11 +340,11 @@ void MainWindow::detachPluginPages()
 void MainWindow::retranslate()
 {
     setWindowTitle(tr("kuvgui - endpoint protection"));
-    m_items[PAGE_OVERVIEW]->setText(tr("Overview"));
-    m_items[PAGE_SCAN]->setText(tr("Scan"));
-    m_items[PAGE_SETTINGS]->setText(tr("Settings"));
-    m_items[PAGE_QUARANTINE]->setText(tr("Quarantine"));
-    m_items[PAGE_HISTORY]->setText(tr("History"));
+    setNavText(m_items[PAGE_OVERVIEW], tr("Overview"));
+    setNavText(m_items[PAGE_SCAN], tr("Scan"));
+    setNavText(m_items[PAGE_SETTINGS], tr("Settings"));
+    setNavText(m_items[PAGE_QUARANTINE], tr("Quarantine"));
+    setNavText(m_items[PAGE_HISTORY], tr("History"));
     m_fileMenu->setTitle(tr("&File"));
     m_quitAction->setText(tr("&Quit"));
 }

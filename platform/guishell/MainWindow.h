@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// The shell's main window: navigation list and pages (overview, scan, settings, plugin pages). Only the
+// The shell's main window: navigation buttons and pages (overview, scan, settings, plugin pages). Only the
 // overview is built with the window; every other page is built the first time it is switched to or asked for.
 #pragma once
 
@@ -11,10 +11,12 @@
 #include <string>
 #include <vector>
 
+class QAbstractButton;
 class QAction;
-class QListWidget;
-class QListWidgetItem;
+class QButtonGroup;
+class QIcon;
 class QMenu;
+class QVBoxLayout;
 class QStackedWidget;
 
 namespace kuv {
@@ -71,17 +73,23 @@ private:
     enum PageKind { PAGE_OVERVIEW, PAGE_SCAN, PAGE_QUARANTINE, PAGE_HISTORY, PAGE_SETTINGS, PAGE_COUNT };
 
     void retranslate();
-    void addPage(QWidget* page, QListWidgetItem* item);
-    QListWidgetItem* addNavItem(PageKind kind);
+    // A checkable entry at the end of the navigation column; page (may be null) is shown when it is chosen.
+    QAbstractButton* addNavButton(const QIcon& icon, QWidget* page);
+    void setNavText(QAbstractButton* button, const QString& text);
+    void choose(QAbstractButton* button);
+    void showPageOf(QAbstractButton* button);
     QWidget* ensurePage(PageKind kind);
 
     struct PluginPage {
         QString id;
         QPointer<QWidget> page;
-        QListWidgetItem* item = nullptr;
+        QAbstractButton* item = nullptr;
     };
 
-    QListWidget* m_nav;
+    // The navigation: a column of exclusive checkable buttons (no item view, no header, no model).
+    QWidget* m_nav;
+    QVBoxLayout* m_navLayout;
+    QButtonGroup* m_navGroup;
     QStackedWidget* m_stack;
     ScanClient* m_client = nullptr;
     OverviewPage* m_overview = nullptr;
@@ -89,7 +97,7 @@ private:
     SettingsPage* m_settings = nullptr;
     QuarantinePage* m_quarantine = nullptr;
     HistoryPage* m_history = nullptr;
-    QListWidgetItem* m_items[PAGE_COUNT] = {};
+    QAbstractButton* m_items[PAGE_COUNT] = {};
     QMenu* m_fileMenu;
     QAction* m_quitAction;
     QList<PluginPage> m_pluginPages;

@@ -12,6 +12,7 @@
 #include <QGroupBox>
 #include <QHeaderView>
 #include <QLabel>
+#include <QPushButton>
 #include <QTreeWidget>
 #include <QVBoxLayout>
 
@@ -85,6 +86,7 @@ OverviewPage::OverviewPage(QWidget* parent) : QWidget(parent)
     auto* form = new QFormLayout(m_instanceBox);
     m_pidCaption = new QLabel(m_instanceBox);
     m_pidValue = new QLabel(m_instanceBox);
+    m_pidValue->setObjectName(QStringLiteral("kuvOverviewPid"));
     m_statusCaption = new QLabel(m_instanceBox);
     m_statusValue = new QLabel(m_instanceBox);
     m_busCaption = new QLabel(m_instanceBox);
@@ -94,7 +96,9 @@ OverviewPage::OverviewPage(QWidget* parent) : QWidget(parent)
     m_backendCaption = new QLabel(m_instanceBox);
     m_backendValue = new QLabel(m_instanceBox);
     m_backendValue->setObjectName(QStringLiteral("kuvOverviewBackend"));
-    m_pidValue->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    // Selectable with the mouse: the label's text control (a text document) is built when the pointer first
+    // comes over it, not at start.
+    m_pidValue->installEventFilter(this);
     form->addRow(m_pidCaption, m_pidValue);
     form->addRow(m_statusCaption, m_statusValue);
     form->addRow(m_busCaption, m_busValue);
@@ -102,23 +106,13 @@ OverviewPage::OverviewPage(QWidget* parent) : QWidget(parent)
     form->addRow(m_backendCaption, m_backendValue);
     layout->addWidget(m_instanceBox);
 
-    m_comboBox = new QGroupBox(this);
-    auto* comboLayout = new QVBoxLayout(m_comboBox);
-    m_combos = new QTreeWidget(m_comboBox);
-    m_combos->setObjectName(QStringLiteral("kuvComboList"));
-    m_combos->setRootIsDecorated(false);
-    m_combos->setColumnCount(4);
-    comboLayout->addWidget(m_combos);
-    layout->addWidget(m_comboBox, 1);
-
-    m_pluginBox = new QGroupBox(this);
-    auto* pluginLayout = new QVBoxLayout(m_pluginBox);
-    m_plugins = new QTreeWidget(m_pluginBox);
-    m_plugins->setObjectName(QStringLiteral("kuvPluginList"));
-    m_plugins->setRootIsDecorated(false);
-    m_plugins->setColumnCount(4);
-    pluginLayout->addWidget(m_plugins);
-    layout->addWidget(m_pluginBox, 2);
+    m_componentsButton = new QPushButton(this);
+    m_componentsButton->setObjectName(QStringLiteral("kuvShowComponents"));
+    m_componentsButton->setCheckable(true);
+    connect(m_componentsButton, &QPushButton::toggled, this, &OverviewPage::showComponents);
+    layout->addWidget(m_componentsButton, 0, Qt::AlignLeft);
+    // Keeps the instance box at the top while the components are closed.
+    layout->addStretch(1);
 
     // The instance attributes change behind our back (bus status): followed through the tag directory
     // (inotify) while visible, without polling.
@@ -137,12 +131,70 @@ void OverviewPage::retranslate()
     m_busCaption->setText(tr("Message bus:"));
     m_versionCaption->setText(tr("Client version:"));
     m_backendCaption->setText(tr("Scan back end:"));
+    m_componentsButton->setText(m_componentsButton->isChecked() ? tr("Hide components") : tr("Show components"));
+    if (m_components != nullptr) {
+        m_comboBox->setTitle(tr("Combos"));
+        m_combos->setHeaderLabels({tr("Combo"), tr("Index"), tr("Plugins"), tr("State")});
+        m_pluginBox->setTitle(tr("Plugins"));
+        m_plugins->setHeaderLabels({tr("Plugin"), tr("Version"), tr("State"), tr("Details")});
+    }
+    showBackend();
+    refresh();
+}
+
+void OverviewPage::showComponents(bool show)
+{
+    if (m_componentsButton->isChecked() != show) {
+        m_componentsButton->setChecked(show); // comes back here through toggled
+        return;
+    }
+    if (show && m_components == nullptr) {
+        buildComponents();
+    }
+    if (m_components != nullptr) {
+        m_components->setVisible(show);
+        // The stretch that holds the instance box at the top gives way to the tables while they are shown.
+        auto* layout = static_cast<QVBoxLayout*>(this->layout());
+        layout->setStretch(layout->count() - 1, show ? 0 : 1);
+    }
+    m_componentsButton->setText(show ? tr("Hide components") : tr("Show components"));
+    if (show) {
+        refreshComponents();
+    }
+}
+
+void OverviewPage::buildComponents()
+{
+    m_components = new QWidget(this);
+    m_components->setObjectName(QStringLiteral("kuvComponents"));
+    auto* componentsLayout = new QVBoxLayout(m_components);
+    componentsLayout->setContentsMargins(0, 0, 0, 0);
+
+    m_comboBox = new QGroupBox(m_components);
+    auto* comboLayout = new QVBoxLayout(m_comboBox);
+    m_combos = new QTreeWidget(m_comboBox);
+    m_combos->setObjectName(QStringLiteral("kuvComboList"));
+    m_combos->setRootIsDecorated(false);
+    m_combos->setColumnCount(4);
+    comboLayout->addWidget(m_combos);
+    componentsLayout->addWidget(m_comboBox, 1);
+
+    m_pluginBox = new QGroupBox(m_components);
+    auto* pluginLayout = new QVBoxLayout(m_pluginBox);
+    m_plugins = new QTreeWidget(m_pluginBox);
+    m_plugins->setObjectName(QStringLiteral("kuvPluginList"));
+    m_plugins->setRootIsDecorated(false);
+    m_plugins->setColumnCount(4);
+    pluginLayout->addWidget(m_plugins);
+    componentsLayout->addWidget(m_pluginBox, 2);
+
+    // Before the final stretch, under the button.
+    auto* layout = static_cast<QVBoxLayout*>(this->layout());
+    layout->insertWidget(layout->count() - 1, m_components, 1);
     m_comboBox->setTitle(tr("Combos"));
     m_combos->setHeaderLabels({tr("Combo"), tr("Index"), tr("Plugins"), tr("State")});
     m_pluginBox->setTitle(tr("Plugins"));
     m_plugins->setHeaderLabels({tr("Plugin"), tr("Version"), tr("State"), tr("Details")});
-    showBackend();
-    refresh();
 }
 
 void OverviewPage::setScanClient(ScanClient* client)
@@ -218,7 +270,13 @@ void OverviewPage::refresh()
     m_busValue->setText(busUp ? tr("Bus client started") : tr("No bus client"));
     const std::string version = ConstConfig::singleInstance()->getClientVersion();
     m_versionValue->setText(version.empty() ? tr("unknown") : esc(version));
+    if (m_components != nullptr) {
+        refreshComponents();
+    }
+}
 
+void OverviewPage::refreshComponents()
+{
     const QList<CQPluginManager::PluginStatus> plugins = CQPluginManager::singleInstance()->pluginStatus();
     std::map<QString, CQPluginManager::PluginState> states;
     m_plugins->clear();
@@ -271,6 +329,15 @@ void OverviewPage::refresh()
             tree->resizeColumnToContents(i);
         }
     }
+}
+
+bool OverviewPage::eventFilter(QObject* watched, QEvent* event)
+{
+    if (watched == m_pidValue && (event->type() == QEvent::Enter || event->type() == QEvent::MouseButtonPress)) {
+        m_pidValue->removeEventFilter(this);
+        m_pidValue->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    }
+    return QWidget::eventFilter(watched, event);
 }
 
 void OverviewPage::changeEvent(QEvent* event)

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// Overview page: this instance (pid, status, bus, scan back end), the combos and the plugins with their state.
+// Overview page: this instance (pid, status, bus, scan back end); the combos and the plugins with their state
+// in a components section that is built the first time the user opens it (item views are not built at start).
 #pragma once
 
 #include <QPointer>
@@ -8,6 +9,7 @@
 
 class QGroupBox;
 class QLabel;
+class QPushButton;
 class QTreeWidget;
 
 namespace kuv {
@@ -20,11 +22,14 @@ class OverviewPage : public QWidget {
 public:
     explicit OverviewPage(QWidget* parent = nullptr);
     void setScanClient(ScanClient* client);
+    // Shows or hides the combos and plugins, building them the first time.
+    void showComponents(bool show);
 
 public slots:
     void refresh();
 
 protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
     void changeEvent(QEvent* event) override;
     void showEvent(QShowEvent* event) override;
     void hideEvent(QHideEvent* event) override;
@@ -32,6 +37,8 @@ protected:
 private:
     void retranslate();
     void showBackend();
+    void buildComponents();
+    void refreshComponents();
 
     QGroupBox* m_instanceBox;
     QLabel* m_pidCaption;
@@ -45,10 +52,13 @@ private:
     QLabel* m_backendCaption;
     QLabel* m_backendValue;
     QPointer<ScanClient> m_client;
-    QGroupBox* m_comboBox;
-    QTreeWidget* m_combos;
-    QGroupBox* m_pluginBox;
-    QTreeWidget* m_plugins;
+    QPushButton* m_componentsButton;
+    // Null until the components are first shown.
+    QWidget* m_components = nullptr;
+    QGroupBox* m_comboBox = nullptr;
+    QTreeWidget* m_combos = nullptr;
+    QGroupBox* m_pluginBox = nullptr;
+    QTreeWidget* m_plugins = nullptr;
     // The tag directory, watched while the page is shown: the attributes are rewritten by rename.
     QFileSystemWatcher m_tagDir;
 };

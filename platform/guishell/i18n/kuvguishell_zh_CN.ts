@@ -35,6 +35,14 @@
         <translation>本实例</translation>
     </message>
     <message>
+        <source>Show components</source>
+        <translation>显示组件</translation>
+    </message>
+    <message>
+        <source>Hide components</source>
+        <translation>隐藏组件</translation>
+    </message>
+    <message>
         <source>Process ID:</source>
         <translation>进程号：</translation>
     </message>

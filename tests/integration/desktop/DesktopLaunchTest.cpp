@@ -513,3 +513,27 @@ TEST(DesktopUserIntegration, MovedTreeInstallsItsOwnPathsAndRemoveLeavesNothing)
     EXPECT_EQ(out.status, 0) << out.out << out.err;
     EXPECT_EQ(treeBelow(inst.home), std::vector<std::string>{}) << visible(treeBelow(inst.home));
 }
+
+namespace {
+
+// The service as installed and started by a launcher: libsqlite3 (the quarantine and history store) is
+// loaded when a page or an action first needs the store, not at start.
+TEST(DesktopStart, TheStartedServiceHasNoSqliteMapped)
+{
+    PrivateInstall inst;
+    ASSERT_EQ(inst.start(), "");
+    const std::string shell = inst.prefix + "/lib/libkuvguishell.so";
+    int services = 0;
+    for (pid_t pid : processesWithArg(inst.bin("kuvgui"))) {
+        const std::string maps = readFile("/proc/" + std::to_string(pid) + "/maps");
+        if (maps.find(shell) == std::string::npos) {
+            continue; // not the service (a client that came and went)
+        }
+        ++services;
+        EXPECT_EQ(maps.find("libsqlite3"), std::string::npos) << maps;
+    }
+    EXPECT_EQ(services, 1);
+    EXPECT_EQ(inst.stop(), "") << inst.serviceOutput();
+}
+
+} // namespace

@@ -25,7 +25,6 @@
 #include <QFontDatabase>
 #include <QImage>
 #include <QLabel>
-#include <QListWidget>
 #include <QMimeData>
 #include <QPixmap>
 #include <QProgressBar>
@@ -426,12 +425,12 @@ TEST_F(ScanPageTest, StatusPageFollowsABackEndThatStartsLaterAndNoticesItsEnd)
     ASSERT_NO_FATAL_FAILURE(startStatusPlugin(bus, endpoint, ""));
     CQPluginManager* loader = CQPluginManager::singleInstance();
     // The plugin's page is built the first time it is shown.
-    auto* nav = child<QListWidget>("kuvNavigation");
+    shelltest::Nav nav(window());
     auto* stack = child<QStackedWidget>("kuvPages");
-    ASSERT_TRUE(nav != nullptr && stack != nullptr);
+    ASSERT_TRUE(nav.valid() && stack != nullptr);
     ASSERT_TRUE(shelltest::spinUntil([nav, stack] {
-        for (int row = 0; row < nav->count(); ++row) {
-            nav->setCurrentRow(row);
+        for (int row = 0; row < nav.count(); ++row) {
+            nav.setCurrentRow(row);
             if (stack->currentWidget()->objectName() == QLatin1String("kuvProtectionStatusPage")) {
                 return child<QLabel>("kuvProtectionBackendState") != nullptr;
             }
@@ -484,13 +483,13 @@ TEST_F(ScanPageTest, ScreenshotsDuringAScanAfterADetectionAndOfAnOldDatabase)
     }
     scan(slow);
 
-    auto* nav = child<QListWidget>("kuvNavigation");
+    shelltest::Nav nav(window());
     auto* stack = child<QStackedWidget>("kuvPages");
-    const int scanRow = nav != nullptr ? nav->currentRow() : -1;
+    const int scanRow = nav.currentRow();
     ASSERT_NE(nullptr, shelltest::choosePage(window(), "kuvSettingsPage"));
-    nav->setCurrentRow(scanRow);
+    nav.setCurrentRow(scanRow);
     auto* language = child<QComboBox>("kuvLanguage");
-    ASSERT_TRUE(nav != nullptr && stack != nullptr && language != nullptr);
+    ASSERT_TRUE(nav.valid() && scanRow >= 0 && stack != nullptr && language != nullptr);
     auto shoot = [&](const QString& name) {
         // Let the layouts follow a language switch before the picture is taken.
         shelltest::spinUntil([] { return false; }, 300);
@@ -501,8 +500,8 @@ TEST_F(ScanPageTest, ScreenshotsDuringAScanAfterADetectionAndOfAnOldDatabase)
         EXPECT_GT(QFileInfo(path).size(), 2000) << path.toStdString();
     };
     auto showPage = [&](const char* objectName) {
-        for (int row = 0; row < nav->count(); ++row) {
-            nav->setCurrentRow(row);
+        for (int row = 0; row < nav.count(); ++row) {
+            nav.setCurrentRow(row);
             if (stack->currentWidget()->objectName() == QLatin1String(objectName)) {
                 return true;
             }

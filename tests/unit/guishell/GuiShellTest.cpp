@@ -13,10 +13,13 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QAbstractItemView>
 #include <QComboBox>
+#include <QKeyEvent>
 #include <QLabel>
-#include <QListWidget>
+#include <QAbstractButton>
 #include <QStackedWidget>
+#include <QTextDocument>
 #include <QThread>
 #include <QTreeWidget>
 
@@ -189,9 +192,9 @@ TEST_F(GuiShellTest, QuitWaitsUntilEveryPendingUnloadIsReported)
     loader->installPluginAsyn("b", QVariant::fromValue(paras));
     ASSERT_TRUE(shelltest::spinUntil([&] { return loader->loadedPlugins().size() == 2; }));
     // Plugin pages show up in the navigation.
-    auto* nav = shelltest::mainWindow()->findChild<QListWidget*>("kuvNavigation");
-    ASSERT_TRUE(shelltest::spinUntil([&] { return nav->count() == 7; }));
-    EXPECT_EQ("Page of fake_good_b", nav->item(6)->text().toStdString());
+    shelltest::Nav nav(shelltest::mainWindow());
+    ASSERT_TRUE(shelltest::spinUntil([&] { return nav.count() == 7; }));
+    EXPECT_EQ("Page of fake_good_b", nav.text(6).toStdString());
 
     // A queued receiver, as the service's endpoint cleanup is: it must run before exec returns.
     std::vector<std::string> cleaned;
@@ -243,14 +246,14 @@ TEST_F(GuiShellTest, OnlyTheShownPageIsBuiltUntilAnotherIsChosen)
     ASSERT_NE(nullptr, w);
     w->show();
     ASSERT_TRUE(shelltest::spinUntil([w] { return w->isVisible(); }));
-    auto* nav = w->findChild<QListWidget*>("kuvNavigation");
+    shelltest::Nav nav(w);
     auto* stack = w->findChild<QStackedWidget*>("kuvPages");
-    ASSERT_NE(nullptr, nav);
+    ASSERT_TRUE(nav.valid());
     ASSERT_NE(nullptr, stack);
     const char* const pages[] = {"kuvOverviewPage", "kuvScanPage", "kuvQuarantinePage", "kuvHistoryPage",
                                  "kuvSettingsPage"};
-    ASSERT_EQ(5, nav->count()) << "every page has its entry from the start";
-    EXPECT_EQ(0, nav->currentRow());
+    ASSERT_EQ(5, nav.count()) << "every page has its entry from the start";
+    EXPECT_EQ(0, nav.currentRow());
     EXPECT_EQ(1, stack->count());
     EXPECT_EQ(pages[0], stack->currentWidget()->objectName().toStdString());
     EXPECT_TRUE(stack->currentWidget()->isVisible());
@@ -264,7 +267,7 @@ TEST_F(GuiShellTest, OnlyTheShownPageIsBuiltUntilAnotherIsChosen)
     // Choosing an entry builds its page, once, and shows it; the others stay unbuilt.
     QWidget* built[5] = {stack->currentWidget(), nullptr, nullptr, nullptr, nullptr};
     for (int row = 1; row < 5; ++row) {
-        nav->setCurrentRow(row);
+        nav.setCurrentRow(row);
         QCoreApplication::processEvents();
         QWidget* page = stack->currentWidget();
         ASSERT_NE(nullptr, page);
@@ -280,11 +283,148 @@ TEST_F(GuiShellTest, OnlyTheShownPageIsBuiltUntilAnotherIsChosen)
     EXPECT_NE(nullptr, w->findChild<QComboBox*>("kuvLanguage"));
     // Going back shows the same pages again, nothing is built twice.
     for (int row = 0; row < 5; ++row) {
-        nav->setCurrentRow(row);
+        nav.setCurrentRow(row);
         EXPECT_EQ(built[row], stack->currentWidget()) << pages[row];
         EXPECT_TRUE(built[row]->isVisible()) << pages[row];
     }
     EXPECT_EQ(5, stack->count());
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+}
+
+namespace {
+// Item views (lists, trees, tables, their headers) anywhere in the window.
+int itemViewsIn(QWidget* w)
+{
+    return w->findChildren<QAbstractItemView*>().size();
+}
+} // namespace
+
+TEST_F(GuiShellTest, NoItemViewIsBuiltUntilTheUserAsksForOneAndTheNavigationWorksFromTheKeyboard)
+{
+    const std::string pluginDir = FAKE_PLUGIN_DIR;
+    for (const char* id : {"a", "b"}) {
+        std::ofstream(m_box.installDir + "etc/plugins-gui/plugins/" + id + ".json")
+            << R"({"id": ")" << id << R"(", "library": "fake_good_)" << id
+            << R"(.so", "iid": "org.kuv.gui.IKuvGuiPlugin/1.0", "version": "7.1", "description": "fake"})";
+    }
+    CQPluginManager* loader = CQPluginManager::singleInstance();
+    loader->setPluginRelativeRootPath(QString::fromStdString(pluginDir));
+    loader->setPluginConfigFilePath(QString::fromStdString(m_box.installDir + "etc/plugins-gui/plugins/"));
+    ASSERT_EQ(2, loader->loadAllPluginInfo());
+    ASSERT_EQ(0, init());
+    QWidget* w = shelltest::mainWindow();
+    ASSERT_NE(nullptr, w);
+    w->show();
+    ASSERT_TRUE(shelltest::spinUntil([w] { return w->isVisible(); }));
+    sPluginInitParas paras;
+    loader->installPluginAsyn("a", QVariant::fromValue(paras));
+    loader->installPluginAsyn("b", QVariant::fromValue(paras));
+    ASSERT_TRUE(shelltest::spinUntil([&] { return loader->loadedPlugins().size() == 2; }));
+    shelltest::Nav nav(w);
+    ASSERT_TRUE(shelltest::spinUntil([&] { return nav.count() == 7; }));
+    QCoreApplication::processEvents();
+
+    // The shown window (overview, navigation, menu) has no item view, nor anywhere else in the process.
+    auto* stack = w->findChild<QStackedWidget*>("kuvPages");
+    ASSERT_NE(nullptr, stack);
+    EXPECT_EQ("kuvOverviewPage", stack->currentWidget()->objectName().toStdString());
+    EXPECT_EQ(0, itemViewsIn(w));
+    const QWidgetList all = QApplication::allWidgets();
+    EXPECT_TRUE(std::none_of(all.begin(), all.end(), [](QWidget* x) { return qobject_cast<QAbstractItemView*>(x); }));
+    EXPECT_EQ(nullptr, w->findChild<QWidget*>("kuvComponents"));
+    // The overview shows the instance without them.
+    auto* backend = w->findChild<QLabel*>("kuvOverviewBackend");
+    ASSERT_NE(nullptr, backend);
+    EXPECT_FALSE(backend->text().isEmpty());
+    // Nor a text document: the process id becomes selectable once the pointer comes over it.
+    EXPECT_TRUE(w->findChildren<QTextDocument*>().isEmpty());
+    auto* pid = w->findChild<QLabel*>("kuvOverviewPid");
+    ASSERT_NE(nullptr, pid);
+    EXPECT_FALSE(pid->textInteractionFlags() & Qt::TextSelectableByMouse);
+    QEvent enter(QEvent::Enter);
+    QCoreApplication::sendEvent(pid, &enter);
+    EXPECT_TRUE(pid->textInteractionFlags() & Qt::TextSelectableByMouse);
+    EXPECT_FALSE(w->findChildren<QTextDocument*>().isEmpty());
+
+    // Every entry names itself to assistive technology as it reads.
+    for (int row = 0; row < nav.count(); ++row) {
+        EXPECT_FALSE(nav.text(row).isEmpty()) << row;
+        EXPECT_EQ(nav.text(row), nav.button(row)->accessibleName()) << row;
+    }
+
+    // Keyboard: Down chooses the next entry (the scan page, which has a result list), Up the one above,
+    // Enter the focused one; the page follows.
+    auto key = [](QWidget* target, int code) {
+        QKeyEvent press(QEvent::KeyPress, code, Qt::NoModifier);
+        QCoreApplication::sendEvent(target, &press);
+        QKeyEvent release(QEvent::KeyRelease, code, Qt::NoModifier);
+        QCoreApplication::sendEvent(target, &release);
+    };
+    key(nav.button(0), Qt::Key_Up);
+    EXPECT_EQ(0, nav.currentRow()) << "nothing above the first entry";
+    key(nav.button(0), Qt::Key_Down);
+    EXPECT_EQ(1, nav.currentRow());
+    EXPECT_EQ("kuvScanPage", stack->currentWidget()->objectName().toStdString());
+    EXPECT_NE(nullptr, w->findChild<QTreeWidget*>("kuvScanResults"));
+    EXPECT_GT(itemViewsIn(w), 0) << "the chosen page has its item view";
+    key(nav.button(1), Qt::Key_Up);
+    EXPECT_EQ(0, nav.currentRow());
+    EXPECT_EQ("kuvOverviewPage", stack->currentWidget()->objectName().toStdString());
+    key(nav.button(6), Qt::Key_Down);
+    EXPECT_EQ(0, nav.currentRow()) << "nothing below the last entry";
+    key(nav.button(6), Qt::Key_Return);
+    EXPECT_EQ(6, nav.currentRow());
+    EXPECT_EQ("Page of fake_good_b", nav.text(6).toStdString());
+    key(nav.button(4), Qt::Key_Enter);
+    EXPECT_EQ(4, nav.currentRow());
+    EXPECT_EQ("kuvSettingsPage", stack->currentWidget()->objectName().toStdString());
+
+    // The components are built when asked for, and list the loaded plugins with their state and version.
+    nav.setCurrentRow(0);
+    QWidget* overview = stack->currentWidget();
+    ASSERT_EQ("kuvOverviewPage", overview->objectName().toStdString());
+    EXPECT_EQ(0, itemViewsIn(overview));
+    auto* show = overview->findChild<QAbstractButton*>("kuvShowComponents");
+    ASSERT_NE(nullptr, show);
+    EXPECT_EQ("Show components", show->text().toStdString());
+    show->click();
+    QCoreApplication::processEvents();
+    QWidget* components = overview->findChild<QWidget*>("kuvComponents");
+    ASSERT_NE(nullptr, components);
+    EXPECT_TRUE(components->isVisible());
+    EXPECT_EQ("Hide components", show->text().toStdString());
+    auto* plugins = overview->findChild<QTreeWidget*>("kuvPluginList");
+    ASSERT_NE(nullptr, plugins);
+    ASSERT_NE(nullptr, overview->findChild<QTreeWidget*>("kuvComboList"));
+    std::vector<std::string> rows;
+    for (int i = 0; i < plugins->topLevelItemCount(); ++i) {
+        QTreeWidgetItem* it = plugins->topLevelItem(i);
+        rows.push_back(QStringList{it->text(0), it->text(1), it->text(2)}.join('|').toStdString());
+    }
+    std::sort(rows.begin(), rows.end());
+    EXPECT_EQ((std::vector<std::string>{"a|7.1|Loaded", "b|7.1|Loaded"}), rows);
+    // Closing hides them and opening again shows the same widgets, kept up to date.
+    show->click();
+    EXPECT_FALSE(components->isVisible());
+    EXPECT_EQ("Show components", show->text().toStdString());
+    m_probe.toUnload = QStringList{QStringLiteral("b")};
+    loader->unstallPluginAsyn(QStringLiteral("b"));
+    ASSERT_TRUE(shelltest::spinUntil([loader] { return loader->pendingUnloads() == 0; }));
+    show->click();
+    EXPECT_EQ(components, overview->findChild<QWidget*>("kuvComponents"));
+    EXPECT_TRUE(components->isVisible());
+    ASSERT_TRUE(shelltest::spinUntil([plugins] {
+        for (int i = 0; i < plugins->topLevelItemCount(); ++i) {
+            if (plugins->topLevelItem(i)->text(0) == QLatin1String("b")) {
+                return plugins->topLevelItem(i)->text(2) == QLatin1String("Unloaded");
+            }
+        }
+        return false;
+    }));
+    EXPECT_EQ(6, nav.count()) << "the unloaded plugin's entry went";
+
+    m_probe.toUnload = QStringList{QStringLiteral("a")};
     KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
     EXPECT_EQ(0, KuvGuiInterface::exec());
 }
@@ -357,8 +497,8 @@ TEST_F(GuiShellTest, LanguageFromSetLanAndOverriddenByTheSettingsFile)
     ASSERT_EQ(0, init());
     QWidget* w = shelltest::mainWindow();
     EXPECT_EQ("kuvgui - 终端防护", w->windowTitle().toStdString());
-    auto* nav = w->findChild<QListWidget*>("kuvNavigation");
-    EXPECT_EQ("概览", nav->item(0)->text().toStdString());
+    shelltest::Nav nav(w);
+    EXPECT_EQ("概览", nav.text(0).toStdString());
 
     // Chosen in the settings page: saved and applied at once.
     ASSERT_NE(nullptr, shelltest::choosePage(w, "kuvSettingsPage"));
@@ -368,7 +508,7 @@ TEST_F(GuiShellTest, LanguageFromSetLanAndOverriddenByTheSettingsFile)
     // Translators announce the change with posted events.
     EXPECT_TRUE(shelltest::spinUntil([w] { return w->windowTitle() == QLatin1String("kuvgui - endpoint protection"); }))
         << w->windowTitle().toStdString();
-    EXPECT_EQ("Overview", nav->item(0)->text().toStdString());
+    EXPECT_EQ("Overview", nav.text(0).toStdString());
     // Saved in the user's own settings, not in the installation's.
     Json::Value saved;
     ASSERT_TRUE(CppJson::LoadJsonFile((m_box.userConfDir + "gui_shell.conf").c_str(), saved));

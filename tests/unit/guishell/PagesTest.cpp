@@ -24,7 +24,6 @@
 #include <QFontDatabase>
 #include <QImage>
 #include <QLabel>
-#include <QListWidget>
 #include <QPixmap>
 #include <QShowEvent>
 #include <QStackedWidget>
@@ -415,9 +414,9 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
         w = shelltest::mainWindow();
         return w != nullptr && w->isVisible();
     }));
-    auto* nav = w->findChild<QListWidget*>("kuvNavigation");
+    shelltest::Nav nav(w);
     auto* stack = w->findChild<QStackedWidget*>("kuvPages");
-    ASSERT_TRUE(shelltest::spinUntil([nav] { return nav->count() == 8; }));
+    ASSERT_TRUE(shelltest::spinUntil([nav] { return nav.count() == 8; }));
     ASSERT_NE(nullptr, shelltest::choosePage(w, "kuvSettingsPage"));
     auto* language = w->findChild<QComboBox*>("kuvLanguage");
     ASSERT_TRUE(shelltest::spinUntil([this] {
@@ -435,10 +434,10 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
     for (const Lang& lang : langs) {
         language->setCurrentIndex(lang.comboIndex);
         ASSERT_TRUE(shelltest::spinUntil(
-            [nav, &lang] { return nav->item(0)->text() == QString::fromUtf8(lang.overviewText); }))
+            [nav, &lang] { return nav.text(0) == QString::fromUtf8(lang.overviewText); }))
             << lang.code;
-        for (int row = 0; row < nav->count(); ++row) {
-            nav->setCurrentRow(row);
+        for (int row = 0; row < nav.count(); ++row) {
+            nav.setCurrentRow(row);
             QCoreApplication::processEvents();
             const QString name = stack->currentWidget()->objectName();
             ASSERT_FALSE(name.isEmpty());
@@ -453,7 +452,7 @@ TEST_F(PagesTest, ScreenshotsOfEveryPageInEnglishAndSimplifiedChinese)
         }
         // The plugin pages follow the language too.
         if (QLatin1String(lang.code) == QLatin1String("zh-CN")) {
-            EXPECT_EQ("安全事件", nav->item(5)->text().toStdString());
+            EXPECT_EQ("安全事件", nav.text(5).toStdString());
         }
     }
     EXPECT_EQ(16, written.size());

@@ -12,7 +12,8 @@
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QListWidget>
+#include <QAbstractButton>
+#include <QButtonGroup>
 #include <QStackedWidget>
 #include <QWidget>
 
@@ -131,15 +132,65 @@ QWidget* mainWindow()
     return kuv::shell::mainWindow();
 }
 
+namespace {
+QList<QAbstractButton*> navButtons(QWidget* window)
+{
+    QWidget* nav = window != nullptr ? window->findChild<QWidget*>(QStringLiteral("kuvNavigation")) : nullptr;
+    QButtonGroup* group = nav != nullptr ? nav->findChild<QButtonGroup*>() : nullptr;
+    return group != nullptr ? group->buttons() : QList<QAbstractButton*>();
+}
+} // namespace
+
+bool Nav::valid() const
+{
+    return m_window != nullptr && m_window->findChild<QWidget*>(QStringLiteral("kuvNavigation")) != nullptr &&
+           !navButtons(m_window).isEmpty();
+}
+
+int Nav::count() const
+{
+    return navButtons(m_window).size();
+}
+
+QAbstractButton* Nav::button(int row) const
+{
+    const QList<QAbstractButton*> all = navButtons(m_window);
+    return row >= 0 && row < all.size() ? all[row] : nullptr;
+}
+
+QString Nav::text(int row) const
+{
+    QAbstractButton* b = button(row);
+    return b != nullptr ? b->text() : QString();
+}
+
+int Nav::currentRow() const
+{
+    const QList<QAbstractButton*> all = navButtons(m_window);
+    for (int row = 0; row < all.size(); ++row) {
+        if (all[row]->isChecked()) {
+            return row;
+        }
+    }
+    return -1;
+}
+
+void Nav::setCurrentRow(int row) const
+{
+    if (QAbstractButton* b = button(row)) {
+        b->click();
+    }
+}
+
 QWidget* choosePage(QWidget* window, const char* pageName)
 {
-    auto* nav = window != nullptr ? window->findChild<QListWidget*>(QStringLiteral("kuvNavigation")) : nullptr;
+    Nav nav(window);
     auto* stack = window != nullptr ? window->findChild<QStackedWidget*>(QStringLiteral("kuvPages")) : nullptr;
-    if (nav == nullptr || stack == nullptr) {
+    if (!nav.valid() || stack == nullptr) {
         return nullptr;
     }
-    for (int row = 0; row < nav->count(); ++row) {
-        nav->setCurrentRow(row);
+    for (int row = 0; row < nav.count(); ++row) {
+        nav.setCurrentRow(row);
         QWidget* current = stack->currentWidget();
         if (current != nullptr && current->objectName() == QLatin1String(pageName)) {
             return current;

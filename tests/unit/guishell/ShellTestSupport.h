@@ -13,6 +13,7 @@
 #include <QElapsedTimer>
 #include <QString>
 
+class QAbstractButton;
 class QWidget;
 
 namespace shelltest {
@@ -51,6 +52,25 @@ inline bool spinUntil(const std::function<bool()>& cond, int timeoutMs = 30000)
 }
 
 QWidget* mainWindow();
+
+// The window's navigation column ("kuvNavigation": exclusive checkable buttons, shell pages then plugin
+// pages), read afresh on every call so that plugin entries that come and go are seen.
+class Nav {
+public:
+    explicit Nav(QWidget* window) : m_window(window) {}
+    bool valid() const;
+    int count() const;
+    QAbstractButton* button(int row) const;
+    QString text(int row) const;
+    // The checked entry's row, -1 when none is.
+    int currentRow() const;
+    // Chooses the entry as a click does.
+    void setCurrentRow(int row) const;
+
+private:
+    QWidget* m_window;
+};
+
 // Pages other than the overview are built when first chosen: chooses the navigation row whose page is
 // named pageName (building it) and returns that page, or null when no row leads to it. GUI thread.
 QWidget* choosePage(QWidget* window, const char* pageName);

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,10 +11,12 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <type_traits>
 
+#include "SafeIo.h"
 #include "UniqueFd.h"
 
 namespace kuv {
@@ -233,6 +236,15 @@ std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
 {
     damaged = false;
     *out = nullptr;
+    // One opener at a time sets a database up (write-ahead log, schema): two at once on a new file (the
+    // back end's job log and its quarantine, or the back end and the shell) race, and SQLite answers the
+    // loser "database is locked" at once instead of waiting. The lock on the folder is held until the
+    // setup is done and is never held while the database is in use.
+    const std::string folder = std::filesystem::path(path).parent_path().string();
+    const kuv::UniqueFd setupLock(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (setupLock.valid()) {
+        kuv::retryEintr([&] { return ::flock(setupLock.get(), LOCK_EX); });
+    }
     std::string why = prepareFile(path, damaged);
     if (!why.empty()) {
         return why;

@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -165,4 +166,39 @@ TEST(JobLog, JobsFromSeveralThreadsAtOnce)
     EXPECT_EQ(store->list().size(), 10u) << why; // the jobs that asked for it: t0 and t2
     EXPECT_EQ(store->db().jobs().size(), size_t(kJobs));
     EXPECT_EQ(store->db().pendingFindings(), 10) << why;
+}
+
+// A new database opened by several openers at once (the job log's quarantine and a job's record, or the
+// back end and the shell): every one of them gets it.
+TEST(JobLog, ANewDatabaseOpenedFromSeveralThreadsAtOnceOpensForAll)
+{
+    constexpr int kOpeners = 6;
+    for (int round = 0; round < 30; ++round) {
+        kuvtest::TempDir dir;
+        const std::string path = dir.path() + "/history.sqlite";
+        std::atomic<int> ready{0};
+        std::atomic<int> opened{0};
+        std::vector<std::string> errors(kOpeners);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kOpeners; ++t) {
+            threads.emplace_back([&, t]() {
+                ready.fetch_add(1);
+                while (ready.load() < kOpeners) {
+                    std::this_thread::yield(); // all start together
+                }
+                std::vector<std::string> notices;
+                if (StoreDb::open(path, notices, errors[t])) {
+                    opened.fetch_add(1);
+                }
+            });
+        }
+        for (auto& th : threads) {
+            th.join();
+        }
+        std::string why;
+        for (const std::string& e : errors) {
+            why += e.empty() ? std::string() : e + "\n";
+        }
+        ASSERT_EQ(opened.load(), kOpeners) << why;
+    }
 }

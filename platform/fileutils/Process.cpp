@@ -4,6 +4,7 @@
 #include "FileUtils.h"
 #include "SafeIo.h"
 #include "UniqueFd.h"
+#include "UniqueMapping.h"
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -137,23 +138,13 @@ void reap(pid_t child)
 class Stacks {
 public:
     static constexpr size_t kSize = 64 * 1024;
-    Stacks() : m_base(::mmap(nullptr, 2 * kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0))
-    {
-    }
-    ~Stacks()
-    {
-        if (ok()) {
-            ::munmap(m_base, 2 * kSize);
-        }
-    }
-    Stacks(const Stacks&) = delete;
-    Stacks& operator=(const Stacks&) = delete;
-    bool ok() const { return m_base != MAP_FAILED; }
-    char* firstTop() const { return static_cast<char*>(m_base) + kSize; }
-    char* secondTop() const { return static_cast<char*>(m_base) + 2 * kSize; }
+    bool ok() const { return m_map.valid(); }
+    char* firstTop() const { return m_map.data() + kSize; }
+    char* secondTop() const { return m_map.data() + 2 * kSize; }
 
 private:
-    void* m_base;
+    kuv::UniqueMapping m_map =
+        kuv::UniqueMapping::map(2 * kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK);
 };
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

@@ -170,23 +170,19 @@ void OverviewPage::buildComponents()
     auto* componentsLayout = new QVBoxLayout(m_components);
     componentsLayout->setContentsMargins(0, 0, 0, 0);
 
-    m_comboBox = new QGroupBox(m_components);
-    auto* comboLayout = new QVBoxLayout(m_comboBox);
-    m_combos = new QTreeWidget(m_comboBox);
-    m_combos->setObjectName(QStringLiteral("kuvComboList"));
-    m_combos->setRootIsDecorated(false);
-    m_combos->setColumnCount(4);
-    comboLayout->addWidget(m_combos);
-    componentsLayout->addWidget(m_comboBox, 1);
-
-    m_pluginBox = new QGroupBox(m_components);
-    auto* pluginLayout = new QVBoxLayout(m_pluginBox);
-    m_plugins = new QTreeWidget(m_pluginBox);
-    m_plugins->setObjectName(QStringLiteral("kuvPluginList"));
-    m_plugins->setRootIsDecorated(false);
-    m_plugins->setColumnCount(4);
-    pluginLayout->addWidget(m_plugins);
-    componentsLayout->addWidget(m_pluginBox, 2);
+    // A four-column table in a titled box; the titles and headers come with the language.
+    const auto addTable = [&](QGroupBox*& box, QTreeWidget*& table, const char* name, int stretch) {
+        box = new QGroupBox(m_components);
+        auto* boxLayout = new QVBoxLayout(box);
+        table = new QTreeWidget(box);
+        table->setObjectName(QString::fromLatin1(name));
+        table->setRootIsDecorated(false);
+        table->setColumnCount(4);
+        boxLayout->addWidget(table);
+        componentsLayout->addWidget(box, stretch);
+    };
+    addTable(m_comboBox, m_combos, "kuvComboList", 1);
+    addTable(m_pluginBox, m_plugins, "kuvPluginList", 2);
 
     // Before the final stretch, under the button.
     auto* layout = static_cast<QVBoxLayout*>(this->layout());

@@ -82,29 +82,7 @@ UniqueFd openLocked(const std::string& path, int extraFlags, struct stat& st, st
     }
     return fd;
 }
-
 } // namespace
-
-Mapping::Mapping(Mapping&& other) noexcept : m_data(std::exchange(other.m_data, nullptr)), m_size(std::exchange(other.m_size, 0)) {}
-
-Mapping& Mapping::operator=(Mapping&& other) noexcept
-{
-    if (this != &other) {
-        reset();
-        m_data = std::exchange(other.m_data, nullptr);
-        m_size = std::exchange(other.m_size, 0);
-    }
-    return *this;
-}
-
-void Mapping::reset()
-{
-    if (m_data != nullptr) {
-        ::munmap(m_data, m_size);
-        m_data = nullptr;
-        m_size = 0;
-    }
-}
 
 std::string stagePathFor(const std::string& logPath)
 {
@@ -142,12 +120,12 @@ std::unique_ptr<Stage> Stage::open(const std::string& path, std::string* why)
         }
         fresh = true;
     }
-    void* data = ::mmap(nullptr, kFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-    if (data == MAP_FAILED) {
+    UniqueMapping map = UniqueMapping::map(kFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get());
+    if (!map.valid()) {
         fail(why, path, "cannot map", errno);
         return nullptr;
     }
-    auto stage = std::make_unique<Stage>(Key(), std::move(fd), Mapping(data, kFileSize));
+    auto stage = std::make_unique<Stage>(Key(), std::move(fd), std::move(map));
     const Header& h = *stage->m_header;
     const bool sound = h.magic == magicWord() && h.capacity == kRingSize &&
                        h.head <= h.tail && h.tail - h.head <= kRingSize;
@@ -157,7 +135,7 @@ std::unique_ptr<Stage> Stage::open(const std::string& path, std::string* why)
     return stage;
 }
 
-Stage::Stage(Key, UniqueFd fd, Mapping map)
+Stage::Stage(Key, UniqueFd fd, UniqueMapping map)
     : m_fd(std::move(fd)), m_map(std::move(map)), m_header(reinterpret_cast<Header*>(m_map.data())),
       m_ring(m_map.data() + kHeaderPage), m_capacity(kRingSize)
 {

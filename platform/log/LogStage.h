@@ -13,29 +13,9 @@
 #include <string>
 
 #include "UniqueFd.h"
+#include "UniqueMapping.h"
 
 namespace kuv::logstage {
-
-// Owns one mapping: unmapped on destruction, movable, never copied.
-class Mapping {
-public:
-    Mapping() = default;
-    Mapping(void* data, size_t size) : m_data(data), m_size(size) {}
-    ~Mapping() { reset(); }
-    Mapping(const Mapping&) = delete;
-    Mapping& operator=(const Mapping&) = delete;
-    Mapping(Mapping&& other) noexcept;
-    Mapping& operator=(Mapping&& other) noexcept;
-
-    char* data() const { return static_cast<char*>(m_data); }
-    size_t size() const { return m_size; }
-    bool valid() const { return m_data != nullptr; }
-    void reset();
-
-private:
-    void* m_data = nullptr;
-    size_t m_size = 0;
-};
 
 // The first page of the file; offsets grow without end, the ring holds [head, tail).
 struct Header {
@@ -74,7 +54,7 @@ public:
         friend class Stage;
         Key() = default;
     };
-    Stage(Key, UniqueFd fd, Mapping map);
+    Stage(Key, UniqueFd fd, UniqueMapping map);
     Stage(const Stage&) = delete;
     Stage& operator=(const Stage&) = delete;
 
@@ -103,7 +83,7 @@ private:
     void resetHeader();
 
     UniqueFd m_fd; // holds the lock
-    Mapping m_map;
+    UniqueMapping m_map;
     Header* m_header = nullptr;
     char* m_ring = nullptr;
     uint64_t m_capacity = 0;

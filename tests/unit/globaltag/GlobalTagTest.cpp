@@ -205,6 +205,47 @@ TEST_F(GlobalTagTest, AReaderPassingThroughDoesNotLookLikeAHolder)
     EXPECT_EQ(other.trylock(false), 2);
 }
 
+// Readers alone (the guard waiting) hold nothing: the tag reads as free, and a start that finds a reader
+// which never leaves gives up after its bounded wait and reports a running instance, as before.
+TEST_F(GlobalTagTest, AReaderAloneIsNotAHolder)
+{
+    const auto config = CGlobalTag::TagConfig::getUserConfig();
+    ASSERT_FALSE(config.dir.empty()) << config.error;
+    {
+        CGlobalTag probe("tag-reader", config);
+        ASSERT_EQ(probe.trylock(false), 1);
+    }
+    const kuv::UniqueFd reader(::open((config.dir + "tag-reader.lock").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(reader.valid());
+    ASSERT_EQ(::flock(reader.get(), LOCK_SH | LOCK_NB), 0);
+    EXPECT_FALSE(CGlobalTag::isHeld("tag-reader", config));
+    std::map<std::string, std::string> attributes;
+    EXPECT_FALSE(CGlobalTag::readAttributes("tag-reader", config, attributes));
+    // The probes gave their shared locks back: the reader can still become the holder.
+    ASSERT_EQ(::flock(reader.get(), LOCK_EX | LOCK_NB), 0);
+    EXPECT_TRUE(CGlobalTag::isHeld("tag-reader", config));
+    ASSERT_EQ(::flock(reader.get(), LOCK_SH | LOCK_NB), 0);
+    CGlobalTag late("tag-reader", config);
+    EXPECT_EQ(late.trylock(false), 2);
+    EXPECT_FALSE(CGlobalTag::isHeld("tag-reader", config));
+    ::flock(reader.get(), LOCK_UN);
+    EXPECT_EQ(late.trylock(false), 1);
+}
+
+// A holder's own process sees its tag held (the service reads its attributes for the Overview).
+TEST_F(GlobalTagTest, TheHolderSeesItsOwnTagHeld)
+{
+    const auto config = CGlobalTag::TagConfig::getUserConfig();
+    CGlobalTag tag("tag-own", config);
+    ASSERT_EQ(tag.trylock(false), 1);
+    ASSERT_EQ(tag.setAttribute("pid", "42"), 1);
+    EXPECT_TRUE(CGlobalTag::isHeld("tag-own", config));
+    std::map<std::string, std::string> attributes;
+    EXPECT_TRUE(CGlobalTag::readAttributes("tag-own", config, attributes));
+    EXPECT_EQ(attributes["pid"], "42");
+    EXPECT_EQ(tag.trylock(false), 1);
+}
+
 TEST_F(GlobalTagTest, LinkedRuntimeDirIsRefused)
 {
     TempDir elsewhere;

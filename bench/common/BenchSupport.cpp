@@ -83,6 +83,12 @@ void headlessEnvironment(const std::string& runtime, const std::vector<std::stri
 {
     std::vector<std::string> drop{"XDG_RUNTIME_DIR", "QT_QPA_PLATFORM"};
     std::vector<std::string> add{"XDG_RUNTIME_DIR=" + runtime, "QT_QPA_PLATFORM=offscreen"};
+    // The user's own history, settings and logs stay out of the figures, and the figures out of them: a
+    // run of the forwarding bench alone records hundreds of scan jobs.
+    for (const char* home : {"XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"}) {
+        drop.push_back(home);
+        add.push_back(std::string(home) + "=" + runtime + "/home/" + home);
+    }
     for (const std::string& e : extra) {
         drop.push_back(e.substr(0, e.find('=')));
         add.push_back(e);

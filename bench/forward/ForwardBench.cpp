@@ -118,6 +118,7 @@ int main(int argc, char** argv)
         tFloor.push_back(timeRun(floor, 0));
         gap();
         tSilent.push_back(timeRun(silent, 0));
+        gap();
     }
 
     timeRun({install + "bin/kuvgui", "quit"}, 1);

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "SafeIo.h"
+#include "ThreadObject.h"
 #include "UniqueFd.h"
 
 namespace {
@@ -59,8 +60,9 @@ bool parseText(const std::string& text, Json::Value& value)
     }
     // One reader per thread: building one allocates, and parse() starts each document afresh.
     // Parsing in place spares the copy that parse(std::string) makes.
-    thread_local Json::Reader reader;
-    return reader.parse(text.data(), text.data() + text.size(), value, true);
+    return kuv::withThreadObject<Json::Reader>([&](Json::Reader& reader) {
+        return reader.parse(text.data(), text.data() + text.size(), value, true);
+    });
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 // Where a user's own files go: the installation when the user owns it, else the user's state directory.
 #include "FileUtils.h"
+#include "ThreadObject.h"
 
 #include <pwd.h>
 #include <sys/stat.h>
@@ -216,23 +217,26 @@ std::string userStateDir(std::string* error)
     return dir + '/';
 }
 
-std::string userStatePath(const std::string& path)
+namespace {
+
+// Every CFile asks, mostly with the same installation: its normal form is kept per thread.
+struct InstallCache {
+    std::string scratch;
+    std::string lastInstall;
+    std::string root;
+};
+
+std::string userStatePathWith(const std::string& path, InstallCache& cache)
 {
-    if (path.empty() || path[0] != '/' || !mayBeInUserArea(path)) {
-        return path;
-    }
-    thread_local std::string scratch;
-    const std::string& install = installDirOf(scratch);
+    const std::string& install = installDirOf(cache.scratch);
     if (install.empty()) {
         return path;
     }
-    // Every CFile asks, mostly with the same installation: its normal form is kept per thread.
-    thread_local std::string lastInstall;
-    thread_local std::string root;
-    if (install != lastInstall) {
-        root = withSlash(lexicalPath(install));
-        lastInstall = install;
+    if (install != cache.lastInstall) {
+        cache.root = withSlash(lexicalPath(install));
+        cache.lastInstall = install;
     }
+    const std::string& root = cache.root;
     std::string normal;
     if (needsLexical(path)) {
         normal = lexicalPath(path);
@@ -258,6 +262,17 @@ std::string userStatePath(const std::string& path)
         return state + wanted.substr(root.size());
     }
     return path;
+}
+
+} // namespace
+
+std::string userStatePath(const std::string& path)
+{
+    if (path.empty() || path[0] != '/' || !mayBeInUserArea(path)) {
+        return path;
+    }
+    return kuv::withThreadObject<InstallCache>(
+        [&](InstallCache& cache) { return userStatePathWith(path, cache); });
 }
 
 } // namespace kuv

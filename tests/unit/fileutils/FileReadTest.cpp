@@ -241,6 +241,27 @@ TEST(InstallDir, TheEnvironmentWinsAtEveryCallAndTheExecutableGivesTheRest)
     EXPECT_EQ(kuv::installDir(), fromExe);
 }
 
+// The paths of a record written by an exit handler or a static destructor are still mapped, after exit()
+// has destroyed the main thread's per-thread objects (the sanitizer build reports a use after free).
+TEST(InstallDirDeathTest, UserStatePathWorksInAnExitHandler)
+{
+    TempDir one;
+    ScopedEnv i("KUV_INSTALL_DIR", one.path().c_str());
+    static std::string g_install;
+    g_install = one.path();
+    EXPECT_EXIT(
+        {
+            if (kuv::userStatePath(g_install + "/log/a.log") != g_install + "/log/a.log") {
+                _exit(2);
+            }
+            std::atexit([] {
+                _exit(kuv::userStatePath(g_install + "/log/b.log") == g_install + "/log/b.log" ? 0 : 3);
+            });
+            std::exit(7);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST(InstallDir, UserStatePathFollowsTheInstallationOfTheMoment)
 {
     TempDir one;

@@ -17,14 +17,17 @@ int HistoryDb::opens() const
 }
 
 // The open connection, or a new one when there is none or its file is no longer at the path. The old
-// connection is closed first: it puts its write-ahead log back into its own file and removes the log
-// files it leaves at the path, so the new database never meets them.
+// connection first puts its write-ahead log into its own file and empties it, so that nothing of the old
+// database is lost or read as part of the new one.
 StoreDb* HistoryDb::current(std::vector<std::string>& notices, std::string& error)
 {
     if (m_db && !m_db->movedAway()) {
         return m_db.get();
     }
-    m_db.reset();
+    if (m_db) {
+        m_db->checkpoint();
+        m_db.reset();
+    }
     m_db = openUserDb(m_dataDir, notices, error);
     if (m_db) {
         ++m_opens;

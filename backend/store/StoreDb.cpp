@@ -394,6 +394,15 @@ bool StoreDb::movedAway() const
     return sqlite3_file_control(m_db, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0;
 }
 
+bool StoreDb::checkpoint()
+{
+    const int rc = sqlite3_wal_checkpoint_v2(m_db, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+        m_error = sqlite3_errmsg(m_db);
+    }
+    return rc == SQLITE_OK;
+}
+
 bool StoreDb::exec(const char* sql)
 {
     const int rc = execSql(m_db, sql, m_error);

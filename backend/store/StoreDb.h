@@ -73,6 +73,10 @@ public:
     // Whether path() no longer leads to the file this connection has open: removed, renamed away or
     // replaced (one lstat).
     bool movedAway() const;
+    // Copies the write-ahead log into the file this connection has and empties it. SQLite does not do
+    // that on close once the file has moved, and a log left at the path would be read as part of
+    // whatever database is opened there next.
+    bool checkpoint();
 
     bool addQuarantine(const QuarantineEntry& entry);
     bool removeQuarantine(const std::string& id);

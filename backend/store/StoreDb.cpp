@@ -182,8 +182,8 @@ using UniqueDb = std::unique_ptr<sqlite3, DbCloser>;
 // Created here so the file is 0600 from the start (SQLite gives its journal files the same mode); an
 // existing one is made private. "" or why it cannot be used, with damaged as for tryOpen. An existing file
 // is looked at through an O_PATH descriptor: closing a descriptor that can read or write the file would drop
-// the POSIX locks that another connection of this process holds on it.
-std::string prepareFile(const std::string& path, bool& damaged)
+// the POSIX locks that another connection of this process holds on it. st: the file found.
+std::string prepareFile(const std::string& path, bool& damaged, struct stat& st)
 {
     kuv::UniqueFd fd(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!fd.valid() && errno == ENOENT) {
@@ -192,7 +192,6 @@ std::string prepareFile(const std::string& path, bool& damaged)
             fd.reset(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         }
     }
-    struct stat st {};
     if (fd.valid() && ::fstat(fd.get(), &st) == 0 && S_ISLNK(st.st_mode)) {
         fd.reset();
         errno = ELOOP;
@@ -260,7 +259,7 @@ std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged, struc
     if (setupLock.valid()) {
         kuv::retryEintr([&] { return ::flock(setupLock.get(), LOCK_EX); });
     }
-    std::string why = prepareFile(path, damaged);
+    std::string why = prepareFile(path, damaged, identity);
     if (!why.empty()) {
         return why;
     }
@@ -287,10 +286,10 @@ std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged, struc
         const std::string set = "PRAGMA user_version=" + std::to_string(StoreDb::kSchemaVersion);
         sqlite3_exec(db.get(), set.c_str(), nullptr, nullptr, nullptr);
     }
-    // The file this connection has, to tell later whether the path still leads to it.
-    int moved = 0;
-    if (::lstat(path.c_str(), &identity) != 0 ||
-        (sqlite3_file_control(db.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0)) {
+    // The file this connection has, to tell later whether the path still leads to it: the one found
+    // before SQLite opened the path, when the path still leads there now.
+    struct stat now {};
+    if (::lstat(path.c_str(), &now) != 0 || now.st_dev != identity.st_dev || now.st_ino != identity.st_ino) {
         return "moved while it was opened";
     }
     *out = db.release();
@@ -387,20 +386,13 @@ StoreDb::~StoreDb()
 bool StoreDb::movedAway() const
 {
     struct stat st {};
-    if (::lstat(m_path.c_str(), &st) != 0 || st.st_dev != m_dev || st.st_ino != m_ino) {
-        return true;
-    }
-    int moved = 0;
-    return sqlite3_file_control(m_db, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0;
+    return ::lstat(m_path.c_str(), &st) != 0 || st.st_dev != m_dev || st.st_ino != m_ino;
 }
 
 bool StoreDb::checkpoint()
 {
-    const int rc = sqlite3_wal_checkpoint_v2(m_db, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
-    if (rc != SQLITE_OK) {
-        m_error = sqlite3_errmsg(m_db);
-    }
-    return rc == SQLITE_OK;
+    // Through sqlite3_exec, one of the few calls the shell's on-demand SQLite loader knows.
+    return exec("PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
 bool StoreDb::exec(const char* sql)

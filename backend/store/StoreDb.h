@@ -71,7 +71,7 @@ public:
     // Whether the last failure of addJob said that the file itself is damaged.
     bool lastFailureWasDamage() const { return m_damaged; }
     // Whether path() no longer leads to the file this connection has open: removed, renamed away or
-    // replaced (one lstat).
+    // replaced (one lstat against the device and inode found when it was opened).
     bool movedAway() const;
     // Copies the write-ahead log into the file this connection has and empties it. SQLite does not do
     // that on close once the file has moved, and a log left at the path would be read as part of

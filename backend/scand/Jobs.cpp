@@ -88,6 +88,7 @@ JobManager::JobManager(kuv::scan::IScanEngine& engine, IJobReporter& reporter, u
     for (unsigned i = 0; i < workers; ++i) {
         m_workers.emplace_back([this] { workerLoop(); });
     }
+    m_walker = std::thread([this] { walkerLoop(); });
     m_runner = std::thread([this] { runnerLoop(); });
 }
 
@@ -190,6 +191,14 @@ void JobManager::stop(const std::string& reason)
         m_runner.join();
     }
     {
+        std::lock_guard<std::mutex> lock(m_walkMutex);
+        m_walkStop = true;
+    }
+    m_walkCv.notify_all();
+    if (m_walker.joinable()) {
+        m_walker.join();
+    }
+    {
         std::lock_guard<std::mutex> lock(m_workMutex);
         m_workStop = true;
         m_work.clear();
@@ -264,7 +273,11 @@ void JobManager::runJob(const std::shared_ptr<Job>& job)
         finishJob(*job);
         return;
     }
-    std::thread walker([this, job] { walkJob(job); });
+    {
+        std::lock_guard<std::mutex> lock(m_walkMutex);
+        m_walkNext = job;
+    }
+    m_walkCv.notify_one();
     auto nextProgress = Clock::now();
     for (;;) {
         bool finished = false;
@@ -298,7 +311,27 @@ void JobManager::runJob(const std::shared_ptr<Job>& job)
     // own, and what they find afterwards is dropped.
     m_spaceCv.notify_all();
     finishJob(*job);
-    walker.join();
+    // The next job is handed to the walker only once it is done with this one.
+    std::unique_lock<std::mutex> lock(job->mutex);
+    job->cv.wait(lock, [&] { return job->walkDone; });
+}
+
+// One thread walks every job in turn (jobs run one at a time), instead of a thread started per job.
+void JobManager::walkerLoop()
+{
+    for (;;) {
+        std::shared_ptr<Job> job;
+        {
+            std::unique_lock<std::mutex> lock(m_walkMutex);
+            m_walkCv.wait(lock, [&] { return m_walkStop || m_walkNext; });
+            if (!m_walkNext) {
+                return;
+            }
+            job = std::move(m_walkNext);
+            m_walkNext.reset();
+        }
+        walkJob(job);
+    }
 }
 
 void JobManager::finishJob(Job& job)

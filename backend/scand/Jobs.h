@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// Scan jobs: a queue of requests run one after another, each walked by its own thread and scanned by a pool
-// of workers sized to the cores; progress, batched results and the job end go to the requester.
+// Scan jobs: a queue of requests run one after another, each walked by the walker thread and scanned by a
+// pool of workers sized to the cores; progress, batched results and the job end go to the requester.
 #pragma once
 
 #include <condition_variable>
@@ -81,6 +81,7 @@ private:
     };
 
     void runnerLoop();
+    void walkerLoop();
     void workerLoop();
     void runJob(const std::shared_ptr<Job>& job);
     void walkJob(const std::shared_ptr<Job>& job);
@@ -111,7 +112,13 @@ private:
     std::deque<WorkItem> m_work;
     bool m_workStop = false;
 
+    std::mutex m_walkMutex; // the job handed to the walker thread
+    std::condition_variable m_walkCv;
+    std::shared_ptr<Job> m_walkNext;
+    bool m_walkStop = false;
+
     std::thread m_runner;
+    std::thread m_walker;
     std::vector<std::thread> m_workers;
 };
 

@@ -29,9 +29,13 @@ KUV_LOG_SOURCE("backend/scand/ScandService");
 
 std::string compact(const Json::Value& value)
 {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    writer["emitUTF8"] = true;
+    // Built once: every message of every job goes through here. Only read afterwards, from any thread.
+    static const Json::StreamWriterBuilder writer = [] {
+        Json::StreamWriterBuilder w;
+        w["indentation"] = "";
+        w["emitUTF8"] = true;
+        return w;
+    }();
     return Json::writeString(writer, value);
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 #include "JobLog.h"
 
+#include <algorithm>
+
 #include "KuvScanProtocol.h"
 #include "Quarantine.h"
 #include "ScanPaths.h"
@@ -9,7 +11,10 @@
 namespace kuv {
 namespace store {
 
-JobLog::JobLog(std::string dataDir) : m_dataDir(dataDir.empty() ? userDataDir() : std::move(dataDir)) {}
+JobLog::JobLog(std::string dataDir)
+    : m_dataDir(dataDir.empty() ? userDataDir() : std::move(dataDir)), m_history(m_dataDir)
+{
+}
 
 JobLog::~JobLog() = default;
 
@@ -87,6 +92,7 @@ void JobLog::results(const std::string& job, Json::Value& body)
 bool JobLog::ended(const std::string& job, const Json::Value& body, std::string* error)
 {
     Open o;
+    std::unique_ptr<QuarantineStore> idle;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         auto it = m_open.find(job);
@@ -98,7 +104,13 @@ bool JobLog::ended(const std::string& job, const Json::Value& body, std::string*
         }
         o = std::move(it->second);
         m_open.erase(it);
+        // The quarantine's own connection lives only while a job may need it: between such jobs the
+        // history's connection is the only one this process has on the database.
+        if (std::none_of(m_open.begin(), m_open.end(), [](const auto& open) { return open.second.quarantine; })) {
+            idle = std::move(m_store);
+        }
     }
+    idle.reset();
     JobRecord& r = o.record;
     r.state = body["state"].asString();
     r.durationMs = body.isMember("duration_ms") ? body["duration_ms"].asInt64() : nowMs() - r.startMs;
@@ -111,7 +123,7 @@ bool JobLog::ended(const std::string& job, const Json::Value& body, std::string*
     r.partial = body["partial"].asInt64();
     std::vector<std::string> notices;
     std::string why;
-    const bool ok = recordJob(m_dataDir, r, notices, why);
+    const bool ok = m_history.record(r, notices, why);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_notices.insert(m_notices.end(), notices.begin(), notices.end());
     if (!ok && error != nullptr) {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 // What the back end keeps of its jobs: each job goes into the user's history when it ends (start,
 // duration, paths, counts, findings and what was done), and a job that asked for it has its findings
-// moved into the quarantine as they are reported. Safe to call from the job threads.
+// moved into the quarantine as they are reported. Safe to call from the job threads. The history stays
+// open from one job to the next.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +14,7 @@
 
 #include <json/value.h>
 
+#include "HistoryDb.h"
 #include "StoreDb.h"
 
 namespace kuv {
@@ -48,6 +50,7 @@ private:
     static constexpr size_t kMaxOpenJobs = 256;
 
     std::string m_dataDir;
+    HistoryDb m_history; // one connection for every job this log records
     std::mutex m_mutex;
     std::map<std::string, Open> m_open;
     std::unique_ptr<QuarantineStore> m_store;

@@ -180,21 +180,35 @@ struct DbCloser {
 using UniqueDb = std::unique_ptr<sqlite3, DbCloser>;
 
 // Created here so the file is 0600 from the start (SQLite gives its journal files the same mode); an
-// existing one is made private. "" or why it cannot be used, with damaged as for tryOpen.
-std::string prepareFile(const std::string& path, bool& damaged)
+// existing one is made private. "" or why it cannot be used, with damaged as for tryOpen. An existing file
+// is looked at through an O_PATH descriptor: closing a descriptor that can read or write the file would drop
+// the POSIX locks that another connection of this process holds on it. st: the file found.
+std::string prepareFile(const std::string& path, bool& damaged, struct stat& st)
 {
-    kuv::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    kuv::UniqueFd fd(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid() && errno == ENOENT) {
+        const kuv::UniqueFd created(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (created.valid() || errno == EEXIST) {
+            fd.reset(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        }
+    }
+    if (fd.valid() && ::fstat(fd.get(), &st) == 0 && S_ISLNK(st.st_mode)) {
+        fd.reset();
+        errno = ELOOP;
+    }
     if (!fd.valid()) {
         damaged = errno == ELOOP;
         return std::string("cannot open: ") + std::strerror(errno);
     }
-    struct stat st {};
     if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         damaged = true;
         return "not a regular file";
     }
     if ((st.st_mode & 077) != 0) {
-        ::fchmod(fd.get(), 0600);
+        const kuv::UniqueFd rw(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+        if (rw.valid()) {
+            ::fchmod(rw.get(), 0600);
+        }
     }
     return std::string();
 }
@@ -232,7 +246,7 @@ std::string checkDb(sqlite3* db, int& version, bool& damaged)
 
 // Tries to open and set up the database; "" on success, else why the file cannot be used, with
 // damaged true when the file itself is the problem (not the directory or the disk).
-std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
+std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged, struct stat& identity)
 {
     damaged = false;
     *out = nullptr;
@@ -245,7 +259,7 @@ std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
     if (setupLock.valid()) {
         kuv::retryEintr([&] { return ::flock(setupLock.get(), LOCK_EX); });
     }
-    std::string why = prepareFile(path, damaged);
+    std::string why = prepareFile(path, damaged, identity);
     if (!why.empty()) {
         return why;
     }
@@ -272,6 +286,12 @@ std::string tryOpen(const std::string& path, sqlite3** out, bool& damaged)
         const std::string set = "PRAGMA user_version=" + std::to_string(StoreDb::kSchemaVersion);
         sqlite3_exec(db.get(), set.c_str(), nullptr, nullptr, nullptr);
     }
+    // The file this connection has, to tell later whether the path still leads to it: the one found
+    // before SQLite opened the path, when the path still leads there now.
+    struct stat now {};
+    if (::lstat(path.c_str(), &now) != 0 || now.st_dev != identity.st_dev || now.st_ino != identity.st_ino) {
+        return "moved while it was opened";
+    }
     *out = db.release();
     return std::string();
 }
@@ -290,9 +310,10 @@ std::unique_ptr<StoreDb> StoreDb::open(const std::string& path, std::vector<std:
 {
     sqlite3* db = nullptr;
     bool damaged = false;
-    std::string why = tryOpen(path, &db, damaged);
+    struct stat identity {};
+    std::string why = tryOpen(path, &db, damaged, identity);
     if (why.empty()) {
-        return std::unique_ptr<StoreDb>(new StoreDb(db, path));
+        return std::unique_ptr<StoreDb>(new StoreDb(db, path, identity.st_dev, identity.st_ino));
     }
     if (!damaged) {
         error = "history database " + path + ": " + why;
@@ -315,12 +336,12 @@ std::unique_ptr<StoreDb> StoreDb::open(const std::string& path, std::vector<std:
     }
     notices.push_back("history database " + path + " cannot be used (" + why + "); kept it as " + aside +
                       " and started a new one");
-    why = tryOpen(path, &db, damaged);
+    why = tryOpen(path, &db, damaged, identity);
     if (!why.empty()) {
         error = "history database " + path + ": " + why;
         return nullptr;
     }
-    return std::unique_ptr<StoreDb>(new StoreDb(db, path));
+    return std::unique_ptr<StoreDb>(new StoreDb(db, path, identity.st_dev, identity.st_ino));
 }
 
 bool StoreDb::peek(const std::string& path, int64_t& lastJob, int64_t& pending)
@@ -362,9 +383,23 @@ StoreDb::~StoreDb()
     sqlite3_close(m_db);
 }
 
+bool StoreDb::movedAway() const
+{
+    struct stat st {};
+    return ::lstat(m_path.c_str(), &st) != 0 || st.st_dev != m_dev || st.st_ino != m_ino;
+}
+
+bool StoreDb::checkpoint()
+{
+    // Through sqlite3_exec, one of the few calls the shell's on-demand SQLite loader knows.
+    return exec("PRAGMA wal_checkpoint(TRUNCATE)");
+}
+
 bool StoreDb::exec(const char* sql)
 {
-    return execSql(m_db, sql, m_error) == SQLITE_OK;
+    const int rc = execSql(m_db, sql, m_error);
+    m_damaged = damageCode(rc);
+    return rc == SQLITE_OK;
 }
 
 bool StoreDb::addQuarantine(const QuarantineEntry& e)
@@ -426,7 +461,9 @@ bool StoreDb::addJob(JobRecord& job)
     }
     auto rollback = [&]() {
         m_error = sqlite3_errmsg(m_db);
+        const bool damaged = damageCode(sqlite3_errcode(m_db));
         exec("ROLLBACK");
+        m_damaged = damaged;
         return false;
     };
     if (!runChange(m_db,

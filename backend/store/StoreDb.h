@@ -2,6 +2,8 @@
 // The user's history and quarantine index in one SQLite database (WAL), kept aside when damaged.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -66,6 +68,15 @@ public:
 
     const std::string& path() const { return m_path; }
     const std::string& lastError() const { return m_error; }
+    // Whether the last failure of addJob said that the file itself is damaged.
+    bool lastFailureWasDamage() const { return m_damaged; }
+    // Whether path() no longer leads to the file this connection has open: removed, renamed away or
+    // replaced (one lstat against the device and inode found when it was opened).
+    bool movedAway() const;
+    // Copies the write-ahead log into the file this connection has and empties it. SQLite does not do
+    // that on close once the file has moved, and a log left at the path would be read as part of
+    // whatever database is opened there next.
+    bool checkpoint();
 
     bool addQuarantine(const QuarantineEntry& entry);
     bool removeQuarantine(const std::string& id);
@@ -87,12 +98,18 @@ public:
     int pruneHistory(int days, int64_t nowMs);
 
 private:
-    explicit StoreDb(sqlite3* db, std::string path) : m_db(db), m_path(std::move(path)) {}
+    StoreDb(sqlite3* db, std::string path, dev_t dev, ino_t ino)
+        : m_db(db), m_path(std::move(path)), m_dev(dev), m_ino(ino)
+    {
+    }
     bool exec(const char* sql);
 
     sqlite3* m_db;
     std::string m_path;
+    dev_t m_dev;
+    ino_t m_ino;
     std::string m_error;
+    bool m_damaged = false;
 };
 
 int64_t nowMs();

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -523,4 +524,55 @@ TEST_F(Backend, RemovingTheRuntimeDirectoryStopsBrokerAndBackEnd)
         << "the back end and its supervisor stopped";
     EXPECT_TRUE(kuvtest::fileContains(scandLog(), "kuv-scand.lock was removed"));
     EXPECT_TRUE(kuvtest::fileContains(install->dir + "log/kuv-zelld.log", "kuv_zell was removed: stopping"));
+}
+
+// The back end keeps the user's history open from job to job; a history file deleted or replaced by a
+// damaged one while it runs is noticed at the next job, as when the database is opened.
+TEST_F(Backend, AHistoryFileDeletedOrReplacedWhileTheBackEndRunsIsStartedAgain)
+{
+    startBroker();
+    startScand();
+    const std::string clean = writeFile("clean.txt", "nothing to see here\n");
+    const std::string db = install->dataHome() + "/kuv/history.sqlite";
+    auto jobsWith = [&](const std::string& path) {
+        const RunResult r = kuvctl({"history", "--json"});
+        EXPECT_EQ(r.status, 0) << r.err;
+        Json::Value doc;
+        EXPECT_TRUE(parseJson(r.out, doc)) << r.out;
+        int total = 0, with = 0;
+        for (const Json::Value& j : doc["jobs"]) {
+            ++total;
+            with += Json::FastWriter().write(j).find(path) != std::string::npos ? 1 : 0;
+        }
+        return std::make_pair(total, with);
+    };
+    ASSERT_EQ(kuvctl({"scan", clean}).status, 0);
+    ASSERT_EQ(jobsWith(clean).second, 1) << "the job went into the history";
+
+    // Deleted as a person would: the file alone, its log files left where they were.
+    ASSERT_EQ(::unlink(db.c_str()), 0);
+    ASSERT_EQ(kuvctl({"scan", clean}).status, 0);
+    EXPECT_EQ(jobsWith(clean), std::make_pair(1, 1)) << kuvtest::readFile(scandLog());
+
+    // Replaced by a damaged file: kept aside, and the job goes into a new database.
+    const std::string damaged = std::string("no database at all ").append(6000, '#');
+    const std::string incoming = install->dataHome() + "/kuv/incoming";
+    kuvtest::writeFile(incoming, damaged);
+    own(incoming);
+    ASSERT_EQ(::rename(incoming.c_str(), db.c_str()), 0);
+    ASSERT_EQ(kuvctl({"scan", clean}).status, 0);
+    EXPECT_TRUE(kuvtest::fileContains(scandLog(), "kept it as " + db + ".corrupt-")) << kuvtest::readFile(scandLog());
+    int kept = 0;
+    for (const auto& e : std::filesystem::directory_iterator(install->dataHome() + "/kuv")) {
+        const std::string name = e.path().filename().string();
+        if (name.rfind("history.sqlite.corrupt-", 0) == 0 && name.find("-wal") == std::string::npos &&
+            name.find("-shm") == std::string::npos) {
+            ++kept;
+            EXPECT_EQ(kuvtest::readFile(e.path().string()), damaged);
+        }
+    }
+    EXPECT_EQ(kept, 1);
+    EXPECT_EQ(jobsWith(clean), std::make_pair(1, 1));
+    EXPECT_EQ(kuvctl({"scan", clean}).status, 0);
+    EXPECT_EQ(jobsWith(clean), std::make_pair(2, 2)) << "and the back end records on";
 }

@@ -352,3 +352,64 @@ TEST(Jobs, NoEngineFailsTheJob)
     EXPECT_EQ(end["state"].asString(), "failed");
     EXPECT_EQ(end["reason"].asString(), "no signature database is loaded");
 }
+
+// Many jobs from several requesters, back to back and some cancelled while queued: each is walked in
+// full by the one walker thread (its own files, not the job before's) and ends once.
+TEST(Jobs, ManyJobsFromSeveralThreadsAreEachWalkedAndEnded)
+{
+    Tree t;
+    constexpr int kThreads = 4;
+    constexpr int kEach = 15;
+    for (int r = 0; r < kThreads; ++r) {
+        for (int i = 0; i < 3; ++i) {
+            t.file("r" + std::to_string(r) + "-" + std::to_string(i), i == 0 ? "VIRUS" : "fine");
+        }
+    }
+    ScriptedEngine engine;
+    Recorder rec;
+    JobManager jobs(engine, rec, 2);
+    jobs.setEngineReady();
+    std::vector<std::thread> threads;
+    for (int r = 0; r < kThreads; ++r) {
+        threads.emplace_back([&, r]() {
+            const std::string prefix = t.root + "/r" + std::to_string(r) + "-";
+            for (int i = 0; i < kEach; ++i) {
+                const std::string job = "r" + std::to_string(r) + "j" + std::to_string(i);
+                const std::string requester = "R" + std::to_string(r);
+                EXPECT_EQ(jobs.submit(request(job, {prefix + "0", prefix + "1", prefix + "2", prefix + "gone"}),
+                                      requester),
+                          JobManager::Submit::Accepted);
+            }
+        });
+    }
+    for (auto& th : threads) {
+        th.join();
+    }
+    for (int r = 0; r < kThreads; ++r) {
+        for (int i = 0; i < kEach; ++i) {
+            const std::string job = "r" + std::to_string(r) + "j" + std::to_string(i);
+            Json::Value end;
+            ASSERT_TRUE(rec.waitEnd(job, &end)) << job;
+            EXPECT_EQ(end["state"].asString(), "done") << job;
+            EXPECT_EQ(end["files"].asUInt64(), 3u) << job;
+            EXPECT_EQ(end["infected"].asUInt64(), 1u) << job;
+            EXPECT_EQ(end["errors"].asUInt64(), 1u) << job;
+            const auto got = verdicts(rec.of(job));
+            ASSERT_EQ(got.size(), 4u) << job;
+            const std::string prefix = t.root + "/r" + std::to_string(r) + "-";
+            EXPECT_EQ(got.at(prefix + "0"), "infected") << job;
+            EXPECT_EQ(got.at(prefix + "1"), "clean") << job;
+            int ends = 0;
+            for (const Message& m : rec.of(job)) {
+                ends += m.type == kuvscan::KUV_SCAN_MSG_JOB_END ? 1 : 0;
+            }
+            EXPECT_EQ(ends, 1) << job;
+        }
+    }
+    // The runner lets go of the last job just after its end went out.
+    for (int i = 0; i < 3000 && jobs.running() != 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(jobs.running(), 0);
+    EXPECT_EQ(jobs.queued(), 0);
+}

@@ -44,8 +44,18 @@ private:
     enum Phase { PHASE_IDLE, PHASE_SENDING, PHASE_WAITING, PHASE_RUNNING, PHASE_DONE, PHASE_CANCELLED, PHASE_FAILED };
 
     void retranslate();
+    // The job's and the back end's state are drawn once for all the messages that arrive within a
+    // short interval, and not at all while the page is hidden (it catches up when shown).
+    void scheduleShow(bool job, bool backend);
+    void flushShow();
     void showBackend();
+    // What showBackend draws from, as one string.
+    std::string backendInputs() const;
+    void setBackendStyle(const char* style);
     void showJob();
+    // Text colour (and weight) of a label, changed only when it differs from what it has.
+    enum Tone { TONE_PLAIN, TONE_GOOD, TONE_BAD, TONE_BAD_BOLD };
+    static void setTone(QLabel* label, Tone& current, Tone wanted);
     void tickElapsed();
     void onJobCreated(const QString& job, int pathCount);
     void onAccepted(const QString& job, int position);
@@ -70,6 +80,14 @@ private:
     qint64 m_elapsedMs = 0;
     // Ticks the elapsed time once a second, only while a job runs.
     QTimer m_elapsedTimer;
+    bool m_jobDirty = false;
+    bool m_backendDirty = false;
+    // Runs the drawing once after the first change; what arrives meanwhile is drawn with it.
+    QTimer m_showTimer;
+    // What the back-end box shows was made from; the same inputs need no new texts or style.
+    std::string m_backendShown;
+    Tone m_stateTone = TONE_PLAIN;
+    Tone m_threatsTone = TONE_PLAIN;
 
     QLabel* m_title;
     QFrame* m_backendBox;

@@ -157,9 +157,13 @@ void HistoryWatcher::check()
         }
     }
     std::vector<kuv::store::JobRecord> fresh;
-    for (const kuv::store::JobRecord& j : m_db->jobs(50)) {
-        if (j.id > m_lastSeen) {
-            fresh.push_back(j);
+    // A change without a new job (a finding acted on, the quarantine) needs one query, not the last jobs
+    // with their paths.
+    if (m_db->lastJobId() > m_lastSeen) {
+        for (const kuv::store::JobRecord& j : m_db->jobs(50)) {
+            if (j.id > m_lastSeen) {
+                fresh.push_back(j);
+            }
         }
     }
     // In the order they were recorded, which is not always the order they started in.

@@ -114,7 +114,8 @@ bool addScanSubscriber(const std::string& guid)
 // widgets; results reach the ScanClient through queued calls.
 class ScanBus final : public IMRReceiveComplete {
 public:
-    using Message = std::function<void(int64_t type, const Json::Value& body)>;
+    // Takes the body over: it is handed on to the GUI thread, not copied.
+    using Message = std::function<void(int64_t type, Json::Value&& body)>;
 
     explicit ScanBus(Message onMessage) : m_onMessage(std::move(onMessage)) {}
 
@@ -223,7 +224,7 @@ public:
             KUV_LOG(kuv::LogLevel::Warn, "unreadable message of type %lld from the back end", static_cast<long long>(msgType));
             return;
         }
-        m_onMessage(msgType, body);
+        m_onMessage(msgType, std::move(body));
     }
 
 private:
@@ -322,10 +323,10 @@ void ScanClient::onBackendExit()
 ScanBus& ScanClient::bus()
 {
     if (!m_bus) {
-        m_bus = std::make_unique<ScanBus>([this](int64_t type, const Json::Value& body) {
+        m_bus = std::make_unique<ScanBus>([this](int64_t type, Json::Value&& body) {
             // Bus thread: the client outlives every callback (its destructor leaves the bus first).
             QMetaObject::invokeMethod(
-                this, [this, type, body]() { onMessage(type, body); }, Qt::QueuedConnection);
+                this, [this, type, body = std::move(body)]() { onMessage(type, body); }, Qt::QueuedConnection);
         });
     }
     return *m_bus;

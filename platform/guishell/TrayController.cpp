@@ -85,9 +85,16 @@ void TrayController::update()
     const State next = m_pending > 0 ? STATE_ATTENTION : m_scanning ? STATE_SCANNING : STATE_PROTECTED;
     const bool changed = next != m_state;
     m_state = next;
+    // Every scan job sets the state twice; the desktop hears of the icon and tooltip only when they change.
     if (m_tray) {
-        m_tray->setIcon(stateIcon(m_state));
-        m_tray->setToolTip(stateText());
+        if (changed || !m_iconSet) {
+            m_tray->setIcon(stateIcon(m_state));
+            m_iconSet = true;
+        }
+        const QString tip = stateText();
+        if (tip != m_tray->toolTip()) {
+            m_tray->setToolTip(tip);
+        }
     }
     if (changed) {
         emit stateChanged(m_state);

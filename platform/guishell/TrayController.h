@@ -51,6 +51,7 @@ private:
     QAction* m_scanFolder = nullptr;
     QAction* m_quit = nullptr;
     State m_state = STATE_PROTECTED;
+    bool m_iconSet = false;
     bool m_scanning = false;
     qint64 m_pending = 0;
 };

@@ -6,6 +6,8 @@
 // time_ms is the wall clock in milliseconds since the epoch.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -67,7 +69,7 @@ struct ScanEnd {
     bool backendGone = false;
 };
 
-class ScanClient : public QObject {
+class KUV_EXPORT ScanClient : public QObject {
     Q_OBJECT
 public:
     enum BackendState {

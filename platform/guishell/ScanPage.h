@@ -2,6 +2,8 @@
 // Scan page: scans started here or from the file manager, their live progress, results and the back end.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <string>
 #include <vector>
 
@@ -22,7 +24,7 @@ class QTreeWidget;
 namespace kuv {
 namespace shell {
 
-class ScanPage : public QWidget {
+class KUV_EXPORT ScanPage : public QWidget {
     Q_OBJECT
 public:
     explicit ScanPage(QWidget* parent = nullptr);

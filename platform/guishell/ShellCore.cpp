@@ -205,7 +205,7 @@ MainWindow* ShellCore::window()
         stateLabel->setObjectName(QStringLiteral("kuvProtectionState"));
         m_window->statusBar()->addPermanentWidget(stateLabel);
         m_stateLine = stateLabel;
-        connect(m_tray.get(), &TrayController::stateChanged, this, [this]() {
+        connect(m_tray.get(), &TrayController::stateTextChanged, this, [this]() {
             if (!m_stateLineTimer.isActive()) {
                 m_stateLineTimer.start();
             }

@@ -520,10 +520,15 @@ TEST_F(GuiShellTest, AttentionFollowsAJobFinishedWhileRunningAndTheFindingsHandl
     }
     EXPECT_TRUE(shelltest::spinUntil([] { return stateLine() == "kuvgui: protected"; })) << stateLine();
 
-    // A second finished job counts again.
+    // A second finished job counts again, and so do two more recorded back to back (seen together or not).
     ASSERT_NO_FATAL_FAILURE(recordFindings(1));
     EXPECT_TRUE(shelltest::spinUntil(
         [] { return stateLine() == "kuvgui: attention needed - 1 finding(s) waiting for a decision"; }))
+        << stateLine();
+    ASSERT_NO_FATAL_FAILURE(recordFindings(3));
+    ASSERT_NO_FATAL_FAILURE(recordFindings(4));
+    EXPECT_TRUE(shelltest::spinUntil(
+        [] { return stateLine() == "kuvgui: attention needed - 8 finding(s) waiting for a decision"; }))
         << stateLine();
     KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
     EXPECT_EQ(0, KuvGuiInterface::exec());

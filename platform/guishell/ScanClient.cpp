@@ -326,7 +326,8 @@ ScanBus& ScanClient::bus()
         m_bus = std::make_unique<ScanBus>([this](int64_t type, Json::Value&& body) {
             // Bus thread: the client outlives every callback (its destructor leaves the bus first).
             QMetaObject::invokeMethod(
-                this, [this, type, body = std::move(body)]() { onMessage(type, body); }, Qt::QueuedConnection);
+                this, [this, type, body = std::move(body)]() mutable { onMessage(type, std::move(body)); },
+                Qt::QueuedConnection);
         });
     }
     return *m_bus;
@@ -560,10 +561,12 @@ void ScanClient::failAll(const QString& reason)
     }
 }
 
-void ScanClient::onMessage(int64_t type, const Json::Value& body)
+void ScanClient::onMessage(int64_t type, Json::Value message)
 {
+    // Read only from here on: a missing member is not added by a lookup.
+    const Json::Value& body = message;
     if (type == kuvscan::KUV_SCAN_MSG_STATUS) {
-        onStatus(body);
+        onStatus(std::move(message));
         return;
     }
     if (type == kuvscan::KUV_SCAN_MSG_EVENT) {
@@ -676,8 +679,9 @@ void ScanClient::onMessage(int64_t type, const Json::Value& body)
     armWatchdog();
 }
 
-void ScanClient::onStatus(const Json::Value& body)
+void ScanClient::onStatus(Json::Value status)
 {
+    const Json::Value& body = status;
     const int64_t pid = num(body, "pid");
     const QString state = text(body, "state");
     const bool newInstance = pid != 0 && pid != m_backendPid;
@@ -693,7 +697,7 @@ void ScanClient::onStatus(const Json::Value& body)
             failJob(id, QStringLiteral("back end stopped during the scan"), true);
         }
     }
-    m_status = body;
+    m_status = std::move(status);
     if (pid != 0) {
         m_backendPid = pid;
         watchBackend(pid);

@@ -117,8 +117,8 @@ private:
     };
 
     void onConnected(int result, const QString& error);
-    void onMessage(int64_t type, const Json::Value& body);
-    void onStatus(const Json::Value& body);
+    void onMessage(int64_t type, Json::Value body);
+    void onStatus(Json::Value body);
     void onRequestSent(const QString& job, int result);
     void subscribe();
     void armWatchdog();

@@ -540,6 +540,10 @@ void ScanClient::failJob(const QString& job, const QString& reason, bool backend
     KUV_LOG(kuv::LogLevel::Warn, "scan job %s failed: %s", job.toStdString().c_str(),
            kuv::escapeControl(reason.toStdString()).c_str());
     emit jobEnded(job, end);
+    if (!journalling()) {
+        armWatchdog();
+        return;
+    }
     Json::Value rec(Json::objectValue);
     rec["event"] = "scan-end";
     rec["job"] = job.toStdString();
@@ -624,6 +628,9 @@ void ScanClient::onMessage(int64_t type, Json::Value message)
             rows.push_back(row);
         }
         emit jobResults(job, rows);
+        if (!journalling()) {
+            break;
+        }
         // Written after the page took them, so the record's time is when the verdict shows.
         const qint64 t = nowMs();
         for (const ScanResultRow& row : rows) {
@@ -655,6 +662,9 @@ void ScanClient::onMessage(int64_t type, Json::Value message)
                kuv::escapeControl(end.state.toStdString()).c_str(), static_cast<long long>(end.files),
                static_cast<long long>(end.infected));
         emit jobEnded(job, end);
+        if (!journalling()) {
+            break;
+        }
         Json::Value rec(Json::objectValue);
         rec["event"] = "scan-end";
         rec["job"] = job.toStdString();

@@ -97,6 +97,17 @@ qint64 nowMs()
     return QDateTime::currentMSecsSinceEpoch();
 }
 
+// The back end's bus address, parsed once rather than for every message.
+const GUID& scandGuid()
+{
+    static const GUID guid = [] {
+        GUID g{};
+        stringToGuid(g, kuvscan::kScandGuid);
+        return g;
+    }();
+    return guid;
+}
+
 } // namespace
 
 QString displayPath(const std::string& bytes)
@@ -202,9 +213,7 @@ public:
         if (rc != 0) {
             return rc < 0 ? ZELL_SEND_BAD_ARGS : ZELL_SEND_NO_BROKER;
         }
-        GUID dest{};
-        stringToGuid(dest, kuvscan::kScandGuid);
-        return m_endpoint->sendMsgWait(dest, type, body.data(), static_cast<int>(body.size()), kSendWaitMs);
+        return m_endpoint->sendMsgWait(scandGuid(), type, body.data(), static_cast<int>(body.size()), kSendWaitMs);
     }
 
     void ReceiveCallback(uint64_t, int64_t msgType, const char* content, int length, uint64_t sender,
@@ -213,10 +222,8 @@ public:
         if (sender == 0 || content == nullptr || length <= 0 || length > kMaxBodyBytes) {
             return;
         }
-        GUID scand{};
-        stringToGuid(scand, kuvscan::kScandGuid);
         const GUID* from = reinterpret_cast<const GUID*>(static_cast<uintptr_t>(sender));
-        if (memcmp(from, &scand, sizeof(GUID)) != 0) {
+        if (memcmp(from, &scandGuid(), sizeof(GUID)) != 0) {
             return; // only the back end speaks this protocol to us
         }
         Json::Value body;

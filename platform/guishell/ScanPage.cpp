@@ -256,7 +256,8 @@ void ScanPage::onResults(const QString& job, const QVector<ScanResultRow>& rows)
     if (job != m_job) {
         return;
     }
-    // Inserted in one go: one change of the list's model, and only its rows are drawn again.
+    // Inserted in one go: one insertion into the list's model, and no full repaint of the list (with its
+    // header) as turning its updates off and on again costs.
     QList<QTreeWidgetItem*> items;
     int room = kMaxListedResults - m_list->topLevelItemCount();
     for (const ScanResultRow& r : rows) {
@@ -361,6 +362,9 @@ void ScanPage::setTone(QLabel* label, Tone& current, Tone wanted)
 
 void ScanPage::tickElapsed()
 {
+    if (!isVisible()) {
+        return; // set when the page is shown again
+    }
     m_elapsedValue->setText(elapsedText(m_elapsedMs + (m_clock.isValid() ? m_clock.elapsed() : 0)));
 }
 
@@ -419,6 +423,8 @@ void ScanPage::showEvent(QShowEvent* event)
     // What changed while hidden, drawn before the page is.
     if (m_jobDirty) {
         showJob();
+    } else if (m_phase != PHASE_IDLE) {
+        tickElapsed();
     }
     if (m_backendDirty) {
         showBackend();

@@ -32,6 +32,9 @@ constexpr int kMaxListedResults = 10000;
 // The job's state is drawn at most this often: a job sends several messages within a few
 // milliseconds, and each drawing lays out and paints the page again.
 constexpr int kShowEveryMs = 40;
+// A wait (sending, queued, counting) shows the animated busy bar once it has lasted this long; most
+// context-menu scans are through it sooner, and the animation repaints the bar many times a second.
+constexpr qint64 kBusyAfterMs = 300;
 // A signature database older than this gets a hint on the page.
 constexpr int kDatabaseMaxAgeDays = 7;
 const char* const kWarnStyle =
@@ -168,7 +171,6 @@ ScanPage::ScanPage(QWidget* parent) : QWidget(parent)
         }
     });
     m_showTimer.setSingleShot(true);
-    m_showTimer.setInterval(kShowEveryMs);
     connect(&m_showTimer, &QTimer::timeout, this, &ScanPage::flushShow);
     m_elapsedTimer.setInterval(1000);
     connect(&m_elapsedTimer, &QTimer::timeout, this, &ScanPage::tickElapsed);
@@ -223,6 +225,7 @@ void ScanPage::onJobCreated(const QString& job, int pathCount)
     if (m_list->topLevelItemCount() > 0) {
         m_list->clear();
     }
+    m_busyClock.invalidate(); // its wait starts now
     scheduleShow(true, false);
 }
 
@@ -321,8 +324,35 @@ void ScanPage::scheduleShow(bool job, bool backend)
 {
     m_jobDirty = m_jobDirty || job;
     m_backendDirty = m_backendDirty || backend;
+    if (job) {
+        const bool busy = m_phase == PHASE_SENDING || m_phase == PHASE_WAITING ||
+                          (m_phase == PHASE_RUNNING && m_progressData.filesTotal < 0);
+        if (!busy) {
+            m_busyClock.invalidate();
+        } else if (!m_busyClock.isValid()) {
+            m_busyClock.start();
+        }
+    }
     if (!m_showTimer.isActive()) {
-        m_showTimer.start();
+        m_showTimer.start(kShowEveryMs);
+    }
+}
+
+void ScanPage::showBusy()
+{
+    const qint64 waited = m_busyClock.isValid() ? m_busyClock.elapsed() : kBusyAfterMs;
+    if (waited >= kBusyAfterMs) {
+        m_progress->setRange(0, 0);
+        return;
+    }
+    m_progress->setRange(0, 1000);
+    m_progress->setValue(0);
+    m_progress->setFormat(QString());
+    // Drawn again when the wait has lasted, unless it is over by then.
+    m_jobDirty = true;
+    const int left = static_cast<int>(kBusyAfterMs - waited);
+    if (!m_showTimer.isActive() || m_showTimer.remainingTime() > left) {
+        m_showTimer.start(left);
     }
 }
 
@@ -636,16 +666,16 @@ void ScanPage::showJob()
         break;
     case PHASE_SENDING:
         m_stateText->setText(tr("Sending the scan request (%n path(s))...", nullptr, m_pathCount));
-        m_progress->setRange(0, 0);
+        showBusy();
         break;
     case PHASE_WAITING:
         m_stateText->setText(tr("Waiting for %n earlier scan(s) to finish...", nullptr, m_position));
-        m_progress->setRange(0, 0);
+        showBusy();
         break;
     case PHASE_RUNNING:
         if (p.filesTotal < 0) {
             m_stateText->setText(tr("Counting files..."));
-            m_progress->setRange(0, 0);
+            showBusy();
         } else {
             m_stateText->setText(tr("Scanning..."));
             m_progress->setRange(0, 1000);

@@ -55,6 +55,8 @@ private:
     std::string backendInputs() const;
     void setBackendStyle(const char* style);
     void showJob();
+    // The bar of a wait: busy once the wait has lasted, empty before.
+    void showBusy();
     // Text colour (and weight) of a label, changed only when it differs from what it has.
     enum Tone { TONE_PLAIN, TONE_GOOD, TONE_BAD, TONE_BAD_BOLD };
     static void setTone(QLabel* label, Tone& current, Tone wanted);
@@ -90,6 +92,8 @@ private:
     std::string m_backendShown;
     Tone m_stateTone = TONE_PLAIN;
     Tone m_threatsTone = TONE_PLAIN;
+    // Since when the job waits (sending, queued, counting); invalid while it does not.
+    QElapsedTimer m_busyClock;
 
     QLabel* m_title;
     QFrame* m_backendBox;

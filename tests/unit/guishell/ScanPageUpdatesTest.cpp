@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QElapsedTimer>
 #include <QEvent>
 #include <QLabel>
 #include <QList>
@@ -191,6 +192,58 @@ TEST_F(ScanPageUpdatesTest, TheBackEndBoxIsRestyledOnlyWhenWhatItShowsChanges)
     EXPECT_EQ(0, restyled.count);
     EXPECT_TRUE(m_box->isVisible());
     EXPECT_TRUE(m_page.findChild<QWidget*>(QStringLiteral("kuvScanStartBackend"))->isVisible());
+}
+
+TEST_F(ScanPageUpdatesTest, AWaitShowsTheBusyBarOnlyOnceItHasLasted)
+{
+    ASSERT_NO_FATAL_FAILURE(showAndSettle());
+    // When the busy bar is painted, counted from before the job began.
+    QElapsedTimer sinceStart;
+    QList<qint64> busyPaints;
+    EventCounter animated(m_bar, QEvent::StyleAnimationUpdate);
+    class BusyPaints : public QObject {
+    public:
+        BusyPaints(QProgressBar* bar, QElapsedTimer& clock, QList<qint64>& at) : m_bar(bar), m_clock(clock), m_at(at)
+        {
+            bar->installEventFilter(this);
+        }
+
+    protected:
+        bool eventFilter(QObject*, QEvent* event) override
+        {
+            if (event->type() == QEvent::Paint && m_bar->maximum() == 0) {
+                m_at << m_clock.elapsed();
+            }
+            return false;
+        }
+
+    private:
+        QProgressBar* m_bar;
+        QElapsedTimer& m_clock;
+        QList<qint64>& m_at;
+    } busy(m_bar, sinceStart, busyPaints);
+
+    sinceStart.start();
+    emit m_client.jobCreated(QStringLiteral("gui-1-1"), 1);
+    emit m_client.jobAccepted(QStringLiteral("gui-1-1"), 0);
+    emit m_client.jobProgress(QStringLiteral("gui-1-1"), progress(0, -1));
+    ASSERT_TRUE(spinUntil([this] { return m_state->text() == QLatin1String("Counting files..."); }));
+    // Counting goes on: the busy bar comes, animated.
+    ASSERT_TRUE(spinUntil([&busyPaints, &animated] { return !busyPaints.isEmpty() && animated.count > 0; }))
+        << busyPaints.size() << " " << animated.count;
+    for (const qint64 at : busyPaints) {
+        EXPECT_GE(at, 300) << "the busy bar came before the wait had lasted";
+    }
+
+    // The job ends: the bar is full and its animation stops.
+    emit m_client.jobProgress(QStringLiteral("gui-1-1"), progress(1, 1));
+    emit m_client.jobEnded(QStringLiteral("gui-1-1"), finished(1, 0));
+    ASSERT_TRUE(spinUntil([this] { return m_state->text() == QLatin1String("Scan finished: no threats found."); }));
+    EXPECT_EQ(1000, m_bar->value());
+    idle(100);
+    const int after = animated.count;
+    idle(300);
+    EXPECT_EQ(after, animated.count) << "still animated";
 }
 
 TEST_F(ScanPageUpdatesTest, AHiddenPageDrawsNothingAndShowsTheLastStateWhenShown)

@@ -130,6 +130,9 @@ void HistoryWatcher::arm()
 
 qint64 HistoryWatcher::pendingFindings()
 {
+    if (m_checkPending >= 0) {
+        return m_checkPending;
+    }
     if (m_db) {
         return m_db->pendingFindings();
     }
@@ -157,19 +160,26 @@ void HistoryWatcher::check()
         }
     }
     std::vector<kuv::store::JobRecord> fresh;
-    for (const kuv::store::JobRecord& j : m_db->jobs(50)) {
-        if (j.id > m_lastSeen) {
-            fresh.push_back(j);
+    // A change without a new job (a finding acted on, the quarantine) needs one query, not the last jobs
+    // with their paths.
+    if (m_db->lastJobId() > m_lastSeen) {
+        for (const kuv::store::JobRecord& j : m_db->jobs(50)) {
+            if (j.id > m_lastSeen) {
+                fresh.push_back(j);
+            }
         }
     }
     // In the order they were recorded, which is not always the order they started in.
     std::sort(fresh.begin(), fresh.end(),
               [](const kuv::store::JobRecord& a, const kuv::store::JobRecord& b) { return a.id < b.id; });
+    // Read once for everything this look reports: each recorded job and the change itself.
+    m_checkPending = std::max<qint64>(0, m_db->pendingFindings());
     for (const kuv::store::JobRecord& j : fresh) {
         m_lastSeen = std::max<qint64>(m_lastSeen, j.id);
         emit jobRecorded(j.id, QString::fromStdString(j.state), j.files, j.infected, j.durationMs);
     }
     emit changed();
+    m_checkPending = -1;
 }
 
 } // namespace shell

@@ -40,6 +40,8 @@ private:
     qint64 m_lastSeen = 0;
     // From the quick look at start; -1 once used.
     qint64 m_startPending = -1;
+    // The findings waiting, as read by the look that is reporting; -1 outside it.
+    qint64 m_checkPending = -1;
 };
 
 } // namespace shell

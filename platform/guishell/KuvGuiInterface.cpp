@@ -318,21 +318,26 @@ bool KuvGuiInterface::ctrl(_GUI_CTR_TYPE type, void* arg)
         // The caller's list lives only for this call: copy it now.
         // Bytes as given: a file name need not be UTF-8.
         std::vector<std::string> paths;
-        Json::Value rec = ctrlRecord(1);
+        const bool journalling = kuv::shell::journalling();
         Json::Value jpaths(Json::arrayValue);
         if (arg != nullptr) {
             for (const std::string& p : *static_cast<const std::list<std::string>*>(arg)) {
                 // Names that are not UTF-8 keep their bytes: in the list and in the journal, where
                 // they are marked {"b64": ...}.
                 paths.push_back(p);
-                jpaths.append(kuvscan::pathToJson(p));
+                if (journalling) {
+                    jpaths.append(kuvscan::pathToJson(p));
+                }
                 if (!kuv::isValidUtf8(p)) {
                     KUV_LOG(kuv::LogLevel::Warn, "scan request names %s, which is not UTF-8; kept byte for byte", p.c_str());
                 }
             }
         }
-        rec["paths"] = jpaths;
-        kuv::shell::journal(rec);
+        if (journalling) {
+            Json::Value rec = ctrlRecord(1);
+            rec["paths"] = jpaths;
+            kuv::shell::journal(rec);
+        }
         return post([paths](kuv::shell::ShellCore* core) { core->scan(paths); });
     }
     case GUI_CTR_STOP_BACKEND: {

@@ -25,10 +25,6 @@ namespace kuv {
 namespace shell {
 
 namespace {
-// Navigation buttons of the shell's own pages carry their page kind, every button its page once it is built.
-const char* const kPageKindProperty = "kuvPageKind";
-const char* const kPageProperty = "kuvPage";
-
 // A navigation entry: Up and Down choose the entry above or below, Enter and Return choose this one.
 class NavButton : public QToolButton {
 public:
@@ -86,7 +82,6 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent)
                                                 GLYPH_SETTINGS};
     for (int kind = 0; kind < PAGE_COUNT; ++kind) {
         m_items[kind] = addNavButton(navIcon(glyphs[kind]), nullptr);
-        m_items[kind]->setProperty(kPageKindProperty, kind);
     }
     ensurePage(PAGE_OVERVIEW);
 
@@ -125,7 +120,6 @@ QAbstractButton* MainWindow::addNavButton(const QIcon& icon, QWidget* page)
     button->setIconSize(QSize(20, 20));
     button->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
     button->setFocusPolicy(Qt::StrongFocus);
-    button->setProperty(kPageProperty, QVariant::fromValue<QWidget*>(page));
     m_navGroup->addButton(button);
     // Before the stretch that keeps the column at the top.
     m_navLayout->insertWidget(m_navLayout->count() - 1, button);
@@ -152,10 +146,18 @@ void MainWindow::choose(QAbstractButton* button)
 
 void MainWindow::showPageOf(QAbstractButton* button)
 {
-    auto* page = button->property(kPageProperty).value<QWidget*>();
-    const QVariant kind = button->property(kPageKindProperty);
-    if (page == nullptr && kind.isValid()) {
-        page = ensurePage(static_cast<PageKind>(kind.toInt()));
+    // Looked up in the window's own lists: a button's properties are searched by name through its whole
+    // class chain, and every context-menu scan chooses the scan page.
+    QWidget* page = nullptr;
+    for (int kind = 0; kind < PAGE_COUNT && page == nullptr; ++kind) {
+        if (m_items[kind] == button) {
+            page = ensurePage(static_cast<PageKind>(kind));
+        }
+    }
+    for (int i = 0; i < m_pluginPages.size() && page == nullptr; ++i) {
+        if (m_pluginPages[i].item == button) {
+            page = m_pluginPages[i].page;
+        }
     }
     if (page != nullptr && m_stack->indexOf(page) >= 0) {
         m_stack->setCurrentWidget(page);
@@ -164,9 +166,11 @@ void MainWindow::showPageOf(QAbstractButton* button)
 
 QWidget* MainWindow::ensurePage(PageKind kind)
 {
-    QAbstractButton* item = m_items[kind];
-    if (auto* built = item->property(kPageProperty).value<QWidget*>()) {
-        return built;
+    if (kind >= PAGE_COUNT) {
+        return nullptr;
+    }
+    if (m_pages[kind] != nullptr) {
+        return m_pages[kind];
     }
     QWidget* page = nullptr;
     switch (kind) {
@@ -202,7 +206,7 @@ QWidget* MainWindow::ensurePage(PageKind kind)
     case PAGE_COUNT:
         return nullptr;
     }
-    item->setProperty(kPageProperty, QVariant::fromValue<QWidget*>(page));
+    m_pages[kind] = page;
     m_stack->addWidget(page);
     return page;
 }

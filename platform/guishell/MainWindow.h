@@ -98,6 +98,8 @@ private:
     QuarantinePage* m_quarantine = nullptr;
     HistoryPage* m_history = nullptr;
     QAbstractButton* m_items[PAGE_COUNT] = {};
+    // The shell's own pages, null until built.
+    QWidget* m_pages[PAGE_COUNT] = {};
     QMenu* m_fileMenu;
     QAction* m_quitAction;
     QList<PluginPage> m_pluginPages;

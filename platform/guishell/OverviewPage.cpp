@@ -207,6 +207,11 @@ void OverviewPage::setScanClient(ScanClient* client)
 
 void OverviewPage::showBackend()
 {
+    // The back end reports several times per scan job; a hidden page catches up when it is shown.
+    m_backendPending = !isVisible();
+    if (m_backendPending) {
+        return;
+    }
     if (!m_client) {
         m_backendValue->setText(tr("unknown"));
         return;
@@ -346,6 +351,10 @@ void OverviewPage::changeEvent(QEvent* event)
 
 void OverviewPage::showEvent(QShowEvent* event)
 {
+    if (m_backendPending) {
+        m_backendPending = false;
+        showBackend();
+    }
     refresh();
     const std::string dir = CGlobalTag::TagConfig::getUserConfig().dir;
     if (!dir.empty()) {

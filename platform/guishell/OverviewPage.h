@@ -52,6 +52,8 @@ private:
     QLabel* m_backendCaption;
     QLabel* m_backendValue;
     QPointer<ScanClient> m_client;
+    // The back end changed while the page was hidden.
+    bool m_backendPending = false;
     QPushButton* m_componentsButton;
     // Null until the components are first shown.
     QWidget* m_components = nullptr;

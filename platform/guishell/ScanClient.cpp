@@ -97,6 +97,17 @@ qint64 nowMs()
     return QDateTime::currentMSecsSinceEpoch();
 }
 
+// The back end's bus address, parsed once rather than for every message.
+const GUID& scandGuid()
+{
+    static const GUID guid = [] {
+        GUID g{};
+        stringToGuid(g, kuvscan::kScandGuid);
+        return g;
+    }();
+    return guid;
+}
+
 } // namespace
 
 QString displayPath(const std::string& bytes)
@@ -114,7 +125,8 @@ bool addScanSubscriber(const std::string& guid)
 // widgets; results reach the ScanClient through queued calls.
 class ScanBus final : public IMRReceiveComplete {
 public:
-    using Message = std::function<void(int64_t type, const Json::Value& body)>;
+    // Takes the body over: it is handed on to the GUI thread, not copied.
+    using Message = std::function<void(int64_t type, Json::Value&& body)>;
 
     explicit ScanBus(Message onMessage) : m_onMessage(std::move(onMessage)) {}
 
@@ -201,9 +213,7 @@ public:
         if (rc != 0) {
             return rc < 0 ? ZELL_SEND_BAD_ARGS : ZELL_SEND_NO_BROKER;
         }
-        GUID dest{};
-        stringToGuid(dest, kuvscan::kScandGuid);
-        return m_endpoint->sendMsgWait(dest, type, body.data(), static_cast<int>(body.size()), kSendWaitMs);
+        return m_endpoint->sendMsgWait(scandGuid(), type, body.data(), static_cast<int>(body.size()), kSendWaitMs);
     }
 
     void ReceiveCallback(uint64_t, int64_t msgType, const char* content, int length, uint64_t sender,
@@ -212,10 +222,8 @@ public:
         if (sender == 0 || content == nullptr || length <= 0 || length > kMaxBodyBytes) {
             return;
         }
-        GUID scand{};
-        stringToGuid(scand, kuvscan::kScandGuid);
         const GUID* from = reinterpret_cast<const GUID*>(static_cast<uintptr_t>(sender));
-        if (memcmp(from, &scand, sizeof(GUID)) != 0) {
+        if (memcmp(from, &scandGuid(), sizeof(GUID)) != 0) {
             return; // only the back end speaks this protocol to us
         }
         Json::Value body;
@@ -223,7 +231,7 @@ public:
             KUV_LOG(kuv::LogLevel::Warn, "unreadable message of type %lld from the back end", static_cast<long long>(msgType));
             return;
         }
-        m_onMessage(msgType, body);
+        m_onMessage(msgType, std::move(body));
     }
 
 private:
@@ -322,10 +330,11 @@ void ScanClient::onBackendExit()
 ScanBus& ScanClient::bus()
 {
     if (!m_bus) {
-        m_bus = std::make_unique<ScanBus>([this](int64_t type, const Json::Value& body) {
+        m_bus = std::make_unique<ScanBus>([this](int64_t type, Json::Value&& body) {
             // Bus thread: the client outlives every callback (its destructor leaves the bus first).
             QMetaObject::invokeMethod(
-                this, [this, type, body]() { onMessage(type, body); }, Qt::QueuedConnection);
+                this, [this, type, body = std::move(body)]() mutable { onMessage(type, std::move(body)); },
+                Qt::QueuedConnection);
         });
     }
     return *m_bus;
@@ -538,6 +547,10 @@ void ScanClient::failJob(const QString& job, const QString& reason, bool backend
     KUV_LOG(kuv::LogLevel::Warn, "scan job %s failed: %s", job.toStdString().c_str(),
            kuv::escapeControl(reason.toStdString()).c_str());
     emit jobEnded(job, end);
+    if (!journalling()) {
+        armWatchdog();
+        return;
+    }
     Json::Value rec(Json::objectValue);
     rec["event"] = "scan-end";
     rec["job"] = job.toStdString();
@@ -559,10 +572,12 @@ void ScanClient::failAll(const QString& reason)
     }
 }
 
-void ScanClient::onMessage(int64_t type, const Json::Value& body)
+void ScanClient::onMessage(int64_t type, Json::Value message)
 {
+    // Read only from here on: a missing member is not added by a lookup.
+    const Json::Value& body = message;
     if (type == kuvscan::KUV_SCAN_MSG_STATUS) {
-        onStatus(body);
+        onStatus(std::move(message));
         return;
     }
     if (type == kuvscan::KUV_SCAN_MSG_EVENT) {
@@ -620,6 +635,9 @@ void ScanClient::onMessage(int64_t type, const Json::Value& body)
             rows.push_back(row);
         }
         emit jobResults(job, rows);
+        if (!journalling()) {
+            break;
+        }
         // Written after the page took them, so the record's time is when the verdict shows.
         const qint64 t = nowMs();
         for (const ScanResultRow& row : rows) {
@@ -651,6 +669,9 @@ void ScanClient::onMessage(int64_t type, const Json::Value& body)
                kuv::escapeControl(end.state.toStdString()).c_str(), static_cast<long long>(end.files),
                static_cast<long long>(end.infected));
         emit jobEnded(job, end);
+        if (!journalling()) {
+            break;
+        }
         Json::Value rec(Json::objectValue);
         rec["event"] = "scan-end";
         rec["job"] = job.toStdString();
@@ -675,8 +696,9 @@ void ScanClient::onMessage(int64_t type, const Json::Value& body)
     armWatchdog();
 }
 
-void ScanClient::onStatus(const Json::Value& body)
+void ScanClient::onStatus(Json::Value status)
 {
+    const Json::Value& body = status;
     const int64_t pid = num(body, "pid");
     const QString state = text(body, "state");
     const bool newInstance = pid != 0 && pid != m_backendPid;
@@ -692,7 +714,7 @@ void ScanClient::onStatus(const Json::Value& body)
             failJob(id, QStringLiteral("back end stopped during the scan"), true);
         }
     }
-    m_status = body;
+    m_status = std::move(status);
     if (pid != 0) {
         m_backendPid = pid;
         watchBackend(pid);

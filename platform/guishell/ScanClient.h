@@ -6,6 +6,8 @@
 // time_ms is the wall clock in milliseconds since the epoch.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -67,7 +69,7 @@ struct ScanEnd {
     bool backendGone = false;
 };
 
-class ScanClient : public QObject {
+class KUV_EXPORT ScanClient : public QObject {
     Q_OBJECT
 public:
     enum BackendState {
@@ -115,8 +117,8 @@ private:
     };
 
     void onConnected(int result, const QString& error);
-    void onMessage(int64_t type, const Json::Value& body);
-    void onStatus(const Json::Value& body);
+    void onMessage(int64_t type, Json::Value body);
+    void onStatus(Json::Value body);
     void onRequestSent(const QString& job, int result);
     void subscribe();
     void armWatchdog();

@@ -16,6 +16,7 @@
 #include <QLabel>
 #include <QLocale>
 #include <QMimeData>
+#include <QPalette>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QTreeWidget>
@@ -28,6 +29,12 @@ namespace shell {
 namespace {
 // A scan can report thousands of files; the list keeps the first ones, the counts cover all.
 constexpr int kMaxListedResults = 10000;
+// The job's state is drawn at most this often: a job sends several messages within a few
+// milliseconds, and each drawing lays out and paints the page again.
+constexpr int kShowEveryMs = 40;
+// A wait (sending, queued, counting) shows the animated busy bar once it has lasted this long; most
+// context-menu scans are through it sooner, and the animation repaints the bar many times a second.
+constexpr qint64 kBusyAfterMs = 300;
 // A signature database older than this gets a hint on the page.
 constexpr int kDatabaseMaxAgeDays = 7;
 const char* const kWarnStyle =
@@ -163,6 +170,8 @@ ScanPage::ScanPage(QWidget* parent) : QWidget(parent)
             m_cancel->setEnabled(false);
         }
     });
+    m_showTimer.setSingleShot(true);
+    connect(&m_showTimer, &QTimer::timeout, this, &ScanPage::flushShow);
     m_elapsedTimer.setInterval(1000);
     connect(&m_elapsedTimer, &QTimer::timeout, this, &ScanPage::tickElapsed);
 
@@ -176,7 +185,7 @@ void ScanPage::setClient(ScanClient* client)
     }
     m_client = client;
     if (client != nullptr) {
-        connect(client, &ScanClient::backendChanged, this, &ScanPage::showBackend);
+        connect(client, &ScanClient::backendChanged, this, [this]() { scheduleShow(false, true); });
         connect(client, &ScanClient::jobCreated, this, &ScanPage::onJobCreated);
         connect(client, &ScanClient::jobAccepted, this, &ScanPage::onAccepted);
         connect(client, &ScanClient::jobProgress, this, &ScanPage::onProgress);
@@ -213,8 +222,11 @@ void ScanPage::onJobCreated(const QString& job, int pathCount)
     m_elapsedMs = 0;
     m_clock.start();
     m_elapsedTimer.start();
-    m_list->clear();
-    showJob();
+    if (m_list->topLevelItemCount() > 0) {
+        m_list->clear();
+    }
+    m_busyClock.invalidate(); // its wait starts now
+    scheduleShow(true, false);
 }
 
 void ScanPage::onAccepted(const QString& job, int position)
@@ -224,7 +236,7 @@ void ScanPage::onAccepted(const QString& job, int position)
     }
     m_position = position;
     m_phase = position > 0 ? PHASE_WAITING : PHASE_RUNNING;
-    showJob();
+    scheduleShow(true, false);
 }
 
 void ScanPage::onProgress(const QString& job, const ScanProgress& progress)
@@ -239,7 +251,7 @@ void ScanPage::onProgress(const QString& job, const ScanProgress& progress)
         m_elapsedMs = progress.elapsedMs;
         m_clock.restart();
     }
-    showJob();
+    scheduleShow(true, false);
 }
 
 void ScanPage::onResults(const QString& job, const QVector<ScanResultRow>& rows)
@@ -247,21 +259,25 @@ void ScanPage::onResults(const QString& job, const QVector<ScanResultRow>& rows)
     if (job != m_job) {
         return;
     }
-    m_list->setUpdatesEnabled(false);
+    // Inserted in one go: one insertion into the list's model, and no full repaint of the list (with its
+    // header) as turning its updates off and on again costs.
+    QList<QTreeWidgetItem*> items;
+    int room = kMaxListedResults - m_list->topLevelItemCount();
     for (const ScanResultRow& r : rows) {
         if (r.verdict == QLatin1String("infected") || r.verdict == QLatin1String("quarantined") ||
             r.verdict == QLatin1String("deleted")) {
             ++m_threats;
         }
-        if (m_list->topLevelItemCount() >= kMaxListedResults) {
+        if (room <= 0) {
             continue;
         }
+        --room;
         const QString shown = displayPath(r.path);
         QString detail = r.signature;
         if (!r.reason.isEmpty()) {
             detail = detail.isEmpty() ? r.reason : detail + QStringLiteral(" (") + r.reason + QLatin1Char(')');
         }
-        auto* item = new QTreeWidgetItem(m_list, {shown, verdictText(r.verdict), detail});
+        auto* item = new QTreeWidgetItem(QStringList{shown, verdictText(r.verdict), detail});
         item->setData(1, Qt::UserRole, r.verdict);
         item->setToolTip(0, shown);
         item->setToolTip(2, detail);
@@ -271,9 +287,12 @@ void ScanPage::onResults(const QString& job, const QVector<ScanResultRow>& rows)
         } else if (r.verdict == QLatin1String("clean")) {
             item->setForeground(1, QColor(0x1b, 0x7f, 0x3b));
         }
+        items.append(item);
     }
-    m_list->setUpdatesEnabled(true);
-    showJob();
+    if (!items.isEmpty()) {
+        m_list->addTopLevelItems(items);
+    }
+    scheduleShow(true, false);
 }
 
 void ScanPage::onEnded(const QString& job, const ScanEnd& end)
@@ -298,12 +317,84 @@ void ScanPage::onEnded(const QString& job, const ScanEnd& end)
     m_clock.invalidate();
     m_elapsedTimer.stop();
     m_threats = std::max(m_threats, end.infected);
-    showJob();
-    showBackend();
+    scheduleShow(true, true);
+}
+
+void ScanPage::scheduleShow(bool job, bool backend)
+{
+    m_jobDirty = m_jobDirty || job;
+    m_backendDirty = m_backendDirty || backend;
+    if (job) {
+        const bool busy = m_phase == PHASE_SENDING || m_phase == PHASE_WAITING ||
+                          (m_phase == PHASE_RUNNING && m_progressData.filesTotal < 0);
+        if (!busy) {
+            m_busyClock.invalidate();
+        } else if (!m_busyClock.isValid()) {
+            m_busyClock.start();
+        }
+    }
+    if (!m_showTimer.isActive()) {
+        m_showTimer.start(kShowEveryMs);
+    }
+}
+
+void ScanPage::showBusy()
+{
+    const qint64 waited = m_busyClock.isValid() ? m_busyClock.elapsed() : kBusyAfterMs;
+    if (waited >= kBusyAfterMs) {
+        m_progress->setRange(0, 0);
+        return;
+    }
+    m_progress->setRange(0, 1000);
+    m_progress->setValue(0);
+    m_progress->setFormat(QString());
+    // Drawn again when the wait has lasted, unless it is over by then.
+    m_jobDirty = true;
+    const int left = static_cast<int>(kBusyAfterMs - waited);
+    if (!m_showTimer.isActive() || m_showTimer.remainingTime() > left) {
+        m_showTimer.start(left);
+    }
+}
+
+void ScanPage::flushShow()
+{
+    if (!isVisible()) {
+        return; // showEvent draws what is pending
+    }
+    if (m_jobDirty) {
+        showJob();
+    }
+    if (m_backendDirty) {
+        showBackend();
+    }
+}
+
+void ScanPage::setTone(QLabel* label, Tone& current, Tone wanted)
+{
+    if (current == wanted) {
+        return;
+    }
+    const bool wasBold = current == TONE_BAD_BOLD;
+    current = wanted;
+    // A palette rather than a style sheet: a style sheet is parsed and the label polished again at
+    // every change. An empty palette lets the label follow its parent again.
+    QPalette palette;
+    if (wanted != TONE_PLAIN) {
+        palette.setColor(QPalette::WindowText, wanted == TONE_GOOD ? QColor(0x1b, 0x7f, 0x3b) : QColor(0xb0, 0x20, 0x20));
+    }
+    label->setPalette(palette);
+    if (wasBold || wanted == TONE_BAD_BOLD) {
+        QFont font = label->font();
+        font.setBold(wanted == TONE_BAD_BOLD);
+        label->setFont(font);
+    }
 }
 
 void ScanPage::tickElapsed()
 {
+    if (!isVisible()) {
+        return; // set when the page is shown again
+    }
     m_elapsedValue->setText(elapsedText(m_elapsedMs + (m_clock.isValid() ? m_clock.elapsed() : 0)));
 }
 
@@ -359,6 +450,15 @@ void ScanPage::showEvent(QShowEvent* event)
     if (m_client) {
         m_client->ensureConnected();
     }
+    // What changed while hidden, drawn before the page is.
+    if (m_jobDirty) {
+        showJob();
+    } else if (m_phase != PHASE_IDLE) {
+        tickElapsed();
+    }
+    if (m_backendDirty) {
+        showBackend();
+    }
     QWidget::showEvent(event);
 }
 
@@ -412,15 +512,57 @@ void ScanPage::retranslate()
         QTreeWidgetItem* item = m_list->topLevelItem(i);
         item->setText(1, verdictText(item->data(1, Qt::UserRole).toString()));
     }
+    m_backendShown.clear(); // the same inputs, new words
     showBackend();
     showJob();
 }
 
-void ScanPage::showBackend()
+std::string ScanPage::backendInputs() const
 {
     if (!m_client) {
+        return "none";
+    }
+    // Every status the back end sends (several per job) carries its job counts; only these fields are shown.
+    std::string key = std::to_string(static_cast<int>(m_client->backendState()));
+    key += '\0';
+    key += m_client->lastError().toStdString();
+    if (m_client->backendState() == ScanClient::BACKEND_RUNNING) {
+        const Json::Value& s = m_client->status();
+        for (const char* name : {"engine", "engine_version", "state", "db_error"}) {
+            key += '\0';
+            key += s[name].isString() ? s[name].asString() : std::string();
+        }
+        key += '\0';
+        key += s["signatures"].isNumeric() ? std::to_string(s["signatures"].asDouble()) : std::string();
+        if (s["db_time"].isNumeric()) {
+            // The database's age in days is part of what is shown.
+            const qint64 dbTime = static_cast<qint64>(s["db_time"].asDouble());
+            key += '\0';
+            key += std::to_string(dbTime) + '/' + std::to_string((QDateTime::currentSecsSinceEpoch() - dbTime) / 86400);
+        }
+    }
+    return key;
+}
+
+void ScanPage::setBackendStyle(const char* style)
+{
+    const QString wanted = QLatin1String(style);
+    if (m_backendBox->styleSheet() != wanted) {
+        m_backendBox->setStyleSheet(wanted);
+    }
+}
+
+void ScanPage::showBackend()
+{
+    m_backendDirty = false;
+    std::string inputs = backendInputs();
+    if (inputs == m_backendShown) {
+        return;
+    }
+    m_backendShown = std::move(inputs);
+    if (!m_client) {
         m_backendBox->setVisible(true);
-        m_backendBox->setStyleSheet(QLatin1String(kErrorStyle));
+        setBackendStyle(kErrorStyle);
         m_backendText->setText(tr("Scanning is not available in this window."));
         m_startBackend->setVisible(false);
         m_engineLine->clear();
@@ -499,7 +641,7 @@ void ScanPage::showBackend()
         message += QLatin1Char(' ') + error;
     }
     m_backendBox->setVisible(showBox);
-    m_backendBox->setStyleSheet(QLatin1String(canStart || warnOnly ? kWarnStyle : kErrorStyle));
+    setBackendStyle(canStart || warnOnly ? kWarnStyle : kErrorStyle);
     m_backendText->setText(message);
     m_startBackend->setVisible(canStart);
     const bool usable = m_client->backendState() != ScanClient::BACKEND_STARTING;
@@ -510,6 +652,7 @@ void ScanPage::showBackend()
 
 void ScanPage::showJob()
 {
+    m_jobDirty = false;
     const bool running = m_phase == PHASE_SENDING || m_phase == PHASE_WAITING || m_phase == PHASE_RUNNING;
     m_cancel->setVisible(running);
     m_cancel->setEnabled(running && m_phase != PHASE_SENDING);
@@ -523,16 +666,16 @@ void ScanPage::showJob()
         break;
     case PHASE_SENDING:
         m_stateText->setText(tr("Sending the scan request (%n path(s))...", nullptr, m_pathCount));
-        m_progress->setRange(0, 0);
+        showBusy();
         break;
     case PHASE_WAITING:
         m_stateText->setText(tr("Waiting for %n earlier scan(s) to finish...", nullptr, m_position));
-        m_progress->setRange(0, 0);
+        showBusy();
         break;
     case PHASE_RUNNING:
         if (p.filesTotal < 0) {
             m_stateText->setText(tr("Counting files..."));
-            m_progress->setRange(0, 0);
+            showBusy();
         } else {
             m_stateText->setText(tr("Scanning..."));
             m_progress->setRange(0, 1000);
@@ -545,10 +688,10 @@ void ScanPage::showJob()
     case PHASE_DONE:
         if (m_threats > 0) {
             m_stateText->setText(tr("Scan finished: %n threat(s) found.", nullptr, static_cast<int>(m_threats)));
-            m_stateText->setStyleSheet(QStringLiteral("QLabel { color: #b02020; }"));
+            setTone(m_stateText, m_stateTone, TONE_BAD);
         } else {
             m_stateText->setText(tr("Scan finished: no threats found."));
-            m_stateText->setStyleSheet(QStringLiteral("QLabel { color: #1b7f3b; }"));
+            setTone(m_stateText, m_stateTone, TONE_GOOD);
         }
         m_progress->setRange(0, 1000);
         m_progress->setValue(1000);
@@ -569,13 +712,13 @@ void ScanPage::showJob()
         } else {
             m_stateText->setText(tr("Scan failed: %1").arg(displayPath(m_end.reason.toStdString())));
         }
-        m_stateText->setStyleSheet(QStringLiteral("QLabel { color: #b02020; }"));
+        setTone(m_stateText, m_stateTone, TONE_BAD);
         m_progress->setRange(0, 1000);
         m_progress->setFormat(tr("Failed"));
         break;
     }
     if (m_phase != PHASE_DONE && m_phase != PHASE_FAILED) {
-        m_stateText->setStyleSheet(QString());
+        setTone(m_stateText, m_stateTone, TONE_PLAIN);
     }
     const qint64 files = m_phase >= PHASE_DONE && m_end.files > 0 ? m_end.files : p.filesScanned;
     const qint64 bytes = m_phase >= PHASE_DONE && m_end.bytes > 0 ? m_end.bytes : p.bytesScanned;
@@ -594,8 +737,7 @@ void ScanPage::showJob()
                               ? tr("%1 of %2").arg(formatBytes(bytes), formatBytes(p.bytesTotal))
                               : formatBytes(bytes));
     m_threatsValue->setText(QLocale().toString(m_threats));
-    m_threatsValue->setStyleSheet(m_threats > 0 ? QStringLiteral("QLabel { color: #b02020; font-weight: bold; }")
-                                                : QString());
+    setTone(m_threatsValue, m_threatsTone, m_threats > 0 ? TONE_BAD_BOLD : TONE_PLAIN);
     tickElapsed();
     m_currentValue->setText(running && !p.current.empty() ? displayPath(p.current) : QStringLiteral("-"));
 }

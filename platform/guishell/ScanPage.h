@@ -2,6 +2,8 @@
 // Scan page: scans started here or from the file manager, their live progress, results and the back end.
 #pragma once
 
+#include "KuvExport.h"
+
 #include <string>
 #include <vector>
 
@@ -22,7 +24,7 @@ class QTreeWidget;
 namespace kuv {
 namespace shell {
 
-class ScanPage : public QWidget {
+class KUV_EXPORT ScanPage : public QWidget {
     Q_OBJECT
 public:
     explicit ScanPage(QWidget* parent = nullptr);
@@ -44,8 +46,20 @@ private:
     enum Phase { PHASE_IDLE, PHASE_SENDING, PHASE_WAITING, PHASE_RUNNING, PHASE_DONE, PHASE_CANCELLED, PHASE_FAILED };
 
     void retranslate();
+    // The job's and the back end's state are drawn once for all the messages that arrive within a
+    // short interval, and not at all while the page is hidden (it catches up when shown).
+    void scheduleShow(bool job, bool backend);
+    void flushShow();
     void showBackend();
+    // What showBackend draws from, as one string.
+    std::string backendInputs() const;
+    void setBackendStyle(const char* style);
     void showJob();
+    // The bar of a wait: busy once the wait has lasted, empty before.
+    void showBusy();
+    // Text colour (and weight) of a label, changed only when it differs from what it has.
+    enum Tone { TONE_PLAIN, TONE_GOOD, TONE_BAD, TONE_BAD_BOLD };
+    static void setTone(QLabel* label, Tone& current, Tone wanted);
     void tickElapsed();
     void onJobCreated(const QString& job, int pathCount);
     void onAccepted(const QString& job, int position);
@@ -70,6 +84,16 @@ private:
     qint64 m_elapsedMs = 0;
     // Ticks the elapsed time once a second, only while a job runs.
     QTimer m_elapsedTimer;
+    bool m_jobDirty = false;
+    bool m_backendDirty = false;
+    // Runs the drawing once after the first change; what arrives meanwhile is drawn with it.
+    QTimer m_showTimer;
+    // What the back-end box shows was made from; the same inputs need no new texts or style.
+    std::string m_backendShown;
+    Tone m_stateTone = TONE_PLAIN;
+    Tone m_threatsTone = TONE_PLAIN;
+    // Since when the job waits (sending, queued, counting); invalid while it does not.
+    QElapsedTimer m_busyClock;
 
     QLabel* m_title;
     QFrame* m_backendBox;

@@ -35,6 +35,9 @@ KUV_LOG_SOURCE("platform/guishell/ShellCore");
 constexpr qint64 kLongScanMs = 60000;
 // How long quitting waits for the plugin loader to report the unloads it was asked for.
 constexpr int kQuitWaitMs = 5000;
+// The window's state line follows the tray state at most this often: every scan job turns it to
+// "scanning" and back within milliseconds, and each change lays out and paints the status bar.
+constexpr int kStateLineEveryMs = 40;
 
 
 // "zh-CN" -> "zh_CN"; the catalogs are named after the locale.
@@ -80,6 +83,9 @@ ShellCore::ShellCore()
     m_quitTimer.setSingleShot(true);
     m_quitTimer.setInterval(kQuitWaitMs);
     connect(&m_quitTimer, &QTimer::timeout, this, [this]() { finishQuit(true); });
+    m_stateLineTimer.setSingleShot(true);
+    m_stateLineTimer.setInterval(kStateLineEveryMs);
+    connect(&m_stateLineTimer, &QTimer::timeout, this, &ShellCore::showStateLine);
 }
 
 ShellCore::~ShellCore() = default;
@@ -167,6 +173,7 @@ void ShellCore::teardown()
 {
     m_up.store(false);
     m_quitTimer.stop();
+    m_stateLineTimer.stop();
     disconnect(m_unloadConnection);
     disconnect(CQPluginManager::singleInstance(), nullptr, this, nullptr);
     if (m_window) {
@@ -197,8 +204,12 @@ MainWindow* ShellCore::window()
         auto* stateLabel = new QLabel(m_window->statusBar());
         stateLabel->setObjectName(QStringLiteral("kuvProtectionState"));
         m_window->statusBar()->addPermanentWidget(stateLabel);
-        connect(m_tray.get(), &TrayController::stateChanged, stateLabel,
-                [this, stateLabel]() { stateLabel->setText(m_tray->stateText()); });
+        m_stateLine = stateLabel;
+        connect(m_tray.get(), &TrayController::stateTextChanged, this, [this]() {
+            if (!m_stateLineTimer.isActive()) {
+                m_stateLineTimer.start();
+            }
+        });
         stateLabel->setText(m_tray->stateText());
         KUV_LOG(kuv::LogLevel::Info, "main window built");
     }
@@ -273,6 +284,13 @@ void ShellCore::finishQuit(bool timedOut)
     QMetaObject::invokeMethod(qApp, []() { QCoreApplication::exit(0); }, Qt::QueuedConnection);
 }
 
+void ShellCore::showStateLine()
+{
+    if (m_stateLine && m_tray) {
+        m_stateLine->setText(m_tray->stateText());
+    }
+}
+
 void ShellCore::updateAttention()
 {
     if (m_tray && m_historyWatcher) {
@@ -323,9 +341,7 @@ void ShellCore::applyLanguage()
     }
     if (m_tray) {
         m_tray->retranslate();
-        if (auto* state = m_window ? m_window->findChild<QLabel*>(QStringLiteral("kuvProtectionState")) : nullptr) {
-            state->setText(m_tray->stateText());
-        }
+        showStateLine();
     }
     KUV_LOG(kuv::LogLevel::Info, "interface language %s, %d catalog(s)", language.c_str(),
            static_cast<int>(m_translators.size()));

@@ -8,12 +8,14 @@
 #include <vector>
 
 #include <QObject>
+#include <QPointer>
 #include <QSet>
 #include <QStringList>
 #include <QTimer>
 
 #include "KuvGuiInterface.h"
 
+class QLabel;
 class QMenu;
 class QSystemTrayIcon;
 class QTranslator;
@@ -56,6 +58,8 @@ private:
     void onUnloadComplete();
     void onJobRecorded(qint64 id, const QString& state, qint64 files, qint64 infected, qint64 durationMs);
     void updateAttention();
+    // The window's state line, from the tray's state now.
+    void showStateLine();
     void finishQuit(bool timedOut);
 
     sUninstallFunc m_uninstall{nullptr, nullptr};
@@ -69,6 +73,9 @@ private:
     std::atomic<bool> m_up{false};
     bool m_quitting = false;
     QTimer m_quitTimer;
+    // The state line in the window's status bar (null until the window is built), and what paces it.
+    QPointer<QLabel> m_stateLine;
+    QTimer m_stateLineTimer;
     QMetaObject::Connection m_unloadConnection;
 };
 

@@ -254,6 +254,12 @@ std::string installedShellConfPath()
     return ConstConfig::singleInstance()->getConfigurationDir() + kShellConfFile;
 }
 
+bool journalling()
+{
+    const char* path = std::getenv("KUV_SHELL_JOURNAL");
+    return path != nullptr && *path != '\0';
+}
+
 void journal(const Json::Value& record)
 {
     const char* path = std::getenv("KUV_SHELL_JOURNAL");

@@ -39,6 +39,8 @@ std::string installedShellConfPath();
 
 // Appends one compact JSON line to $KUV_SHELL_JOURNAL when it is set; flushed at once.
 void journal(const Json::Value& record);
+// Whether $KUV_SHELL_JOURNAL is set: records need not be built otherwise.
+bool journalling();
 
 } // namespace shell
 } // namespace kuv

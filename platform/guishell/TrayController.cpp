@@ -85,12 +85,24 @@ void TrayController::update()
     const State next = m_pending > 0 ? STATE_ATTENTION : m_scanning ? STATE_SCANNING : STATE_PROTECTED;
     const bool changed = next != m_state;
     m_state = next;
-    if (m_tray) {
+    // Every scan job sets the state twice; the desktop hears of the icon and tooltip only when they change.
+    if (m_tray && (changed || !m_iconSet)) {
         m_tray->setIcon(stateIcon(m_state));
-        m_tray->setToolTip(stateText());
+        m_iconSet = true;
+    }
+    const QString text = stateText();
+    const bool textChanged = text != m_text;
+    if (textChanged) {
+        m_text = text;
+        if (m_tray) {
+            m_tray->setToolTip(text);
+        }
     }
     if (changed) {
         emit stateChanged(m_state);
+    }
+    if (textChanged) {
+        emit stateTextChanged();
     }
 }
 
@@ -102,7 +114,8 @@ void TrayController::retranslate()
     m_open->setText(tr("Open kuvgui"));
     m_scanFolder->setText(tr("Scan a folder..."));
     m_quit->setText(tr("Quit"));
-    m_tray->setToolTip(stateText());
+    m_text = stateText();
+    m_tray->setToolTip(m_text);
 }
 
 } // namespace shell

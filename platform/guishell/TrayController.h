@@ -41,6 +41,8 @@ signals:
     void scanFolderRequested(const QString& folder);
     void quitRequested();
     void stateChanged(kuv::shell::TrayController::State state);
+    // stateText() changed: the state, or the number of findings waiting.
+    void stateTextChanged();
 
 private:
     void update();
@@ -51,6 +53,8 @@ private:
     QAction* m_scanFolder = nullptr;
     QAction* m_quit = nullptr;
     State m_state = STATE_PROTECTED;
+    bool m_iconSet = false;
+    QString m_text;
     bool m_scanning = false;
     qint64 m_pending = 0;
 };

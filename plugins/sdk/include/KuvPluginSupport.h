@@ -35,11 +35,31 @@ namespace kuvsdk {
 // Bodies larger than this are cut when copied off the bus thread.
 constexpr int kMaxBodyBytes = 64 * 1024;
 
+// 8-4-4-4-12 upper-case hex digits. By hand: it runs for every message, and a format string is parsed
+// at every call.
 inline QString guidToString(const GUID& g)
 {
-    return QString::asprintf("%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", g.Data1, g.Data2, g.Data3,
-                             g.Data4[0], g.Data4[1], g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6],
-                             g.Data4[7]);
+    static const char digits[] = "0123456789ABCDEF";
+    char text[36];
+    int n = 0;
+    const auto put = [&text, &n](uint32_t value, int count) {
+        for (int shift = 4 * (count - 1); shift >= 0; shift -= 4) {
+            text[n++] = digits[(value >> shift) & 0xF];
+        }
+    };
+    put(g.Data1, 8);
+    text[n++] = '-';
+    put(g.Data2, 4);
+    text[n++] = '-';
+    put(g.Data3, 4);
+    text[n++] = '-';
+    put(g.Data4[0], 2);
+    put(g.Data4[1], 2);
+    text[n++] = '-';
+    for (int i = 2; i < 8; ++i) {
+        put(g.Data4[i], 2);
+    }
+    return QString::fromLatin1(text, n);
 }
 
 // 8-4-4-4-12 hex digits, optionally in braces (either or both). Checked by hand: a regular expression

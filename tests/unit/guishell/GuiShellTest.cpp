@@ -5,6 +5,7 @@
 #include <atomic>
 #include <fstream>
 #include <list>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -487,6 +488,48 @@ TEST_F(GuiShellTest, AttentionAtStartFollowsTheHistoryAndReadsItOnlyWhenItChange
     EXPECT_EQ("kuvgui: attention needed - 3 finding(s) waiting for a decision", stateLine());
     ASSERT_TRUE(CppJson::LoadJsonFile(summary.c_str(), kept));
     EXPECT_EQ(3, kept["pending"].asInt64());
+    KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
+    EXPECT_EQ(0, KuvGuiInterface::exec());
+}
+
+TEST_F(GuiShellTest, AttentionFollowsAJobFinishedWhileRunningAndTheFindingsHandledAfterIt)
+{
+    basegui::Common::setLan("en");
+    ASSERT_EQ(0, init());
+    EXPECT_EQ("kuvgui: protected", stateLine());
+
+    // A job with two threats recorded while the shell runs (by the back end; here by the store itself).
+    ASSERT_NO_FATAL_FAILURE(recordFindings(2));
+    EXPECT_TRUE(shelltest::spinUntil(
+        [] { return stateLine() == "kuvgui: attention needed - 2 finding(s) waiting for a decision"; }))
+        << stateLine();
+
+    // Deciding about them changes the history without a new job: the state follows all the same.
+    {
+        std::vector<std::string> notices;
+        std::string error;
+        std::unique_ptr<kuv::store::StoreDb> db = kuv::store::openUserDb(kuv::store::userDataDir(), notices, error);
+        ASSERT_TRUE(db) << error;
+        const std::vector<kuv::store::JobRecord> jobs = db->jobs(1);
+        ASSERT_EQ(1u, jobs.size());
+        EXPECT_TRUE(db->setFindingAction(jobs[0].id, "/home/user/f0", "ignored"));
+        EXPECT_TRUE(shelltest::spinUntil(
+            [] { return stateLine() == "kuvgui: attention needed - 1 finding(s) waiting for a decision"; }))
+            << stateLine();
+        EXPECT_TRUE(db->setFindingAction(jobs[0].id, "/home/user/f1", "ignored"));
+    }
+    EXPECT_TRUE(shelltest::spinUntil([] { return stateLine() == "kuvgui: protected"; })) << stateLine();
+
+    // A second finished job counts again, and so do two more recorded back to back (seen together or not).
+    ASSERT_NO_FATAL_FAILURE(recordFindings(1));
+    EXPECT_TRUE(shelltest::spinUntil(
+        [] { return stateLine() == "kuvgui: attention needed - 1 finding(s) waiting for a decision"; }))
+        << stateLine();
+    ASSERT_NO_FATAL_FAILURE(recordFindings(3));
+    ASSERT_NO_FATAL_FAILURE(recordFindings(4));
+    EXPECT_TRUE(shelltest::spinUntil(
+        [] { return stateLine() == "kuvgui: attention needed - 8 finding(s) waiting for a decision"; }))
+        << stateLine();
     KuvGuiInterface::ctrl(GUI_CTR_QUIT, nullptr);
     EXPECT_EQ(0, KuvGuiInterface::exec());
 }

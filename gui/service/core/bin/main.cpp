@@ -64,5 +64,15 @@ PFN_KUVGUI_SERVICE_RUN loadService()
 int main(int argc, char** argv)
 {
     kuv::ignoreWriteSignals();
-    return kuvguiEntry(argc, argv, &loadService);
+    const int rc = kuvguiEntry(argc, argv, &loadService);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    if (g_serviceRun == nullptr) {
+        // A forwarding (or failed) start built nothing that needs tearing down. Ending here spares the exit
+        // handlers of the C++ runtime and JsonCpp, whose code would be paged in only for them (about 45 us
+        // of a 2 ms start). The sanitizer builds take the normal way, so that their exit checks still run.
+        std::fflush(nullptr);
+        _exit(rc);
+    }
+#endif
+    return rc;
 }

@@ -239,4 +239,3 @@ INSTANTIATE_TEST_SUITE_P(
                       StrictCase{"nestingWithinLimit", std::string(60, '[') + std::string(60, ']'), true, true},
                       StrictCase{"nestingBeyondLimit", std::string(100, '[') + std::string(100, ']'), true, false}),
     [](const ::testing::TestParamInfo<StrictCase>& info) { return std::string(info.param.name); });
-

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 // Second-start cost: `kuvgui right "/a b" /c` against a running instance, next to a minimal C program that
-// sends the same 39 bytes to the same socket. Prints both and their ratio.
+// sends the same 39 bytes to the same socket and a minimal C++ one that makes them with JsonCpp (the floor
+// for a client built on the C++ runtime and JsonCpp). Prints all three and the ratios to the C program.
 //
 // Usage: kuv_bench_forward [--runs N] [--gap-ms G] [--install DIR] [--min PATH]
 //   DIR defaults to $KUV_STAGE_DIR (the staged installation); the minimal client defaults to the
@@ -58,12 +59,14 @@ int main(int argc, char** argv)
     int gapMs = 30;
     std::string install = getenv("KUV_STAGE_DIR") ? getenv("KUV_STAGE_DIR") : "";
     std::string minimal = selfDir() + "/kuv_forward_min";
+    const std::string minimalCxx = selfDir() + "/kuv_forward_min_cxx";
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
             printf("usage: %s [--runs N] [--gap-ms G] [--install DIR] [--min PATH]\n"
                    "Second start `kuvgui right \"/a b\" /c` against a running instance next to the minimal C\n"
-                   "sender kuv_forward_min (same 39 bytes, also waits for the one-byte receipt), interleaved,\n"
+                   "sender kuv_forward_min (same 39 bytes, also waits for the one-byte receipt) and the minimal\n"
+                   "C++ sender kuv_forward_min_cxx (its text made by JsonCpp, as the service's client must), interleaved,\n"
                    "N runs each (default 200), G ms apart (default 30; 0 = back to back). DIR defaults to\n"
                    "$KUV_STAGE_DIR. Prints a table and the ratio of medians.\n",
                    argv[0]);
@@ -102,6 +105,7 @@ int main(int argc, char** argv)
 
     const std::vector<std::string> forward = {install + "bin/kuvgui", "right", "/a b", "/c"};
     const std::vector<std::string> floor = {minimal, socket};
+    const std::vector<std::string> floorCxx = {minimalCxx, socket};
     // Same process, a word that sends nothing: the cost of starting and checking the tag alone.
     const std::vector<std::string> silent = {install + "bin/kuvgui", "RIGHT", "x"};
     const auto gap = [&] { std::this_thread::sleep_for(std::chrono::milliseconds(gapMs)); };
@@ -111,13 +115,15 @@ int main(int argc, char** argv)
         timeRun(floor, 0);
         gap();
     }
-    std::vector<double> tForward, tFloor, tSilent;
+    std::vector<double> tForward, tFloor, tSilent, tFloorCxx;
     for (int i = 0; i < runs; ++i) { // interleaved, so drift hits all alike
         tForward.push_back(timeRun(forward, 1));
         gap();
         tFloor.push_back(timeRun(floor, 0));
         gap();
         tSilent.push_back(timeRun(silent, 0));
+        gap();
+        tFloorCxx.push_back(timeRun(floorCxx, 0));
         gap();
     }
 
@@ -130,12 +136,13 @@ int main(int argc, char** argv)
         fprintf(stderr, "could not remove %s\n", runtime.c_str());
     }
 
-    const kuvbench::Stats f = stats(tForward), m = stats(tFloor), q = stats(tSilent);
+    const kuvbench::Stats f = stats(tForward), m = stats(tFloor), q = stats(tSilent), c = stats(tFloorCxx);
     printf("second start, whole process, %d runs each, %d ms apart (microseconds)\n", runs, gapMs);
     printf("%-34s %9s %9s %9s %9s\n", "program", "median", "mean", "p10", "p90");
     printf("%-34s %9.0f %9.0f %9.0f %9.0f\n", "kuvgui right \"/a b\" /c", f.median, f.mean, f.p10, f.p90);
     printf("%-34s %9.0f %9.0f %9.0f %9.0f\n", "minimal C client (same 39 bytes)", m.median, m.mean, m.p10, m.p90);
     printf("%-34s %9.0f %9.0f %9.0f %9.0f\n", "kuvgui RIGHT x (sends nothing)", q.median, q.mean, q.p10, q.p90);
-    printf("ratio of medians: %.2f (goal: at most 2.0)\n", f.median / m.median);
+    printf("%-34s %9.0f %9.0f %9.0f %9.0f\n", "minimal C++ client with JsonCpp", c.median, c.mean, c.p10, c.p90);
+    printf("ratio of medians: %.2f (goal: at most 2.0); C++ floor: %.2f\n", f.median / m.median, c.median / m.median);
     return 0;
 }

@@ -59,8 +59,7 @@ void Service::notifierLoop()
         if (m_outbox.empty() && m_outStop) {
             return;
         }
-        const auto message = std::move(m_outbox.front());
-        m_outbox.pop_front();
+        const auto message = m_outbox.pop();
         const std::vector<GUID> targets = m_subscribers;
         lock.unlock();
         std::vector<GUID> gone;

@@ -235,11 +235,9 @@ void Service::broadcast(int64_t type, const Json::Value& body)
     if (m_subscribers.empty() || m_outStop) {
         return;
     }
-    if (m_outbox.size() >= 10000) {
-        m_outbox.pop_front(); // a subscriber this far behind loses the oldest news, never the service
+    if (m_outbox.push(type, compact(body))) {
+        m_outCv.notify_one();
     }
-    m_outbox.emplace_back(type, compact(body));
-    m_outCv.notify_one();
 }
 
 void Service::sendError(const GUID& to, int64_t type, const RequestError& error)

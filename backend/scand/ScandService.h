@@ -26,6 +26,7 @@
 #include "JobLog.h"
 #include "PathWatch.h"
 #include "Jobs.h"
+#include "NewsQueue.h"
 #include "ScanRequest.h"
 #include "Settings.h"
 #include "UniqueFd.h"
@@ -155,7 +156,7 @@ private:
 
     std::mutex m_outMutex; // subscribers and what waits to go to them
     std::condition_variable m_outCv;
-    std::deque<std::pair<int64_t, std::string>> m_outbox;
+    NewsQueue m_outbox;
     std::vector<GUID> m_subscribers;
     bool m_outStop = false;
     std::thread m_notifier;

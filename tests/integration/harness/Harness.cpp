@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -252,6 +253,19 @@ int countInFile(const std::string& path, const std::string& text)
         ++n;
     }
     return n;
+}
+
+std::vector<std::string> entriesStartingWith(const std::string& dir, const std::string& prefix)
+{
+    std::vector<std::string> out;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
+        const std::string name = e.path().filename().string();
+        if (name.rfind(prefix, 0) == 0) {
+            out.push_back(name);
+        }
+    }
+    return out;
 }
 
 } // namespace kuvtest

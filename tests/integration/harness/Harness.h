@@ -85,5 +85,7 @@ bool fileContains(const std::string& path, const std::string& text);
 bool waitForFileContains(const std::string& path, const std::string& text, int timeoutMs = 15000);
 // Occurrences of text in the file.
 int countInFile(const std::string& path, const std::string& text);
+// Names of the entries of dir that start with prefix, in directory order; none when dir cannot be read.
+std::vector<std::string> entriesStartingWith(const std::string& dir, const std::string& prefix);
 
 } // namespace kuvtest

@@ -51,19 +51,6 @@ std::vector<std::string> jobsIn(const std::string& path)
     return names;
 }
 
-std::vector<std::string> entriesStartingWith(const std::string& dir, const std::string& prefix)
-{
-    std::vector<std::string> out;
-    std::error_code ec;
-    for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
-        const std::string name = e.path().filename().string();
-        if (name.rfind(prefix, 0) == 0) {
-            out.push_back(name);
-        }
-    }
-    return out;
-}
-
 // A job as the back end has it go through its job log: started, then ended with its JOB_END body.
 void endJob(JobLog& log, const std::string& job)
 {
@@ -237,7 +224,7 @@ TEST(JobLog, AJobAfterTheHistoryFileWasReplacedByADamagedOneKeepsItAsideAndStart
     ASSERT_EQ(notices.size(), 1u);
     EXPECT_NE(notices[0].find("history database " + path + " cannot be used ("), std::string::npos) << notices[0];
     EXPECT_NE(notices[0].find("kept it as " + path + ".corrupt-"), std::string::npos) << notices[0];
-    std::vector<std::string> aside = entriesStartingWith(data, "history.sqlite.corrupt-");
+    std::vector<std::string> aside = kuvtest::entriesStartingWith(data, "history.sqlite.corrupt-");
     // With it, the log files that stood at the path (the old connection's, emptied).
     aside.erase(std::remove_if(aside.begin(), aside.end(),
                                [](const std::string& n) { return n.size() > 4 && n[n.size() - 4] == '-'; }),

@@ -4,7 +4,6 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -14,19 +13,6 @@
 using namespace kuv::store;
 
 namespace {
-
-std::vector<std::string> entriesStartingWith(const std::string& dir, const std::string& prefix)
-{
-    std::vector<std::string> out;
-    std::error_code ec;
-    for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
-        const std::string name = e.path().filename().string();
-        if (name.rfind(prefix, 0) == 0) {
-            out.push_back(name);
-        }
-    }
-    return out;
-}
 
 JobRecord sampleJob(int64_t start)
 {
@@ -116,7 +102,7 @@ TEST(StoreDb, CorruptFileIsKeptAsideAndANewOneStarts)
     ASSERT_TRUE(db) << error;
     ASSERT_EQ(notices.size(), 1u);
     EXPECT_NE(notices[0].find("kept it as"), std::string::npos) << notices[0];
-    const auto aside = entriesStartingWith(dir.path(), "h.sqlite.corrupt-");
+    const auto aside = kuvtest::entriesStartingWith(dir.path(), "h.sqlite.corrupt-");
     ASSERT_EQ(aside.size(), 1u);
     EXPECT_EQ(kuvtest::readFile(dir.path() + "/" + aside[0]).substr(0, garbage.size()), garbage);
     JobRecord j = sampleJob(5);
@@ -137,6 +123,6 @@ TEST(StoreDb, NewerSchemaIsKeptAside)
     ASSERT_TRUE(db) << error;
     ASSERT_EQ(notices.size(), 1u);
     EXPECT_NE(notices[0].find("newer version"), std::string::npos) << notices[0];
-    EXPECT_EQ(entriesStartingWith(dir.path(), "h.sqlite.corrupt-").size(), 1u);
+    EXPECT_EQ(kuvtest::entriesStartingWith(dir.path(), "h.sqlite.corrupt-").size(), 1u);
     EXPECT_TRUE(db->jobs().empty());
 }

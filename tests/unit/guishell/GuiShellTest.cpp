@@ -78,6 +78,21 @@ protected:
 
     int init() { return KuvGuiInterface::init(g_argc, g_argv, sUninstallFunc{&uninstallAll, &m_probe}); }
 
+    // Describes the fake plugins "a" and "b" (given version) and has the loader read them.
+    void describeFakePlugins(const char* version)
+    {
+        for (const char* id : {"a", "b"}) {
+            std::ofstream(m_box.installDir + "etc/plugins-gui/plugins/" + id + ".json")
+                << R"({"id": ")" << id << R"(", "library": "fake_good_)" << id
+                << R"(.so", "iid": "org.kuv.gui.IKuvGuiPlugin/1.0", "version": ")" << version
+                << R"(", "description": "fake"})";
+        }
+        CQPluginManager* loader = CQPluginManager::singleInstance();
+        loader->setPluginRelativeRootPath(QString::fromStdString(FAKE_PLUGIN_DIR));
+        loader->setPluginConfigFilePath(QString::fromStdString(m_box.installDir + "etc/plugins-gui/plugins/"));
+        ASSERT_EQ(2, loader->loadAllPluginInfo());
+    }
+
     shelltest::Sandbox m_box;
     UninstallProbe m_probe;
 };
@@ -177,16 +192,8 @@ TEST_F(GuiShellTest, ControlCodesFromAnotherThreadAndTheirJournal)
 
 TEST_F(GuiShellTest, QuitWaitsUntilEveryPendingUnloadIsReported)
 {
-    const std::string pluginDir = FAKE_PLUGIN_DIR;
-    for (const char* id : {"a", "b"}) {
-        std::ofstream(m_box.installDir + "etc/plugins-gui/plugins/" + id + ".json")
-            << R"({"id": ")" << id << R"(", "library": "fake_good_)" << id
-            << R"(.so", "iid": "org.kuv.gui.IKuvGuiPlugin/1.0", "version": "1", "description": "fake"})";
-    }
+    ASSERT_NO_FATAL_FAILURE(describeFakePlugins("1"));
     CQPluginManager* loader = CQPluginManager::singleInstance();
-    loader->setPluginRelativeRootPath(QString::fromStdString(pluginDir));
-    loader->setPluginConfigFilePath(QString::fromStdString(m_box.installDir + "etc/plugins-gui/plugins/"));
-    ASSERT_EQ(2, loader->loadAllPluginInfo());
     ASSERT_EQ(0, init());
     sPluginInitParas paras;
     loader->installPluginAsyn("a", QVariant::fromValue(paras));
@@ -303,16 +310,8 @@ int itemViewsIn(QWidget* w)
 
 TEST_F(GuiShellTest, NoItemViewIsBuiltUntilTheUserAsksForOneAndTheNavigationWorksFromTheKeyboard)
 {
-    const std::string pluginDir = FAKE_PLUGIN_DIR;
-    for (const char* id : {"a", "b"}) {
-        std::ofstream(m_box.installDir + "etc/plugins-gui/plugins/" + id + ".json")
-            << R"({"id": ")" << id << R"(", "library": "fake_good_)" << id
-            << R"(.so", "iid": "org.kuv.gui.IKuvGuiPlugin/1.0", "version": "7.1", "description": "fake"})";
-    }
+    ASSERT_NO_FATAL_FAILURE(describeFakePlugins("7.1"));
     CQPluginManager* loader = CQPluginManager::singleInstance();
-    loader->setPluginRelativeRootPath(QString::fromStdString(pluginDir));
-    loader->setPluginConfigFilePath(QString::fromStdString(m_box.installDir + "etc/plugins-gui/plugins/"));
-    ASSERT_EQ(2, loader->loadAllPluginInfo());
     ASSERT_EQ(0, init());
     QWidget* w = shelltest::mainWindow();
     ASSERT_NE(nullptr, w);
